@@ -1,71 +1,58 @@
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "capture/Classifier.h"
 
 namespace corvi {
 namespace {
 
-struct CategoryCase {
-    const char* bundleID;
-    AppCategory expected;
-};
-
 TEST(Classifier, CategoryIsAPrefixTestOnTheLowerCasedId) {
-    const CategoryCase cases[] = {
-        // Every list entry, as is and with something after it (no dot needed).
-        {"com.adobe.lightroomclassic", AppCategory::work},
-        {"com.adobe.lightroom", AppCategory::work},
-        {"com.adobe.photoshop", AppCategory::work},
-        {"com.adobe.bridge", AppCategory::work},
-        {"com.adobe.illustrator", AppCategory::work},
-        {"com.adobe.indesign", AppCategory::work},
-        {"com.adobe.aftereffects", AppCategory::work},
-        {"com.adobe.camera-raw", AppCategory::work},
-        {"com.phaseone.captureone", AppCategory::work},
-        {"com.captureone", AppCategory::work},
-        {"com.camerabits.photomechanic", AppCategory::work},
-        {"com.skylum", AppCategory::work},
-        {"com.pixelmatorteam", AppCategory::work},
-        {"com.pixellu.smartalbums", AppCategory::work},
-        {"com.pixellu", AppCategory::work},
-        {"com.fundy", AppCategory::work},
-        {"tech.stonefold.ferrodock", AppCategory::work},
-        {"com.apple.safari", AppCategory::browser},
-        {"com.google.chrome", AppCategory::browser},
-        {"org.mozilla.firefox", AppCategory::browser},
-        {"com.microsoft.edgemac", AppCategory::browser},
-        {"company.thebrowser.browser", AppCategory::browser},
-        {"com.brave.browser", AppCategory::browser},
-        {"com.operasoftware.opera", AppCategory::browser},
-        {"com.apple.mail", AppCategory::communication},
-        {"com.tinyspeck.slackmacgap", AppCategory::communication},
-        {"com.microsoft.teams", AppCategory::communication},
-        {"net.whatsapp.whatsapp", AppCategory::communication},
-        {"com.apple.messages", AppCategory::communication},
-        {"ru.keepcoder.telegram", AppCategory::communication},
-        {"com.adobe.photoshop.beta", AppCategory::work},
-        {"com.adobe.photoshopxyz", AppCategory::work},
-        {"com.microsoft.teams2", AppCategory::communication},
-        {"com.apple.safaritechnologypreview", AppCategory::browser},
-        {"org.mozilla.firefox-esr", AppCategory::browser},
-        // Case: full Unicode lower-casing, not ASCII only.
-        {"com.Adobe.Photoshop", AppCategory::work},
-        {"COM.GOOGLE.CHROME", AppCategory::browser},
-        {"com.s\u212Aylum.luminar", AppCategory::work},   // KELVIN SIGN lower-cases to k
-        {"com.apple.safar\u0130", AppCategory::browser},  // İ lower-cases to i + combining dot
-        // Only an entry may be the prefix, never the reverse; no substring matches.
-        {"com.adobe", AppCategory::other},
-        {"com.apple", AppCategory::other},
-        {"org.com.adobe.photoshop", AppCategory::other},
-        {" com.adobe.photoshop", AppCategory::other},
-        {"com.adobe.photoshoq", AppCategory::other},
-        {"", AppCategory::other},
-        {"unknown", AppCategory::other},
-        {"locked", AppCategory::other},
-        {"org.gimp.GIMP", AppCategory::other},
+    struct Group {
+        AppCategory expected;
+        std::vector<const char*> bundleIDs;
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(Classifier::category(QString::fromUtf8(c.bundleID)), c.expected) << c.bundleID;
+    const Group groups[] = {
+        // Every list entry, then prefixes that need no dot, then full Unicode lower-casing
+        // (KELVIN SIGN lower-cases to k, İ to i + combining dot).
+        {AppCategory::work,
+         {"com.adobe.lightroomclassic",
+          "com.adobe.lightroom",
+          "com.adobe.photoshop",
+          "com.adobe.bridge",
+          "com.adobe.illustrator",
+          "com.adobe.indesign",
+          "com.adobe.aftereffects",
+          "com.adobe.camera-raw",
+          "com.phaseone.captureone",
+          "com.captureone",
+          "com.camerabits.photomechanic",
+          "com.skylum",
+          "com.pixelmatorteam",
+          "com.pixellu.smartalbums",
+          "com.pixellu",
+          "com.fundy",
+          "tech.stonefold.ferrodock",
+          "com.adobe.photoshop.beta",
+          "com.adobe.photoshopxyz",
+          "com.Adobe.Photoshop",
+          "com.s\u212Aylum.luminar"}},
+        {AppCategory::browser,
+         {"com.apple.safari", "com.google.chrome", "org.mozilla.firefox", "com.microsoft.edgemac",
+          "company.thebrowser.browser", "com.brave.browser", "com.operasoftware.opera",
+          "com.apple.safaritechnologypreview", "org.mozilla.firefox-esr", "COM.GOOGLE.CHROME",
+          "com.apple.safar\u0130"}},
+        {AppCategory::communication,
+         {"com.apple.mail", "com.tinyspeck.slackmacgap", "com.microsoft.teams", "net.whatsapp.whatsapp",
+          "com.apple.messages", "ru.keepcoder.telegram", "com.microsoft.teams2", "Net.WhatsApp.WhatsApp"}},
+        // Only an entry may be the prefix, never the reverse or a substring.
+        {AppCategory::other,
+         {"com.adobe", "com.apple", "org.com.adobe.photoshop", " com.adobe.photoshop", "com.adobe.photoshoq",
+          "", "unknown", "locked", "org.gimp.GIMP"}},
+    };
+    for (const auto& g : groups)
+        for (const char* id : g.bundleIDs)
+            EXPECT_EQ(Classifier::category(QString::fromUtf8(id)), g.expected) << id;
 }
 
 struct StateCase {
@@ -100,17 +87,6 @@ TEST(Classifier, StateRuleWithInclusiveThresholds) {
     const Classifier classifier;
     for (const auto& c : cases)
         EXPECT_EQ(classifier.state(c.locked, c.idle, c.cpu, c.category), c.expected) << c.name;
-}
-
-TEST(Classifier, ThresholdsComeFromTheFields) {
-    Classifier classifier;
-    EXPECT_EQ(classifier.absentAfterSeconds, 180);
-    EXPECT_EQ(classifier.renderingCPUPercent, 25);
-    classifier.absentAfterSeconds = 60;
-    classifier.renderingCPUPercent = 50;
-    EXPECT_EQ(classifier.state(false, 60, 49, AppCategory::work), ActivityState::idle);
-    EXPECT_EQ(classifier.state(false, 60, 50, AppCategory::work), ActivityState::rendering);
-    EXPECT_EQ(classifier.state(false, 59, 50, AppCategory::work), ActivityState::working);
 }
 
 }  // namespace

@@ -1,9 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QStringList>
-#include <thread>
-#include <vector>
-
 #include "capture/TitleNormalizer.h"
 
 namespace corvi {
@@ -145,24 +141,6 @@ TEST(TitleNormalizer, HostileTitlesEndWell) {
         {"digits", QString(100000, u'7'), QString(100000, u'7')},
     };
     for (const auto& c : cases) EXPECT_EQ(TitleNormalizer::clean(c.raw), c.cleaned) << c.name;
-}
-
-TEST(TitleNormalizer, SameAnswersFromManyThreads) {
-    const QStringList titles{QStringLiteral("● Untitled-1 — 1024 × 768"), QStringLiteral("A  B"),
-                             QStringLiteral("· Notes ·"), QStringLiteral("Scan | 800x600")};
-    QStringList expected;
-    for (const auto& t : titles) expected << TitleNormalizer::clean(t);
-
-    std::vector<int> mismatches(4, 0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 2000; ++i)
-                if (TitleNormalizer::clean(titles[i % titles.size()]) != expected[i % titles.size()])
-                    ++mismatches[static_cast<size_t>(t)];
-        });
-    for (auto& th : threads) th.join();
-    EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
 
 }  // namespace
