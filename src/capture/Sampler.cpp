@@ -42,9 +42,10 @@ void Sampler::start() {
 
 void Sampler::tick() {
     if (isPaused) {
-        // The callback may end its owner and with it this sampler.
+        // The callback may end its owner and with it this sampler (and the callback's storage).
         const QPointer<Sampler> alive(this);
-        const bool paused = isPaused();
+        const auto pausedNow = isPaused;
+        const bool paused = pausedNow();
         if (!alive) return;
         if (paused) {
             flushCurrent();
