@@ -14,12 +14,10 @@ constexpr char16_t glyphBlockStart = 0x2580;  // every spinner glyph outside bra
 
 struct Patterns {
     std::bitset<0x80> spinnerGlyphs;
-    // The lookbehind only skips start positions inside a blank run: the leftmost match
-    // never starts there, and without it a long run of blanks costs quadratic time.
-    QRegularExpression trailingSize{
-        QStringLiteral("(?<!" CORVI_WS ")" CORVI_WS "*[—–\\-|]" CORVI_WS "*\\d+" CORVI_WS "*[×xX]" CORVI_WS
-                       "*\\d+" CORVI_WS "*\\z"),
-        QRegularExpression::UseUnicodePropertiesOption};
+    // \z, not $: the size must end the text, not a line before a final line break.
+    QRegularExpression trailingSize{QStringLiteral(CORVI_WS "*[—–\\-|]" CORVI_WS "*\\d+" CORVI_WS
+                                                            "*[×xX]" CORVI_WS "*\\d+" CORVI_WS "*\\z"),
+                                    QRegularExpression::UseUnicodePropertiesOption};
 
     Patterns() {
         for (QChar c : QStringView(u"◐◑◒◓◴◵◶◷◜◝◞◟▉▊▋▌▍▎▏▁▂▃▄▅▆▇█◂◃▸▹●○◆◇"))
@@ -72,12 +70,29 @@ QString withoutSpinners(const QString& title, const Patterns& p) {
     return text;
 }
 
-// The size pattern can only match when the last character before trailing blanks is a digit;
-// a low surrogate may end a digit beyond the BMP, so it leaves the question to the pattern.
-bool mayEndInSize(const QString& text) {
-    qsizetype i = text.size();
-    while (i > 0 && isBlank(text[i - 1])) --i;
-    return i > 0 && (text[i - 1].isDigit() || text[i - 1].isLowSurrogate());
+bool isSizeSeparator(QChar c) {
+    const char16_t u = c.unicode();
+    return u == u'—' || u == u'–' || u == u'-' || u == u'|';
+}
+
+// Removes the trailing size. Nothing after the pattern's separator can be one, so a match
+// uses the text's last separator and its leftmost start is the blank run before it: the
+// pattern is tried there alone, which also spares every other start position.
+void removeTrailingSize(QString& text, const QRegularExpression& trailingSize) {
+    qsizetype end = text.size();
+    while (end > 0 && isBlank(text[end - 1])) --end;
+    // Only a digit (or a low surrogate, the end of one beyond the BMP) can end a size.
+    if (end == 0 || !(text[end - 1].isDigit() || text[end - 1].isLowSurrogate())) return;
+    qsizetype sep = end;
+    while (sep > 0 && !isSizeSeparator(text[sep - 1])) --sep;
+    if (sep == 0) return;
+    qsizetype start = sep - 1;
+    while (start > 0 && isBlank(text[start - 1])) --start;
+    if (trailingSize
+            .match(text, start, QRegularExpression::NormalMatch,
+                   QRegularExpression::AnchorAtOffsetMatchOption)
+            .hasMatch())
+        text.truncate(start);
 }
 
 // Every run of two or more blanks becomes one space.
@@ -108,7 +123,7 @@ QString TitleNormalizer::clean(const QString& title) {
     const Patterns& p = patterns();
 
     QString text = withoutSpinners(title, p);
-    if (mayEndInSize(text)) text.remove(p.trailingSize);
+    removeTrailingSize(text, p.trailingSize);
     text = collapseBlankRuns(text);
 
     qsizetype begin = 0, end = text.size();
