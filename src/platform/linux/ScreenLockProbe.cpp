@@ -19,7 +19,8 @@ constexpr Service kServices[] = {
     {"org.gnome.ScreenSaver", "/org/gnome/ScreenSaver", "org.gnome.ScreenSaver", false},
     {"org.mate.ScreenSaver", "/org/mate/ScreenSaver", "org.mate.ScreenSaver", false},
     {"org.cinnamon.ScreenSaver", "/org/cinnamon/ScreenSaver", "org.cinnamon.ScreenSaver", false},
-    {"org.freedesktop.login1", "/org/freedesktop/login1/session/auto", "org.freedesktop.login1.Session", true},
+    {"org.freedesktop.login1", "/org/freedesktop/login1/session/auto", "org.freedesktop.login1.Session",
+     true},
 };
 constexpr int kServiceCount = sizeof(kServices) / sizeof(kServices[0]);
 

@@ -33,15 +33,16 @@ bool X11Accessibility::trusted() {
     if (!c) return false;
     const X11Session::Atoms& a = session_->atoms();
     constexpr std::uint32_t kMaxAtoms = 4096;
-    const auto checkCookie =
-        xcb_get_property(c, 0, session_->root(), a.netSupportingWmCheck, XCB_ATOM_WINDOW, 0, 1);
-    const auto supportedCookie = xcb_get_property(c, 0, session_->root(), a.netSupported, XCB_ATOM_ATOM, 0, kMaxAtoms);
+    const auto checkCookie = session_->sent(
+        xcb_get_property(c, 0, session_->root(), a.netSupportingWmCheck, XCB_ATOM_WINDOW, 0, 1));
+    const auto supportedCookie =
+        session_->sent(xcb_get_property(c, 0, session_->root(), a.netSupported, XCB_ATOM_ATOM, 0, kMaxAtoms));
     const xcb_window_t check = windowIn(await(*session_, c, checkCookie));
     const PropertyReply supported = await(*session_, c, supportedCookie);
     if (check == XCB_WINDOW_NONE || !supported || supported->format != 32) return false;
-    if (windowIn(await(*session_, c, xcb_get_property(c, 0, check, a.netSupportingWmCheck, XCB_ATOM_WINDOW, 0, 1))) !=
-        check)
-        return false;
+    const auto selfCookie =
+        session_->sent(xcb_get_property(c, 0, check, a.netSupportingWmCheck, XCB_ATOM_WINDOW, 0, 1));
+    if (windowIn(await(*session_, c, selfCookie)) != check) return false;
     const auto* atoms = static_cast<const xcb_atom_t*>(xcb_get_property_value(supported.get()));
     const int count = xcb_get_property_value_length(supported.get()) / 4;
     for (int i = 0; i < count; ++i)

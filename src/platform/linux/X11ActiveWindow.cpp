@@ -79,7 +79,9 @@ QString windowClassOf(X11Session& s, const Property& p) {
     return p.reply->type == XCB_ATOM_STRING ? QString::fromLatin1(cls) : strictUtf8(cls, false);
 }
 
-bool processExists(std::int32_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+bool processExists(std::int32_t pid) {
+    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+}
 
 QByteArray readSmallFile(const QString& path) {
     QFile f(path);
@@ -122,8 +124,8 @@ X11ActiveWindow::X11ActiveWindow(std::shared_ptr<X11Session> session, std::uniqu
 xcb_window_t X11ActiveWindow::activeWindow(xcb_connection_t* c) {
     const Property p =
         awaitProperty(*session_, c,
-                      xcb_get_property(c, 0, session_->root(), session_->atoms().netActiveWindow,
-                                       XCB_ATOM_WINDOW, 0, 1));
+                      session_->sent(xcb_get_property(
+                          c, 0, session_->root(), session_->atoms().netActiveWindow, XCB_ATOM_WINDOW, 0, 1)));
     if (!p.present() || p.reply->format != 32 || xcb_get_property_value_length(p.reply.get()) < 4)
         return XCB_WINDOW_NONE;
     return *static_cast<const xcb_window_t*>(xcb_get_property_value(p.reply.get()));
@@ -133,16 +135,21 @@ std::optional<X11ActiveWindow::Facts> X11ActiveWindow::read(xcb_connection_t* c,
     X11Session& s = *session_;
     const X11Session::Atoms& a = s.atoms();
     constexpr std::uint32_t titleLongs = kTitleBytes / 4;
-    const auto netName = xcb_get_property(c, 0, w, a.netWmName, XCB_GET_PROPERTY_TYPE_ANY, 0, titleLongs);
-    const auto wmName = xcb_get_property(c, 0, w, XCB_ATOM_WM_NAME, XCB_GET_PROPERTY_TYPE_ANY, 0, titleLongs);
-    const auto wmClass = xcb_get_property(c, 0, w, XCB_ATOM_WM_CLASS, XCB_GET_PROPERTY_TYPE_ANY, 0, kShortLongs);
-    const auto netPid = xcb_get_property(c, 0, w, a.netWmPid, XCB_ATOM_CARDINAL, 0, 1);
-    const auto gtkId = xcb_get_property(c, 0, w, a.gtkApplicationId, XCB_GET_PROPERTY_TYPE_ANY, 0, kShortLongs);
-    const auto kdeFile = xcb_get_property(c, 0, w, a.kdeDesktopFile, XCB_GET_PROPERTY_TYPE_ANY, 0, kShortLongs);
+    const auto netName =
+        s.sent(xcb_get_property(c, 0, w, a.netWmName, XCB_GET_PROPERTY_TYPE_ANY, 0, titleLongs));
+    const auto wmName =
+        s.sent(xcb_get_property(c, 0, w, XCB_ATOM_WM_NAME, XCB_GET_PROPERTY_TYPE_ANY, 0, titleLongs));
+    const auto wmClass =
+        s.sent(xcb_get_property(c, 0, w, XCB_ATOM_WM_CLASS, XCB_GET_PROPERTY_TYPE_ANY, 0, kShortLongs));
+    const auto netPid = s.sent(xcb_get_property(c, 0, w, a.netWmPid, XCB_ATOM_CARDINAL, 0, 1));
+    const auto gtkId =
+        s.sent(xcb_get_property(c, 0, w, a.gtkApplicationId, XCB_GET_PROPERTY_TYPE_ANY, 0, kShortLongs));
+    const auto kdeFile =
+        s.sent(xcb_get_property(c, 0, w, a.kdeDesktopFile, XCB_GET_PROPERTY_TYPE_ANY, 0, kShortLongs));
     xcb_res_query_client_ids_cookie_t resCookie{};
     if (s.hasResourceExtension()) {
         xcb_res_client_id_spec_t spec{w, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
-        resCookie = xcb_res_query_client_ids(c, 1, &spec);
+        resCookie = s.sent(xcb_res_query_client_ids(c, 1, &spec));
     }
 
     const Property pNetName = awaitProperty(s, c, netName);
@@ -156,7 +163,8 @@ std::optional<X11ActiveWindow::Facts> X11ActiveWindow::read(xcb_connection_t* c,
         s.willWait(resCookie.sequence);
         xcb_generic_error_t* error = nullptr;
         if (auto* reply = xcb_res_query_client_ids_reply(c, resCookie, &error)) {
-            for (auto it = xcb_res_query_client_ids_ids_iterator(reply); it.rem; xcb_res_client_id_value_next(&it)) {
+            for (auto it = xcb_res_query_client_ids_ids_iterator(reply); it.rem;
+                 xcb_res_client_id_value_next(&it)) {
                 if ((it.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) &&
                     xcb_res_client_id_value_value_length(it.data) >= 1) {
                     resPid = static_cast<std::int32_t>(*xcb_res_client_id_value_value(it.data));
@@ -171,14 +179,20 @@ std::optional<X11ActiveWindow::Facts> X11ActiveWindow::read(xcb_connection_t* c,
     if (xcb_connection_has_error(c)) return std::nullopt;
 
     Facts f;
-    const Property& titleSource = pNetName.present() ? pNetName : pWmName;
-    f.title = textOf(s, titleSource);
+    // A _NET_WM_NAME that is there decides, even when it is not usable text.
+    if (pNetName.present())
+        f.title =
+            pNetName.isText(a.utf8String) ? strictUtf8(pNetName.bytes(), pNetName.truncated()) : QString();
+    else
+        f.title = textOf(s, pWmName);
     f.windowClass = windowClassOf(s, pClass);
     f.gtkApplicationId = textOf(s, pGtk).trimmed();
     f.kdeDesktopFile = desktopFileId(textOf(s, pKde));
     std::int32_t pid = resPid;
-    if (pid <= 0 && pPid.present() && pPid.reply->format == 32 && xcb_get_property_value_length(pPid.reply.get()) >= 4)
-        pid = static_cast<std::int32_t>(*static_cast<const std::uint32_t*>(xcb_get_property_value(pPid.reply.get())));
+    if (pid <= 0 && pPid.present() && pPid.reply->format == 32 &&
+        xcb_get_property_value_length(pPid.reply.get()) >= 4)
+        pid = static_cast<std::int32_t>(
+            *static_cast<const std::uint32_t*>(xcb_get_property_value(pPid.reply.get())));
     f.pid = processExists(pid) ? pid : 0;
     return f;
 }

@@ -13,7 +13,7 @@ X11IdleMonitor::X11IdleMonitor(std::shared_ptr<X11Session> session, std::unique_
 double X11IdleMonitor::idleSeconds() {
     xcb_connection_t* c = session_->connection();
     if (!c || !session_->hasScreenSaverExtension()) return 0;
-    const auto cookie = xcb_screensaver_query_info(c, session_->root());
+    const auto cookie = session_->sent(xcb_screensaver_query_info(c, session_->root()));
     session_->willWait(cookie.sequence);
     xcb_generic_error_t* error = nullptr;
     xcb_screensaver_query_info_reply_t* reply = xcb_screensaver_query_info_reply(c, cookie, &error);
@@ -23,6 +23,8 @@ double X11IdleMonitor::idleSeconds() {
     return std::isfinite(seconds) ? seconds : 0.0;
 }
 
-bool X11IdleMonitor::screenLocked() { return lock_ && lock_->locked(); }
+bool X11IdleMonitor::screenLocked() {
+    return lock_ && lock_->locked();
+}
 
 }  // namespace corvi

@@ -13,7 +13,9 @@ namespace corvi {
 X11Session::X11Session(QByteArray displayName, std::chrono::milliseconds retryInterval)
     : displayName_(std::move(displayName)), retryInterval_(retryInterval) {}
 
-X11Session::~X11Session() { disconnect(); }
+X11Session::~X11Session() {
+    disconnect();
+}
 
 std::shared_ptr<X11Session> X11Session::shared() {
     static const auto session = std::make_shared<X11Session>();
@@ -69,16 +71,16 @@ bool X11Session::connect() {
         {"_KDE_NET_WM_DESKTOP_FILE", &atoms_.kdeDesktopFile},
     };
     constexpr size_t count = sizeof(wants) / sizeof(wants[0]);
+    lastSent_ = horizon_ = 0;
     xcb_intern_atom_cookie_t cookies[count];
     for (size_t i = 0; i < count; ++i)
-        cookies[i] = xcb_intern_atom(c, 0, static_cast<uint16_t>(strlen(wants[i].name)), wants[i].name);
+        cookies[i] = sent(xcb_intern_atom(c, 0, static_cast<uint16_t>(strlen(wants[i].name)), wants[i].name));
     xcb_prefetch_extension_data(c, &xcb_res_id);
     xcb_prefetch_extension_data(c, &xcb_screensaver_id);
 
     conn_ = c;
     root_ = it.data->root;
     connectedName_ = name;
-    maxWaited_ = 0;
     for (size_t i = 0; i < count; ++i) {
         willWait(cookies[i].sequence);
         xcb_intern_atom_reply_t* reply = xcb_intern_atom_reply(c, cookies[i], nullptr);
@@ -106,9 +108,9 @@ void X11Session::disconnect() {
 }
 
 void X11Session::willWait(unsigned int sequence) {
-    if (static_cast<int>(sequence - maxWaited_) > 0) {
-        maxWaited_ = sequence;
+    if (static_cast<int>(sequence - horizon_) > 0) {
         ++roundTrips_;
+        horizon_ = static_cast<int>(lastSent_ - sequence) > 0 ? lastSent_ : sequence;
     }
 }
 

@@ -47,8 +47,14 @@ class X11Session {
     bool hasResourceExtension() const { return hasRes_; }
     bool hasScreenSaverExtension() const { return hasScreenSaver_; }
 
-    // Call before waiting for the reply to `sequence`: a wait for a request newer than any
-    // waited for so far is one round trip; the older replies have arrived with it.
+    // Round-trip accounting: requests pass through sent(), and willWait() runs before each
+    // reply is awaited. Waiting for a request sent after the last counted wait began is one
+    // round trip; the replies to everything sent before that wait arrive with it.
+    template <typename Cookie>
+    Cookie sent(Cookie cookie) {
+        if (static_cast<int>(cookie.sequence - lastSent_) > 0) lastSent_ = cookie.sequence;
+        return cookie;
+    }
     void willWait(unsigned int sequence);
     // Round trips since the session was made, for the benchmark.
     std::uint64_t roundTrips() const { return roundTrips_; }
@@ -72,7 +78,8 @@ class X11Session {
     Atoms atoms_;
     bool hasRes_ = false;
     bool hasScreenSaver_ = false;
-    unsigned int maxWaited_ = 0;
+    unsigned int lastSent_ = 0;
+    unsigned int horizon_ = 0;
     std::uint64_t roundTrips_ = 0;
     std::unique_ptr<CompoundTextDecoder> compound_;
 };
