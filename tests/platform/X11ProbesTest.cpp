@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -265,6 +267,38 @@ TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValues) {
     X11IdleMonitor idle(session, nullptr);
     EXPECT_EQ(idle.idleSeconds(), 0.0) << "no screen-saver extension";
     EXPECT_FALSE(X11Accessibility(session).trusted()) << "no window manager";
+}
+
+// A process whose root holds a .flatpak-info is a sandboxed app; needs the right to chroot.
+TEST(X11BareDisplayTest, FlatpakSandboxGivesTheAppId) {
+    XServer server(false, 640, 480, {QStringLiteral("-extension"), QStringLiteral("X-Resource")});
+    ASSERT_TRUE(server.ok());
+    QTemporaryDir root;
+    writeFile(root.filePath(QStringLiteral(".flatpak-info")),
+              "[Instance]\nname=not.this\n\n[Application]\nruntime=runtime/x\nname=org.example.Sandboxed\n");
+    const pid_t child = fork();
+    if (child == 0) {
+        if (chroot(QFile::encodeName(root.path()).constData()) == 0) pause();
+        _exit(1);
+    }
+    ASSERT_GT(child, 0);
+    QThread::msleep(100);
+    const bool sandboxed =
+        QFileInfo(QStringLiteral("/proc/%1/root").arg(child)).symLinkTarget() == root.path();
+    XClient client(server.display());
+    auto session = std::make_shared<X11Session>(server.display().toLocal8Bit(), 0ms);
+    X11ActiveWindow probe(session, std::make_unique<DesktopEntries>(QStringList{}));
+    const XClient::Window w = client.createWindow();
+    client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(child));
+    client.setText(w, "_GTK_APPLICATION_ID", "UTF8_STRING", "org.example.Outside");
+    client.setActiveWindow(w);
+    const auto info = probe.current();
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    if (!sandboxed) GTEST_SKIP() << "no permission to chroot";
+    ASSERT_TRUE(info.has_value());
+    EXPECT_EQ(info->bundleID, QStringLiteral("org.example.Sandboxed")) << "the sandbox's ID wins";
+    EXPECT_EQ(info->pid, child);
 }
 
 // The window manager goes, then the display; a new display under the same $DISPLAY brings
