@@ -53,13 +53,18 @@ void stop(std::unique_ptr<QProcess>& p) {
 
 }  // namespace
 
-XServer::XServer(bool windowManager, int width, int height) {
+XServer::XServer(bool windowManager, int width, int height, const QStringList& serverArgs) {
     xvfb_ = std::make_unique<QProcess>();
     xvfb_->setProcessChannelMode(QProcess::SeparateChannels);
-    xvfb_->start(QStringLiteral("Xvfb"),
-                 {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                  QStringLiteral("0"), QStringLiteral("%1x%2x24").arg(width).arg(height),
-                  QStringLiteral("-nolisten"), QStringLiteral("tcp"), QStringLiteral("-noreset")});
+    QStringList args{QStringLiteral("-displayfd"),
+                     QStringLiteral("1"),
+                     QStringLiteral("-screen"),
+                     QStringLiteral("0"),
+                     QStringLiteral("%1x%2x24").arg(width).arg(height),
+                     QStringLiteral("-nolisten"),
+                     QStringLiteral("tcp"),
+                     QStringLiteral("-noreset")};
+    xvfb_->start(QStringLiteral("Xvfb"), args + serverArgs);
     if (!xvfb_->waitForStarted(5000)) return;
     QByteArray out;
     QElapsedTimer clock;
