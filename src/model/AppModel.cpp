@@ -52,7 +52,8 @@ QStringList systemLanguages() {
 AppModel::AppModel(const QString& configPath, QObject* parent)
     : QObject(parent),
       configURL_(configPath.isEmpty() ? dataFolder() + QStringLiteral("/config.json") : configPath),
-      languageSource_(systemLanguages) {
+      languageSource_(systemLanguages),
+      loginItem_(&platformLoginItem()) {
     QDir().mkpath(QFileInfo(configURL_).absolutePath());
 }
 

@@ -90,8 +90,8 @@ class AppModel : public QObject {
     void applyLaunchAtLogin();
 
     // Seams: where the preferred languages come from (default: the system locale's UI
-    // languages), and the login item applyLaunchAtLogin acts on (not owned; default: the
-    // platform's).
+    // languages, which Qt takes from LANGUAGE, LC_ALL, LC_MESSAGES, LANG), and the login item
+    // applyLaunchAtLogin acts on (not owned; default: the platform's).
     void setLanguageSource(LanguageSource source) { languageSource_ = std::move(source); }
     void setLoginItem(LoginItem* item) { loginItem_ = item; }
 

@@ -22,4 +22,7 @@ class LoginItem {
     virtual bool unregisterItem(QString& error) = 0;
 };
 
+// The running platform's login item (one per process).
+LoginItem& platformLoginItem();
+
 }  // namespace corvi
