@@ -12,7 +12,7 @@
 #include <csignal>
 
 #include "model/AppModel.h"
-#include "platform/LoginItem.h"
+#include "model/RecordingLoginItem.h"
 
 namespace corvi {
 namespace {
@@ -46,39 +46,6 @@ struct Persisted {
 Persisted persisted(const AppModel& m) {
     return {m.serverURL(), m.apiKey(), m.paused(), m.language(), m.launchAtLogin(), m.passcode()};
 }
-
-// A login item that records what the model asked of it.
-class RecordingLoginItem final : public LoginItem {
-  public:
-    bool installed = true;
-    bool systemWide = false;
-    Status current = Status::notRegistered;
-    bool fail = false;
-    QStringList calls;
-    std::function<void()> onChange;
-
-    bool installedProgram() const override { return installed; }
-    bool systemWideEntryPresent() const override { return systemWide; }
-    Status status() const override { return current; }
-    bool registerItem(QString& error) override {
-        return act(QStringLiteral("register"), Status::enabled, error);
-    }
-    bool unregisterItem(QString& error) override {
-        return act(QStringLiteral("unregister"), Status::notRegistered, error);
-    }
-
-  private:
-    bool act(const QString& name, Status after, QString& error) {
-        calls << name;
-        if (onChange) onChange();
-        if (fail) {
-            error = QStringLiteral("refused");
-            return false;
-        }
-        current = after;
-        return true;
-    }
-};
 
 class AppModelTest : public ::testing::Test {
   protected:
@@ -275,7 +242,7 @@ TEST_F(AppModelTest, FailedSaveLeavesTheOldFileAndNoStrays) {
 // already held the new value.
 TEST_F(AppModelTest, AnnouncesBeforeStoringAndSavesOnlyOnChange) {
     AppModel m(path());
-    RecordingLoginItem item;
+    test::RecordingLoginItem item;
     m.setLoginItem(&item);
     QStringList events;
     QObject::connect(&m, &AppModel::aboutToChange, [&](AppModel::Field f) {
@@ -317,7 +284,7 @@ TEST_F(AppModelTest, LoadAnnouncesInOrderWithoutSavingButAppliesLaunchAtLogin) {
             "passcode": {"salt": "c2FsdA==", "hash": "aGFzaA==", "iterations": 1}})";
     writeFile(path(), content);
     AppModel m(path());
-    RecordingLoginItem item;
+    test::RecordingLoginItem item;
     item.current = LoginItem::Status::enabled;
     m.setLoginItem(&item);
     QList<AppModel::Field> fields;
