@@ -6,9 +6,13 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QStyle>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
+#include <functional>
 
+#include "model/AppModel.h"
+#include "platform/AdminAuth.h"
 #include "shell/Gate.h"
 #include "shell/PasscodePrompt.h"
 
@@ -49,8 +53,7 @@ QString iconOf(QDialog& dialog) {
 }
 
 // Plays `steps` against the prompt's dialogs as they appear and answers what pede answered.
-bool play(const QList<Step>& steps, QList<Seen>& seen, const QString& reason = QStringLiteral("Reason"),
-          const QString& titulo = QStringLiteral("Title"), const QString& erro = QStringLiteral("Wrong")) {
+bool play(const QList<Step>& steps, QList<Seen>& seen, const std::function<bool()>& ask) {
     qsizetype next = 0;
     QTimer driver;
     driver.setInterval(5);
@@ -90,8 +93,7 @@ bool play(const QList<Step>& steps, QList<Seen>& seen, const QString& reason = Q
         }
     });
     driver.start();
-    PasscodePrompt prompt;
-    const bool answer = prompt.pede(reason, record, titulo, erro);
+    const bool answer = ask();
     EXPECT_EQ(next, steps.size()) << "not every planned dialog appeared";
     return answer;
 }
@@ -115,7 +117,14 @@ TEST(PasscodePrompt, AttemptsAsAPersonMakesThem) {
     };
     for (const Case& c : cases) {
         QList<Seen> seen;
-        EXPECT_EQ(play(c.steps, seen), c.answer) << c.row;
+        PasscodePrompt prompt;
+        EXPECT_EQ(play(c.steps, seen,
+                       [&] {
+                           return prompt.pede(QStringLiteral("Reason"), record, QStringLiteral("Title"),
+                                              QStringLiteral("Wrong"));
+                       }),
+                  c.answer)
+            << c.row;
         ASSERT_EQ(seen.size(), c.steps.size()) << c.row;
         for (qsizetype i = 0; i < seen.size(); ++i) {
             const Seen& s = seen[i];
@@ -133,6 +142,14 @@ TEST(PasscodePrompt, AttemptsAsAPersonMakesThem) {
     }
 }
 
+class NoAdmin final : public AdminAuth {
+  public:
+    bool authenticate(const QString&) override {
+        ADD_FAILURE() << "a model with a passcode must not ask for an administrator";
+        return true;
+    }
+};
+
 TEST(PasscodePrompt, ShowsTheGateTextsInTheModelLanguage) {
     struct Case {
         const char* lang;
@@ -148,10 +165,17 @@ TEST(PasscodePrompt, ShowsTheGateTextsInTheModelLanguage) {
     };
     for (const Case& c : cases) {
         const QString lang = QString::fromLatin1(c.lang);
+        // Through the gate, as the menu asks before pausing.
+        QTemporaryDir dir;
+        AppModel model(dir.filePath(QStringLiteral("config.json")));
+        model.setLanguage(lang);
+        model.setPasscode(record);
+        PasscodePrompt prompt;
+        NoAdmin admin;
+        Gate gate(model, prompt, admin);
         QList<Seen> seen;
         EXPECT_FALSE(play({{Step::type, ""}, {Step::type, ""}, {Step::type, ""}}, seen,
-                          Gate::reason(GuardedAction::pause, lang), Gate::title(lang),
-                          Gate::wrongPasscode(lang)));
+                          [&] { return gate.autoriza(GuardedAction::pause); }));
         ASSERT_EQ(seen.size(), 3) << c.lang;
         EXPECT_EQ(seen[0].windowTitle, QString::fromUtf8(c.title)) << c.lang;
         EXPECT_EQ(seen[0].heading, QString::fromUtf8(c.title)) << c.lang;
