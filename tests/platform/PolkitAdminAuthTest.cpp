@@ -7,29 +7,13 @@
 #include <QDBusVirtualObject>
 #include <QElapsedTimer>
 #include <QMutex>
-#include <QProcess>
 #include <QThread>
 
 #include "platform/linux/PolkitAdminAuth.h"
+#include "support/DBusDaemon.h"
 
 namespace corvi {
 namespace {
-
-// A private bus daemon standing in for the system bus.
-class PrivateBus {
-  public:
-    PrivateBus() {
-        daemon.start(QStringLiteral("dbus-daemon"), {"--session", "--print-address", "--nofork"});
-        if (daemon.waitForStarted(5000) && daemon.waitForReadyRead(5000))
-            address = QString::fromUtf8(daemon.readLine()).trimmed();
-    }
-    ~PrivateBus() {
-        daemon.kill();
-        daemon.waitForFinished(5000);
-    }
-    QProcess daemon;
-    QString address;
-};
 
 // polkit's Authority as far as the agent uses it; answers from its own thread, since the
 // caller blocks its thread while it waits.
@@ -82,7 +66,7 @@ class PolkitAdminAuthTest : public ::testing::Test {
         QMetaObject::invokeMethod(
             &authority,
             [&] {
-                QDBusConnection c = QDBusConnection::connectToBus(bus.address, QStringLiteral("stand-in"));
+                QDBusConnection c = QDBusConnection::connectToBus(bus.address(), QStringLiteral("stand-in"));
                 if (named) c.registerService(QStringLiteral("org.freedesktop.PolicyKit1"));
                 c.registerVirtualObject(QStringLiteral("/org/freedesktop/PolicyKit1/Authority"), &authority);
             },
@@ -96,15 +80,15 @@ class PolkitAdminAuthTest : public ::testing::Test {
         thread.wait();
     }
 
-    PrivateBus bus;
+    test::DBusDaemon bus;  // stands in for the system bus
     QThread thread;
     Authority authority;
 };
 
 TEST_F(PolkitAdminAuthTest, AsksForThisProcessWithInteractionAllowedAndNoDetails) {
-    ASSERT_FALSE(bus.address.isEmpty());
+    ASSERT_FALSE(bus.address().isEmpty());
     serve(true);
-    PolkitAdminAuth auth(bus.address, 5000);
+    PolkitAdminAuth auth(bus.address(), 5000);
     EXPECT_TRUE(auth.authenticate(QStringLiteral("tech.stonefold.corvimetry.quit")));
 
     const QList<QDBusMessage> calls = authority.received();
@@ -143,7 +127,7 @@ TEST_F(PolkitAdminAuthTest, AsksForThisProcessWithInteractionAllowedAndNoDetails
 }
 
 TEST_F(PolkitAdminAuthTest, YesOnlyWhenAuthorized) {
-    ASSERT_FALSE(bus.address.isEmpty());
+    ASSERT_FALSE(bus.address().isEmpty());
     serve(true);
     struct Case {
         const char* row;
@@ -159,17 +143,17 @@ TEST_F(PolkitAdminAuthTest, YesOnlyWhenAuthorized) {
     };
     for (const Case& c : cases) {
         authority.mode = c.mode;
-        PolkitAdminAuth auth(bus.address, 300);
+        PolkitAdminAuth auth(bus.address(), 300);
         EXPECT_EQ(auth.authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")), c.answer) << c.row;
     }
     EXPECT_EQ(authority.received().size(), 5);
 }
 
 TEST_F(PolkitAdminAuthTest, NoWithoutPolkitOrWithoutABus) {
-    ASSERT_FALSE(bus.address.isEmpty());
+    ASSERT_FALSE(bus.address().isEmpty());
     serve(false);
     EXPECT_FALSE(
-        PolkitAdminAuth(bus.address, 2000).authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")));
+        PolkitAdminAuth(bus.address(), 2000).authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")));
     EXPECT_TRUE(authority.received().isEmpty());
     EXPECT_FALSE(PolkitAdminAuth(QStringLiteral("unix:path=/nonexistent/bus"), 2000)
                      .authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")));
