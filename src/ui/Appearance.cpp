@@ -45,8 +45,10 @@ Appearance* Appearance::instance() {
 Appearance::Appearance(QObject* parent) : QObject(parent) {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (bus.isConnected()) {
+        // The whole message, not typed arguments: the value's variant arrives as QDBusVariant
+        // and QtDBus would not connect a slot typed for it.
         bus.connect(kService, kPath, kInterface, QStringLiteral("SettingChanged"), this,
-                    SLOT(onSettingChanged(QString, QString, QDBusVariant)));
+                    SLOT(onSettingChanged(QDBusMessage)));
         // The portal is often started on demand, after us: read it again when it appears.
         auto* watcher = new QDBusServiceWatcher(
             kService, bus,
@@ -114,9 +116,10 @@ bool Appearance::eventFilter(QObject* watched, QEvent* event) {
     return QObject::eventFilter(watched, event);
 }
 
-void Appearance::onSettingChanged(const QString& ns, const QString& key, const QDBusVariant& value) {
-    if (ns != kNamespace || key != kKey) return;
-    portalDark_ = darkFromPortalValue(value.variant());
+void Appearance::onSettingChanged(const QDBusMessage& signal) {
+    const QVariantList args = signal.arguments();
+    if (args.size() != 3 || args[0].toString() != kNamespace || args[1].toString() != kKey) return;
+    portalDark_ = darkFromPortalValue(args[2]);
     apply();
 }
 

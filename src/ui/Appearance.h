@@ -4,7 +4,7 @@
 #include <QVariant>
 #include <optional>
 
-class QDBusVariant;
+#include <QDBusMessage>
 
 namespace corvi {
 
@@ -37,7 +37,7 @@ class Appearance : public QObject {
     bool eventFilter(QObject* watched, QEvent* event) override;
 
   private slots:
-    void onSettingChanged(const QString& ns, const QString& key, const QDBusVariant& value);
+    void onSettingChanged(const QDBusMessage& signal);
     void onPortalRegistered();
     void onPortalUnregistered();
 
