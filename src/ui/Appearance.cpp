@@ -45,8 +45,8 @@ Appearance* Appearance::instance() {
 Appearance::Appearance(QObject* parent) : QObject(parent) {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (bus.isConnected()) {
-        // The whole message, not typed arguments: the value's variant arrives as QDBusVariant
-        // and QtDBus would not connect a slot typed for it.
+        // Taken as the whole message: QtDBus refuses to connect a slot typed
+        // (QString, QString, QDBusVariant) to this signal.
         bus.connect(kService, kPath, kInterface, QStringLiteral("SettingChanged"), this,
                     SLOT(onSettingChanged(QDBusMessage)));
         // The portal is often started on demand, after us: read it again when it appears.
@@ -56,6 +56,7 @@ Appearance::Appearance(QObject* parent) : QObject(parent) {
         connect(watcher, &QDBusServiceWatcher::serviceRegistered, this, &Appearance::onPortalRegistered);
         connect(watcher, &QDBusServiceWatcher::serviceUnregistered, this, &Appearance::onPortalUnregistered);
     }
+    // On the application object this filter sees every event; it acts on palette changes.
     parent->installEventFilter(this);
     readPortal();
     dark_ = computeDark();
