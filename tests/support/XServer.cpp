@@ -39,6 +39,33 @@ bool hasWindowManager(const QString& display) {
     return found;
 }
 
+// True when the window manager frames a freshly mapped window within timeoutMs. openbox
+// announces itself before it manages windows; a window mapped in between is never shown.
+bool framesNewWindows(const QString& display, int timeoutMs) {
+    xcb_connection_t* c = xcb_connect(display.toLocal8Bit().constData(), nullptr);
+    bool framed = false;
+    if (!xcb_connection_has_error(c)) {
+        const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
+        const xcb_window_t w = xcb_generate_id(c);
+        xcb_create_window(c, XCB_COPY_FROM_PARENT, w, screen->root, 0, 0, 10, 10, 0,
+                          XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual, 0, nullptr);
+        xcb_map_window(c, w);
+        xcb_flush(c);
+        QElapsedTimer clock;
+        clock.start();
+        while (!framed && clock.elapsed() < timeoutMs) {
+            auto* tree = xcb_query_tree_reply(c, xcb_query_tree(c, w), nullptr);
+            framed = tree && tree->parent != screen->root;
+            free(tree);
+            if (!framed) QThread::msleep(20);
+        }
+        xcb_destroy_window(c, w);
+        xcb_flush(c);
+    }
+    xcb_disconnect(c);
+    return framed;
+}
+
 void stop(std::unique_ptr<QProcess>& p) {
     if (!p) return;
     if (p->state() != QProcess::NotRunning) {
@@ -102,7 +129,7 @@ bool XServer::waitForWindowManager(int timeoutMs) {
     QElapsedTimer clock;
     clock.start();
     while (clock.elapsed() < timeoutMs) {
-        if (hasWindowManager(display_)) return true;
+        if (hasWindowManager(display_) && framesNewWindows(display_, 500)) return true;
         QThread::msleep(20);
     }
     return false;
