@@ -4,9 +4,14 @@
 
 #include <QString>
 #include <QStringList>
-#include <functional>
+#include <ostream>
 
 #include "store/Store.h"
+
+// Readable QString values in test failures.
+inline void PrintTo(const QString& text, std::ostream* os) {
+    *os << '"' << text.toStdString() << '"';
+}
 
 namespace corvi {
 

@@ -1,0 +1,257 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QDir>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <functional>
+#include <optional>
+
+#include "store/Store.h"
+#include "store/StoreTestAccess.h"
+#include "support/RecordingLog.h"
+
+namespace corvi {
+namespace {
+
+using test::queryRows;
+
+SessionRow session(double start, std::int64_t samples = 1) {
+    SessionRow row;
+    row.startTS = start;
+    row.endTS = start + 3.0 * (samples - 1);
+    row.bundleID = QStringLiteral("com.adobe.indesign");
+    row.appName = QStringLiteral("Adobe InDesign");
+    row.windowTitle = QStringLiteral("Catalogue.indd");
+    row.category = AppCategory::work;
+    row.state = ActivityState::working;
+    row.samples = samples;
+    return row;
+}
+
+QByteArray contentsOf(const QString& path) {
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+// Makes a file or folder refuse writes, even to root: root ignores mode bits, so it also
+// gets the immutable attribute (needs CAP_LINUX_IMMUTABLE and a file system that keeps it,
+// such as ext4; tmpfs does not). Undone on destruction so the temporary folder can go.
+class ReadOnly {
+  public:
+    explicit ReadOnly(const QString& path) : path_(QFile::encodeName(path)) {
+        struct stat st {};
+        ::stat(path_.constData(), &st);
+        mode_ = st.st_mode & 07777;
+        ::chmod(path_.constData(), S_ISDIR(st.st_mode) ? 0555 : 0444);
+        if (::geteuid() == 0) immutable_ = setImmutable(true);
+        isDir_ = S_ISDIR(st.st_mode);
+    }
+    ~ReadOnly() {
+        if (immutable_) setImmutable(false);
+        ::chmod(path_.constData(), mode_);
+    }
+    ReadOnly(const ReadOnly&) = delete;
+    ReadOnly& operator=(const ReadOnly&) = delete;
+
+    // Whether writing really is refused here.
+    bool holds() const {
+        if (isDir_) {
+            const QByteArray probe = path_ + "/probe";
+            const int fd = ::open(probe.constData(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+            if (fd < 0) return true;
+            ::close(fd);
+            ::unlink(probe.constData());
+            return false;
+        }
+        const int fd = ::open(path_.constData(), O_WRONLY);
+        if (fd < 0) return true;
+        ::close(fd);
+        return false;
+    }
+
+  private:
+    bool setImmutable(bool on) {
+        const int fd = ::open(path_.constData(), O_RDONLY | O_NONBLOCK);
+        if (fd < 0) return false;
+        int flags = 0;
+        bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+        if (ok) {
+            flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+            ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+        }
+        ::close(fd);
+        return ok;
+    }
+    QByteArray path_;
+    mode_t mode_ = 0;
+    bool immutable_ = false;
+    bool isDir_ = false;
+};
+
+// A database with two sessions, the first synced, closed again.
+void writeTwoSessions(const QString& path) {
+    Store store(path);
+    store.openSession(session(100));
+    store.openSession(session(200));
+    store.markSynced({1});
+}
+
+TEST(StoreFaults, UnusableLocationGivesLoggedLineAndNeutralResults) {
+    struct Case {
+        const char* name;
+        // Prepares the location inside `dir` and answers the database path.
+        std::function<QString(const QDir& dir)> prepare;
+        const char* readOnly;      // relative path to make read-only, or nullptr
+        QStringList errorsAtOpen;  // "%1" is the database path
+        QStringList errorsAfter;   // of the operations that follow
+        int pending;
+        int fetched;
+    };
+    const QString notADatabase = QStringLiteral("SQLite: file is not a database");
+    const QString openFailed = QStringLiteral("Falha ao abrir SQLite em %1");
+    const QString readOnlyDb = QStringLiteral("SQLite: attempt to write a readonly database");
+    const QString cannotOpen = QStringLiteral("SQLite: unable to open database file");
+    const Case cases[] = {
+        {"file of random bytes",
+         [](const QDir& d) {
+             QFile f(d.filePath("corvi.sqlite"));
+             f.open(QIODevice::WriteOnly);
+             QByteArray bytes(8192, '\0');
+             QRandomGenerator rng(42);
+             for (auto& b : bytes) b = static_cast<char>(rng.bounded(256));
+             f.write(bytes);
+             return f.fileName();
+         },
+         nullptr,
+         {notADatabase, notADatabase, notADatabase},
+         {notADatabase},
+         0,
+         0},
+        {"path is a folder",
+         [](const QDir& d) {
+             d.mkdir("corvi.sqlite");
+             return d.filePath("corvi.sqlite");
+         },
+         nullptr,
+         {openFailed},
+         {},
+         0,
+         0},
+        {"folder is a regular file",
+         [](const QDir& d) {
+             QFile f(d.filePath("CorviAgent"));
+             f.open(QIODevice::WriteOnly);
+             f.write("not a folder");
+             return d.filePath("CorviAgent/corvi.sqlite");
+         },
+         nullptr,
+         {openFailed},
+         {},
+         0,
+         0},
+        {"read-only folder without a file",
+         [](const QDir& d) { return d.filePath("corvi.sqlite"); },
+         ".",
+         {openFailed},
+         {},
+         0,
+         0},
+        {"read-only file holding sessions",
+         [](const QDir& d) {
+             writeTwoSessions(d.filePath("corvi.sqlite"));
+             return d.filePath("corvi.sqlite");
+         },
+         "corvi.sqlite",
+         {},
+         {readOnlyDb},
+         1,
+         1},
+        {"read-only folder holding sessions",
+         [](const QDir& d) {
+             writeTwoSessions(d.filePath("corvi.sqlite"));
+             return d.filePath("corvi.sqlite");
+         },
+         ".",
+         {cannotOpen, cannotOpen, cannotOpen},
+         {cannotOpen},
+         0,
+         0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        QTemporaryDir tmp;
+        const QDir dir(tmp.path());
+        const QString path = c.prepare(dir);
+        std::optional<ReadOnly> readOnly;
+        if (c.readOnly) {
+            readOnly.emplace(dir.filePath(QString::fromUtf8(c.readOnly)));
+            if (!readOnly->holds()) {
+                std::printf("[  SKIPPED ] %s: this file system lets root write anyway\n", c.name);
+                continue;
+            }
+        }
+        const QByteArray before = contentsOf(path);
+
+        test::RecordingLog log;
+        {
+            Store store(path);
+            QStringList expected;
+            for (const auto& line : c.errorsAtOpen) expected << (line.contains(u'%') ? line.arg(path) : line);
+            EXPECT_EQ(log.errorLines, expected);
+            log.errorLines.clear();
+
+            EXPECT_EQ(store.openSession(session(300)), -1);
+            store.updateSession(2, session(200, 5));
+            EXPECT_EQ(store.pendingCount(), c.pending);
+            EXPECT_EQ(store.fetchUnsynced(500).size(), static_cast<size_t>(c.fetched));
+            store.markSynced({2});
+            EXPECT_EQ(store.pendingCount(), c.pending);
+            EXPECT_EQ(log.errorLines, c.errorsAfter);
+        }
+        EXPECT_EQ(contentsOf(path), before);
+    }
+}
+
+// The file may not grow past its current size, as on a full disk: a new session cannot be
+// written, nothing already stored is lost, and once space returns the next write succeeds.
+TEST(StoreFaults, FullDiskRefusesNewRowsAndLosesNoneAndRecovers) {
+    QTemporaryDir tmp;
+    const QString path = tmp.filePath(QStringLiteral("corvi.sqlite"));
+    test::RecordingLog log;
+    Store store(path);
+    std::vector<std::int64_t> written;
+    for (int i = 0; i < 20; ++i) written.push_back(store.openSession(session(i)));
+    const QString pages = queryRows(path, "PRAGMA page_count;").value(0);
+    StoreTestAccess::exec(store, QByteArray("PRAGMA max_page_count=" + pages.toUtf8() + ";").constData());
+
+    // Long titles fill the last free page quickly.
+    SessionRow big = session(1000);
+    big.windowTitle = QString(2000, u'x');
+    int refused = 0;
+    for (int i = 0; i < 50 && refused == 0; ++i)
+        if (store.openSession(big) == -1) ++refused;
+    ASSERT_EQ(refused, 1) << "the size limit never refused a write";
+
+    // Growing rows in place and reading still work; every stored row is there.
+    store.updateSession(written.front(), session(0, 7));
+    const int stored = queryRows(path, "SELECT COUNT(*) FROM sessions;").value(0).toInt();
+    EXPECT_GE(stored, 20);
+    EXPECT_EQ(store.pendingCount(), stored);
+    EXPECT_EQ(store.fetchUnsynced(1).front().samples, 7);
+
+    StoreTestAccess::exec(store, "PRAGMA max_page_count=1073741823;");
+    EXPECT_EQ(store.openSession(big), stored + 1);
+    EXPECT_EQ(queryRows(path, "SELECT COUNT(*), MIN(id), MAX(id) FROM sessions;"),
+              QStringList{QStringLiteral("%1|1|%1").arg(stored + 1)});
+    EXPECT_EQ(queryRows(path, "PRAGMA integrity_check;"), QStringList{"ok"});
+    EXPECT_TRUE(log.errorLines.isEmpty()) << log.errorLines.join(u'\n').toStdString();
+}
+
+}  // namespace
+}  // namespace corvi
