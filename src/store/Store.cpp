@@ -104,23 +104,24 @@ void Store::open() {
     }
     sqlite3_busy_timeout(db_, kBusyTimeoutMs);
 
-    // A commit every few seconds makes an fsync per commit cheap; with it a committed session
-    // survives a power cut, not only a crash. Both fail without writing on a file that is not
-    // a database, and are not logged: the schema statements below report that.
-    sqlite3_exec(db_, "PRAGMA journal_mode=WAL;", nullptr, nullptr, nullptr);
-    sqlite3_exec(db_, "PRAGMA synchronous=FULL;", nullptr, nullptr, nullptr);
-
-    exec(kCreateTable);
+    const bool usable = exec(kCreateTable);
     exec(kCreateStartIndex);
     exec(kCreateSyncedIndex);
+
+    // A commit every few seconds makes an fsync per commit cheap; with it a committed session
+    // survives a power cut, not only a crash. The switch to WAL rewrites the file's header, so
+    // it is left out on a file the schema could not use (damaged, or not a database at all).
+    if (usable) sqlite3_exec(db_, "PRAGMA journal_mode=WAL;", nullptr, nullptr, nullptr);
+    sqlite3_exec(db_, "PRAGMA synchronous=FULL;", nullptr, nullptr, nullptr);
 }
 
-void Store::exec(const char* sql) {
-    if (!db_) return;
+bool Store::exec(const char* sql) {
+    if (!db_) return false;
     char* message = nullptr;
-    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK && message)
-        Log::sqlite(QString::fromUtf8(message));
+    const int rc = sqlite3_exec(db_, sql, nullptr, nullptr, &message);
+    if (rc != SQLITE_OK && message) Log::sqlite(QString::fromUtf8(message));
     sqlite3_free(message);
+    return rc == SQLITE_OK;
 }
 
 std::int64_t Store::openSession(const SessionRow& row) {

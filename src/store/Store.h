@@ -41,8 +41,8 @@ class Store final : public SessionWriter {
     friend class StoreTestAccess;
 
     void open();
-    // Runs one statement that returns no rows; a failure is logged.
-    void exec(const char* sql);
+    // Runs one statement that returns no rows; a failure is logged and answers false.
+    bool exec(const char* sql);
 
     sqlite3* db_ = nullptr;
     QString path_;

@@ -115,6 +115,7 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLineAndNeutralResults) {
     };
     const QString notADatabase = QStringLiteral("SQLite: file is not a database");
     const QString openFailed = QStringLiteral("Falha ao abrir SQLite em %1");
+    const QString malformed = QStringLiteral("SQLite: database disk image is malformed");
     const QString readOnlyDb = QStringLiteral("SQLite: attempt to write a readonly database");
     const QString cannotOpen = QStringLiteral("SQLite: unable to open database file");
     const Case cases[] = {
@@ -131,6 +132,25 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLineAndNeutralResults) {
          nullptr,
          {notADatabase, notADatabase, notADatabase},
          {notADatabase},
+         0,
+         0},
+        {"database header over random bytes",
+         [](const QDir& d) {
+             writeTwoSessions(d.filePath("corvi.sqlite"));
+             QFile f(d.filePath("corvi.sqlite"));
+             f.open(QIODevice::ReadWrite);
+             QByteArray bytes = f.read(100);
+             bytes[18] = bytes[19] = 1;  // rollback journal, so a switch to WAL would write
+             QRandomGenerator rng(7);
+             bytes.resize(static_cast<int>(f.size()));
+             for (qsizetype i = 100; i < bytes.size(); ++i) bytes[i] = static_cast<char>(rng.bounded(256));
+             f.seek(0);
+             f.write(bytes);
+             return f.fileName();
+         },
+         nullptr,
+         {malformed, malformed, malformed},
+         {malformed},
          0,
          0},
         {"path is a folder",
