@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -238,39 +239,92 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLineAndNeutralResults) {
     }
 }
 
-// The file may not grow past its current size, as on a full disk: a new session cannot be
-// written, nothing already stored is lost, and once space returns the next write succeeds.
+// Something that runs out of space and later gets some back.
+struct Disk {
+    const char* name;
+    // Prepares a folder for the store inside `root`; empty when this kind cannot be made here.
+    std::function<QString(const QString& root)> prepare;
+    std::function<void(Store& store, const QString& folder)> fill;
+    std::function<void(Store& store, const QString& folder)> free;
+    std::function<void(const QString& folder)> release;
+};
+
+// The store's file may not grow past its present size.
+const Disk pageLimit{
+    "page limit", [](const QString& root) { return root; },
+    [](Store& store, const QString& folder) {
+        const QString pages =
+            queryRows(folder + QStringLiteral("/corvi.sqlite"), "PRAGMA page_count;").value(0);
+        StoreTestAccess::exec(store, QByteArray("PRAGMA max_page_count=" + pages.toUtf8() + ";").constData());
+    },
+    [](Store& store, const QString&) { StoreTestAccess::exec(store, "PRAGMA max_page_count=1073741823;"); },
+    [](const QString&) {}};
+
+// A real file system of 512 KiB whose free space a filler file takes up. Mounting needs root.
+const Disk smallTmpfs{
+    "full tmpfs",
+    [](const QString& root) {
+        const QString folder = root + QStringLiteral("/small");
+        QDir().mkdir(folder);
+        const bool mounted = ::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs",
+                                     MS_NOSUID | MS_NODEV, "size=512k,mode=0700") == 0;
+        return mounted ? folder : QString();
+    },
+    [](Store&, const QString& folder) {
+        QFile filler(folder + QStringLiteral("/filler"));
+        filler.open(QIODevice::WriteOnly);
+        const QByteArray block(4096, 'f');
+        while (filler.write(block) == block.size() && filler.flush()) {
+        }
+    },
+    [](Store&, const QString& folder) { QFile::remove(folder + QStringLiteral("/filler")); },
+    [](const QString& folder) { ::umount2(QFile::encodeName(folder).constData(), MNT_DETACH); }};
+
+// A full disk refuses new sessions, loses none of the stored ones, and once space returns the
+// next write succeeds.
 TEST(StoreFaults, FullDiskRefusesNewRowsAndLosesNoneAndRecovers) {
-    QTemporaryDir tmp;
-    const QString path = tmp.filePath(QStringLiteral("corvi.sqlite"));
-    test::RecordingLog log;
-    Store store(path);
-    std::vector<std::int64_t> written;
-    for (int i = 0; i < 20; ++i) written.push_back(store.openSession(session(i)));
-    const QString pages = queryRows(path, "PRAGMA page_count;").value(0);
-    StoreTestAccess::exec(store, QByteArray("PRAGMA max_page_count=" + pages.toUtf8() + ";").constData());
+    for (const Disk* disk : {&pageLimit, &smallTmpfs}) {
+        SCOPED_TRACE(disk->name);
+        QTemporaryDir tmp;
+        const QString folder = disk->prepare(tmp.path());
+        if (folder.isEmpty()) {
+            std::printf("[  SKIPPED ] %s: cannot be made here\n", disk->name);
+            continue;
+        }
+        struct Release {
+            const Disk* disk;
+            QString folder;
+            ~Release() { disk->release(folder); }
+        } release{disk, folder};
+        const QString path = folder + QStringLiteral("/corvi.sqlite");
+        test::RecordingLog log;
+        {
+            Store store(path);
+            for (int i = 0; i < 20; ++i) ASSERT_EQ(store.openSession(session(i)), i + 1);
+            disk->fill(store, folder);
 
-    // Long titles fill the last free page quickly.
-    SessionRow big = session(1000);
-    big.windowTitle = QString(2000, u'x');
-    int refused = 0;
-    for (int i = 0; i < 50 && refused == 0; ++i)
-        if (store.openSession(big) == -1) ++refused;
-    ASSERT_EQ(refused, 1) << "the size limit never refused a write";
+            // Long titles use up whatever room is left quickly.
+            SessionRow big = session(1000);
+            big.windowTitle = QString(2000, u'x');
+            bool refused = false;
+            for (int i = 0; i < 200 && !refused; ++i) refused = store.openSession(big) == -1;
+            ASSERT_TRUE(refused) << "the disk never refused a write";
 
-    // Growing rows in place and reading still work; every stored row is there.
-    store.updateSession(written.front(), session(0, 7));
-    const int stored = queryRows(path, "SELECT COUNT(*) FROM sessions;").value(0).toInt();
-    EXPECT_GE(stored, 20);
-    EXPECT_EQ(store.pendingCount(), stored);
-    EXPECT_EQ(store.fetchUnsynced(1).front().samples, 7);
+            store.updateSession(1, session(0, 7));
+            const int stored = store.pendingCount();
+            EXPECT_GE(stored, 20);
+            EXPECT_EQ(store.fetchUnsynced(500).size(), static_cast<size_t>(stored));
 
-    StoreTestAccess::exec(store, "PRAGMA max_page_count=1073741823;");
-    EXPECT_EQ(store.openSession(big), stored + 1);
-    EXPECT_EQ(queryRows(path, "SELECT COUNT(*), MIN(id), MAX(id) FROM sessions;"),
-              QStringList{QStringLiteral("%1|1|%1").arg(stored + 1)});
-    EXPECT_EQ(queryRows(path, "PRAGMA integrity_check;"), QStringList{"ok"});
-    EXPECT_TRUE(log.errorLines.isEmpty()) << log.errorLines.join(u'\n').toStdString();
+            disk->free(store, folder);
+            EXPECT_EQ(store.openSession(big), stored + 1);
+            store.updateSession(1, session(0, 8));
+            EXPECT_EQ(store.fetchUnsynced(1).front().samples, 8);
+            EXPECT_EQ(queryRows(path, "SELECT COUNT(*), MIN(id), MAX(id) FROM sessions;"),
+                      QStringList{QStringLiteral("%1|1|%1").arg(stored + 1)});
+            EXPECT_EQ(queryRows(path, "PRAGMA integrity_check;"), QStringList{"ok"});
+        }
+        EXPECT_TRUE(log.errorLines.isEmpty()) << log.errorLines.join(u'\n').toStdString();
+    }
 }
 
 }  // namespace
