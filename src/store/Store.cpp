@@ -93,8 +93,8 @@ void Store::open() {
     if (const int fd = ::open(file.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600); fd >= 0)
         ::close(fd);
 
-    // Never SQLite's own recovery or a replacement: a file that is not a database stays
-    // untouched and every statement on it fails.
+    // Read-write and create, nothing that would rebuild or replace a file: one that is not a
+    // database stays untouched, and every statement on it fails.
     if (sqlite3_open_v2(file.constData(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
         SQLITE_OK) {
         Log::sqliteOpenFailed(path_);
