@@ -2,16 +2,10 @@
 
 #include <sqlite3.h>
 
-#include <QString>
 #include <QStringList>
-#include <ostream>
 
 #include "store/Store.h"
-
-// Readable QString values in test failures.
-inline void PrintTo(const QString& text, std::ostream* os) {
-    *os << '"' << text.toStdString() << '"';
-}
+#include "support/QtPrinters.h"
 
 namespace corvi {
 
