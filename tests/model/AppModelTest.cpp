@@ -13,19 +13,14 @@
 
 #include "model/AppModel.h"
 #include "model/RecordingLoginItem.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
 
+using test::writeFile;
 QByteArray readAll(const QString& path) {
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-void writeFile(const QString& path, const QByteArray& bytes) {
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(bytes);
+    return test::readFile(path);
 }
 
 // Everything in the folder but the configuration file itself (left-over temporary files).

@@ -10,6 +10,7 @@
 #include "model/RecordingLoginItem.h"
 #include "platform/linux/XdgLoginItem.h"
 #include "support/RecordingLog.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
@@ -68,8 +69,8 @@ TEST(LaunchAtLogin, FailureIsLoggedAndTheSettingKept) {
 // The real autostart entry, switched through the model as the settings do.
 TEST(LaunchAtLogin, SwitchingOffThenOnRemovesThenWritesTheEntryAfterSaving) {
     QTemporaryDir dir;
-    const QByteArray previous = qgetenv("XDG_CONFIG_HOME");
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir.filePath(QStringLiteral("config"))));
+    const test::ScopedEnv config("XDG_CONFIG_HOME",
+                                 QFile::encodeName(dir.filePath(QStringLiteral("config"))));
     XdgLoginItem item;
     item.setProgram(QStringLiteral("/opt/corvi/bin/corvi-agent"));
     item.setSystemWideEntryPath(dir.filePath(QStringLiteral("system-wide.desktop")));
@@ -95,7 +96,6 @@ TEST(LaunchAtLogin, SwitchingOffThenOnRemovesThenWritesTheEntryAfterSaving) {
     EXPECT_EQ(item.status(), Status::enabled);
     EXPECT_TRUE(saved());
     EXPECT_EQ(log.systemLines, QStringList());
-    qputenv("XDG_CONFIG_HOME", previous);
 }
 
 }  // namespace

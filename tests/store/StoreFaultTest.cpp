@@ -17,6 +17,7 @@
 #include "store/Store.h"
 #include "store/StoreTestAccess.h"
 #include "support/RecordingLog.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
@@ -35,11 +36,6 @@ SessionRow session(double start, std::int64_t samples = 1) {
             .maxCPU = 0,
             .samples = samples,
             .idleAtEnd = 0};
-}
-
-QByteArray contentsOf(const QString& path) {
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
 // Makes a file or folder refuse writes, even to root: root ignores mode bits, so it also
@@ -147,7 +143,7 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNot
             std::printf("[  SKIPPED ] %s: this file system lets root write anyway\n", c.name);
             continue;
         }
-        const QByteArray before = contentsOf(path);
+        const QByteArray before = test::readFile(path);
         const QString error = QString::fromUtf8(c.error).replace(QStringLiteral("%1"), path);
         const auto expectLogged = [&](QStringList& lines, int count) {
             EXPECT_EQ(lines.size(), count) << lines.join(u'\n').toStdString();
@@ -169,7 +165,7 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNot
             EXPECT_EQ(store.pendingCount(), c.pending);
             expectLogged(log.errorLines, c.later);
         }
-        EXPECT_EQ(contentsOf(path), before);
+        EXPECT_EQ(test::readFile(path), before);
     }
 }
 

@@ -8,6 +8,7 @@
 #include "store/Store.h"
 #include "store/StoreTestAccess.h"
 #include "support/RecordingLog.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
@@ -62,18 +63,13 @@ TEST_F(StoreTest, FreshFileHasTableBothIndexesAndNothingPending) {
 }
 
 TEST_F(StoreTest, DefaultLocationIsPrivateFolderAndFile) {
-    const QByteArray saved = qgetenv("XDG_DATA_HOME");
-    qputenv("XDG_DATA_HOME", dir.filePath(QStringLiteral("data")).toUtf8());
-    {
-        Store store;
-        const QString folder = dir.filePath(QStringLiteral("data/CorviAgent"));
-        EXPECT_EQ(store.path(), folder + QStringLiteral("/corvi.sqlite"));
-        EXPECT_GT(store.openSession(session(100)), 0);
-        EXPECT_EQ(modeOf(folder), 0700u);
-        for (const char* suffix : {"", "-wal", "-shm"})
-            EXPECT_EQ(modeOf(store.path() + suffix), 0600u) << suffix;
-    }
-    saved.isNull() ? qunsetenv("XDG_DATA_HOME") : qputenv("XDG_DATA_HOME", saved);
+    const test::ScopedEnv dataHome("XDG_DATA_HOME", dir.filePath(QStringLiteral("data")).toUtf8());
+    Store store;
+    const QString folder = dir.filePath(QStringLiteral("data/CorviAgent"));
+    EXPECT_EQ(store.path(), folder + QStringLiteral("/corvi.sqlite"));
+    EXPECT_GT(store.openSession(session(100)), 0);
+    EXPECT_EQ(modeOf(folder), 0700u);
+    for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(store.path() + suffix), 0600u) << suffix;
 }
 
 TEST_F(StoreTest, ReopeningKeepsEveryRowAndIdsAreNotReused) {
