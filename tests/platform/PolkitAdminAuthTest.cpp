@@ -4,90 +4,44 @@
 #include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QDBusVirtualObject>
-#include <QElapsedTimer>
-#include <QMutex>
-#include <QThread>
+#include <atomic>
 
 #include "platform/linux/PolkitAdminAuth.h"
+#include "support/BusStandIn.h"
 #include "support/DBusDaemon.h"
 
 namespace corvi {
 namespace {
 
-// polkit's Authority as far as the agent uses it; answers from its own thread, since the
-// caller blocks its thread while it waits.
-class Authority final : public QDBusVirtualObject {
-  public:
-    enum Mode { grant, deny, challenge, fail, silent };
-    std::atomic<Mode> mode{grant};
+enum Mode { grant, deny, challenge, fail, silent };
 
-    QList<QDBusMessage> received() {
-        QMutexLocker lock(&mutex);
-        return calls;
-    }
-
-    QString introspect(const QString&) const override { return {}; }
-
-    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
-        if (message.member() != u"CheckAuthorization") return false;
-        {
-            QMutexLocker lock(&mutex);
-            calls << message;
-        }
-        if (mode == silent) return true;
-        if (mode == fail) {
-            connection.send(
-                message.createErrorReply(QStringLiteral("org.freedesktop.PolicyKit1.Error.Failed"),
-                                         QStringLiteral("stand-in failure")));
-            return true;
-        }
-        QDBusArgument result;
-        result.beginStructure();
-        result << (mode == grant) << (mode == challenge);
-        result.beginMap(QMetaType::fromType<QString>(), QMetaType::fromType<QString>());
-        result.endMap();
-        result.endStructure();
-        connection.send(message.createReply(QVariant::fromValue(result)));
-        return true;
-    }
-
-  private:
-    QMutex mutex;
-    QList<QDBusMessage> calls;
-};
-
+// polkit's Authority as far as the agent uses it, on a bus standing in for the system bus.
 class PolkitAdminAuthTest : public ::testing::Test {
   protected:
-    // Puts the stand-in on the bus, owning polkit's name unless `named` is false.
-    void serve(bool named) {
-        thread.start();
-        authority.moveToThread(&thread);
-        QMetaObject::invokeMethod(
-            &authority,
-            [&] {
-                QDBusConnection c = QDBusConnection::connectToBus(bus.address(), QStringLiteral("stand-in"));
-                if (named) c.registerService(QStringLiteral("org.freedesktop.PolicyKit1"));
-                c.registerVirtualObject(QStringLiteral("/org/freedesktop/PolicyKit1/Authority"), &authority);
-            },
-            Qt::BlockingQueuedConnection);
-    }
-    void TearDown() override {
-        QMetaObject::invokeMethod(
-            &authority, [] { QDBusConnection::disconnectFromBus(QStringLiteral("stand-in")); },
-            Qt::BlockingQueuedConnection);
-        thread.quit();
-        thread.wait();
-    }
+    void SetUp() override { ASSERT_TRUE(bus.ok()); }
 
-    test::DBusDaemon bus;  // stands in for the system bus
-    QThread thread;
-    Authority authority;
+    test::DBusDaemon bus;
+    std::atomic<Mode> mode{grant};
+    test::BusStandIn authority{
+        bus.address(), QStringLiteral("/org/freedesktop/PolicyKit1/Authority"),
+        [this](const QDBusMessage& call, QDBusConnection& c) {
+            if (mode == silent) return;
+            if (mode == fail || call.member() != u"CheckAuthorization") {
+                c.send(call.createErrorReply(QStringLiteral("org.freedesktop.PolicyKit1.Error.Failed"), {}));
+                return;
+            }
+            QDBusArgument result;
+            result.beginStructure();
+            result << (mode == grant) << (mode == challenge);
+            result.beginMap(QMetaType::fromType<QString>(), QMetaType::fromType<QString>());
+            result.endMap();
+            result.endStructure();
+            c.send(call.createReply(QVariant::fromValue(result)));
+        }};
 };
 
 TEST_F(PolkitAdminAuthTest, AsksForThisProcessWithInteractionAllowedAndNoDetails) {
-    ASSERT_FALSE(bus.address().isEmpty());
-    serve(true);
+    ASSERT_TRUE(authority.claim(QStringLiteral("org.freedesktop.PolicyKit1")));
     PolkitAdminAuth auth(bus.address(), 5000);
     EXPECT_TRUE(auth.authenticate(QStringLiteral("tech.stonefold.corvimetry.quit")));
 
@@ -128,22 +82,21 @@ TEST_F(PolkitAdminAuthTest, AsksForThisProcessWithInteractionAllowedAndNoDetails
 }
 
 TEST_F(PolkitAdminAuthTest, YesOnlyWhenAuthorized) {
-    ASSERT_FALSE(bus.address().isEmpty());
-    serve(true);
+    ASSERT_TRUE(authority.claim(QStringLiteral("org.freedesktop.PolicyKit1")));
     struct Case {
         const char* row;
-        Authority::Mode mode;
+        Mode mode;
         bool answer;
     };
     const Case cases[] = {
-        {"authorized", Authority::grant, true},
-        {"not authorized", Authority::deny, false},
-        {"challenge (no authentication agent)", Authority::challenge, false},
-        {"error reply", Authority::fail, false},
-        {"no answer within the timeout", Authority::silent, false},
+        {"authorized", grant, true},
+        {"not authorized", deny, false},
+        {"challenge (no authentication agent)", challenge, false},
+        {"error reply", fail, false},
+        {"no answer within the timeout", silent, false},
     };
     for (const Case& c : cases) {
-        authority.mode = c.mode;
+        mode = c.mode;
         PolkitAdminAuth auth(bus.address(), 300);
         EXPECT_EQ(auth.authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")), c.answer) << c.row;
     }
@@ -151,8 +104,6 @@ TEST_F(PolkitAdminAuthTest, YesOnlyWhenAuthorized) {
 }
 
 TEST_F(PolkitAdminAuthTest, NoWithoutPolkitOrWithoutABus) {
-    ASSERT_FALSE(bus.address().isEmpty());
-    serve(false);
     EXPECT_FALSE(
         PolkitAdminAuth(bus.address(), 2000).authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")));
     EXPECT_TRUE(authority.received().isEmpty());

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QDBusVariant>
 #include <QElapsedTimer>
 #include <QPainter>
 #include <QPalette>
@@ -10,7 +11,7 @@
 #include <functional>
 
 #include "ImageProbe.h"
-#include "StandInPortal.h"
+#include "support/BusStandIn.h"
 #include "ui/Appearance.h"
 #include "ui/Theme.h"
 
@@ -18,10 +19,49 @@ namespace corvi {
 namespace {
 
 using namespace corvi::test;
-using Wrap = StandInSettings::Wrap;
 
 const QString kAppearance = QStringLiteral("org.freedesktop.appearance");
 const QString kScheme = QStringLiteral("color-scheme");
+const QString kPortalPath = QStringLiteral("/org/freedesktop/portal/desktop");
+
+enum class Wrap { VariantInVariant, Variant, NotFound };
+
+// A stand-in desktop portal on this program's session bus; it answers the colour scheme as set.
+class StandInPortal {
+  public:
+    bool start() { return standIn_.claim(QStringLiteral("org.freedesktop.portal.Desktop")); }
+    void stop() { standIn_.release(); }
+    void answer(const QVariant& value, Wrap wrap) {
+        QMutexLocker lock(&mutex_);
+        value_ = value;
+        wrap_ = wrap;
+    }
+    int reads() const { return static_cast<int>(standIn_.received().size()); }
+    void emitSettingChanged(const QString& ns, const QString& key, const QVariant& value) {
+        QDBusMessage signal = QDBusMessage::createSignal(
+            kPortalPath, QStringLiteral("org.freedesktop.portal.Settings"), QStringLiteral("SettingChanged"));
+        signal << ns << key << QVariant::fromValue(QDBusVariant(value));
+        standIn_.send(signal);
+    }
+
+  private:
+    void read(const QDBusMessage& call, QDBusConnection& bus) {
+        QMutexLocker lock(&mutex_);
+        if (wrap_ == Wrap::NotFound || call.member() != u"Read" || call.arguments().value(0) != kAppearance ||
+            call.arguments().value(1) != kScheme) {
+            bus.send(call.createErrorReply(QStringLiteral("org.freedesktop.portal.Error.NotFound"), {}));
+            return;
+        }
+        const QVariant inner = wrap_ == Wrap::Variant ? value_ : QVariant::fromValue(QDBusVariant(value_));
+        bus.send(call.createReply(QVariant::fromValue(QDBusVariant(inner))));
+    }
+
+    QMutex mutex_;
+    QVariant value_;
+    Wrap wrap_ = Wrap::NotFound;
+    BusStandIn standIn_{qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), kPortalPath,
+                        [this](const QDBusMessage& call, QDBusConnection& bus) { read(call, bus); }};
+};
 
 bool waitFor(const std::function<bool()>& done, int ms = 3000) {
     QElapsedTimer clock;
