@@ -132,6 +132,7 @@ TEST_F(SamplerTest, WhatExtendsASessionAndWhatOpensTheNext) {
         double elapsed;
         const char *first, *next;
         bool extends;
+        const char* nextApp = "Adobe Photoshop";
     };
     const Case cases[] = {
         {"just under the limit", 599.999, "Untitled-1", "Untitled-1", true},
@@ -140,19 +141,23 @@ TEST_F(SamplerTest, WhatExtendsASessionAndWhatOpensTheNext) {
         {"title changed", 3, "Untitled-1", "Untitled-2", false},
         {"title differs in case", 3, "Untitled-1", "untitled-1", false},
         {"canonically equivalent title", 3, "Cafe\u0301.psd", "Caf\u00E9.psd", true},
+        {"only the app name changed", 3, "Untitled-1", "Untitled-1", true, "Photoshop 2027"},
     };
     for (const auto& c : cases) {
         sampler->flushCurrent();
         store.writes.clear();
         sampler->accumulate(sample(t0, c.first, 5));
         const std::int64_t firstID = sampler->currentID();
-        sampler->accumulate(sample(t0 + c.elapsed, c.next, 9));
+        Sample next = sample(t0 + c.elapsed, c.next, 9);
+        next.appName = QString::fromUtf8(c.nextApp);
+        sampler->accumulate(next);
         if (c.extends) {
             EXPECT_EQ(store.shape(), "I" + std::to_string(firstID) + " U" + std::to_string(firstID))
                 << c.name;
             EXPECT_EQ(sampler->current()->samples, 2) << c.name;
             EXPECT_EQ(sampler->current()->endTS, t0 + c.elapsed) << c.name;
             EXPECT_EQ(sampler->current()->windowTitle, QString::fromUtf8(c.first)) << c.name;
+            EXPECT_EQ(sampler->current()->appName, "Adobe Photoshop") << c.name;
         } else {
             // The old row once more, unchanged, then the new one.
             ASSERT_EQ(store.writes.size(), 3u) << c.name;
@@ -164,15 +169,6 @@ TEST_F(SamplerTest, WhatExtendsASessionAndWhatOpensTheNext) {
             EXPECT_EQ(sampler->currentID(), store.writes[2].id) << c.name;
         }
     }
-}
-
-TEST_F(SamplerTest, OnlyAppNameChangingKeepsTheSession) {
-    Sample renamed = sample(t0 + 3);
-    renamed.appName = "Photoshop 2027";
-    sampler->accumulate(sample(t0));
-    sampler->accumulate(renamed);
-    EXPECT_EQ(store.shape(), "I1 U1");
-    EXPECT_EQ(sampler->current()->appName, "Adobe Photoshop");
 }
 
 TEST_F(SamplerTest, UserGoingAwayClosesWorkAndOpensIdleOrRendering) {
