@@ -143,18 +143,6 @@ TEST_F(X11ProbesTest, FocusedTitleBelongsOnlyToTheActiveWindowsProcess) {
     client_->destroyWindow(w);
 }
 
-TEST_F(X11ProbesTest, RoundCostsThreeRoundTripsAfterTheFirst) {
-    const XClient::Window w = activeWindow({{"_NET_WM_NAME", "UTF8_STRING", "Counted"}});
-    X11IdleMonitor idle(session_, nullptr);
-    probe_->current();
-    idle.idleSeconds();
-    const auto before = session_->roundTrips();
-    ASSERT_TRUE(probe_->current().has_value());
-    idle.idleSeconds();
-    EXPECT_EQ(session_->roundTrips() - before, 3u);
-    client_->destroyWindow(w);
-}
-
 TEST_F(X11ProbesTest, FakeInputResetsIdleTime) {
     X11IdleMonitor idle(session_, nullptr);
     ASSERT_TRUE(client_->fakeInput());
