@@ -19,25 +19,24 @@ QDBusConnection connect(const DBusDaemon& daemon) {
     return QDBusConnection::connectToBus(daemon.address(), QUuid::createUuid().toString());
 }
 
-// A stand-in screen locker: a screen saver answering GetActive at the path its name gives, or a
-// logind session answering the LockedHint property. Silent, it takes calls and never answers.
+const QString kLogind = QStringLiteral("org.freedesktop.login1");
+
+// A stand-in screen locker: a screen saver answering GetActive at the path its name gives, or
+// logind's session answering the LockedHint property. Silent, it takes calls and never answers.
 struct LockService {
-    enum Kind { ScreenSaver, LoginSession };
-    LockService(const DBusDaemon& bus, const QString& service, Kind kind = ScreenSaver)
+    LockService(const DBusDaemon& bus, const QString& service)
         : standIn(bus.address(),
-                  kind == LoginSession ? QStringLiteral("/org/freedesktop/login1/session/auto")
-                                       : u'/' + QString(service).replace(u'.', u'/'),
-                  [this, kind](const QDBusMessage& call, QDBusConnection& c) {
-                      const bool asked = kind == LoginSession
-                                             ? call.member() == u"Get" &&
-                                                   call.arguments().value(1).toString() == u"LockedHint"
-                                             : call.member() == u"GetActive";
+                  service == kLogind ? QStringLiteral("/org/freedesktop/login1/session/auto")
+                                     : u'/' + QString(service).replace(u'.', u'/'),
+                  [this, logind = service == kLogind](const QDBusMessage& call, QDBusConnection& c) {
+                      const bool asked = logind ? call.member() == u"Get" &&
+                                                      call.arguments().value(1).toString() == u"LockedHint"
+                                                : call.member() == u"GetActive";
                       if (!asked)
                           c.send(call.createErrorReply(QDBusError::UnknownMethod, call.member()));
                       else if (!silent)
-                          c.send(kind == LoginSession
-                                     ? call.createReply(QVariant::fromValue(QDBusVariant(bool(locked))))
-                                     : call.createReply(QVariant(bool(locked))));
+                          c.send(logind ? call.createReply(QVariant::fromValue(QDBusVariant(bool(locked))))
+                                        : call.createReply(QVariant(bool(locked))));
                   }),
           ok(standIn.claim(service)) {}
     int calls() const { return static_cast<int>(standIn.received().size()); }
@@ -63,21 +62,10 @@ class ScreenLockProbeTest : public ::testing::Test {
 };
 
 TEST_F(ScreenLockProbeTest, FirstAnsweringLockerDecides) {
-    struct Case {
-        const char* row;
-        const char* service;
-        bool logind;  // on the system bus
-    };
-    const Case cases[] = {
-        {"freedesktop screen saver", "org.freedesktop.ScreenSaver", false},
-        {"GNOME screen saver", "org.gnome.ScreenSaver", false},
-        {"Cinnamon screen saver", "org.cinnamon.ScreenSaver", false},
-        {"logind session hint", "org.freedesktop.login1", true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.row);
-        LockService locker(c.logind ? system_ : session_, c.service,
-                           c.logind ? LockService::LoginSession : LockService::ScreenSaver);
+    for (const QString service : {"org.freedesktop.ScreenSaver", "org.gnome.ScreenSaver",
+                                  "org.cinnamon.ScreenSaver", "org.freedesktop.login1"}) {
+        SCOPED_TRACE(service.toStdString());
+        LockService locker(service == kLogind ? system_ : session_, service);
         ASSERT_TRUE(locker.ok);
         ScreenLockProbe p = probe();
         locker.locked = true;
@@ -89,7 +77,7 @@ TEST_F(ScreenLockProbeTest, FirstAnsweringLockerDecides) {
 
 TEST_F(ScreenLockProbeTest, EarlierLockerInOrderWinsAndIsRemembered) {
     LockService gnome(session_, "org.gnome.ScreenSaver");
-    LockService logind(system_, "org.freedesktop.login1", LockService::LoginSession);
+    LockService logind(system_, kLogind);
     ASSERT_TRUE(gnome.ok && logind.ok);
     gnome.locked = true;
     logind.locked = false;
@@ -119,7 +107,7 @@ TEST_F(ScreenLockProbeTest, LockerThatGoesAwayIsForgotten) {
         EXPECT_TRUE(p.locked());
     }
     EXPECT_FALSE(p.locked());
-    LockService other(system_, "org.freedesktop.login1", LockService::LoginSession);
+    LockService other(system_, kLogind);
     ASSERT_TRUE(other.ok);
     other.locked = true;
     EXPECT_TRUE(p.locked());
