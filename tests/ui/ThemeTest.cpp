@@ -2,7 +2,6 @@
 
 #include <QApplication>
 #include <QDBusVariant>
-#include <QElapsedTimer>
 #include <QPainter>
 #include <QPalette>
 #include <QScreen>
@@ -62,16 +61,6 @@ class StandInPortal {
     BusStandIn standIn_{qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), kPortalPath,
                         [this](const QDBusMessage& call, QDBusConnection& bus) { read(call, bus); }};
 };
-
-bool waitFor(const std::function<bool()>& done, int ms = 3000) {
-    QElapsedTimer clock;
-    clock.start();
-    while (!done()) {
-        if (clock.elapsed() > ms) return false;
-        QTest::qWait(10);
-    }
-    return true;
-}
 
 // A few colours stand for the palette: a surface, a text, the one with equal values.
 void expectColours(bool dark) {
@@ -153,19 +142,20 @@ TEST(Theme, ShownViewRepaintsWhenTheDesktopSwitches) {
     portal.answer(1u, Wrap::VariantInVariant);
     ASSERT_TRUE(portal.start());
     // The portal appearing after us is read without being asked.
-    ASSERT_TRUE(waitFor([] { return Theme::isDark(); }));
+    ASSERT_TRUE(QTest::qWaitFor([] { return Theme::isDark(); }));
 
     Surface view;
     view.resize(80, 50);
     view.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
     const QColor dark = QColor::fromRgb(0x17181B), light = QColor::fromRgb(0xFBFBF8);
-    ASSERT_TRUE(waitFor([&] { return onScreen(view) == dark; })) << describe(onScreen(view)).toStdString();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return onScreen(view) == dark; }))
+        << describe(onScreen(view)).toStdString();
 
     // No preference, dark, prefer light.
     for (const auto& [scheme, shown] : {std::pair{0u, light}, {1u, dark}, {2u, light}}) {
         portal.emitSettingChanged(kAppearance, kScheme, QVariant(scheme));
-        EXPECT_TRUE(waitFor([&] { return onScreen(view) == shown; }))
+        EXPECT_TRUE(QTest::qWaitFor([&] { return onScreen(view) == shown; }))
             << scheme << describe(onScreen(view)).toStdString();
     }
 
@@ -179,9 +169,11 @@ TEST(Theme, ShownViewRepaintsWhenTheDesktopSwitches) {
     usePalette(true);
     EXPECT_EQ(onScreen(view), light);
     portal.stop();
-    EXPECT_TRUE(waitFor([&] { return onScreen(view) == dark; })) << describe(onScreen(view)).toStdString();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return onScreen(view) == dark; }))
+        << describe(onScreen(view)).toStdString();
     usePalette(false);
-    EXPECT_TRUE(waitFor([&] { return onScreen(view) == light; })) << describe(onScreen(view)).toStdString();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return onScreen(view) == light; }))
+        << describe(onScreen(view)).toStdString();
 }
 
 }  // namespace
