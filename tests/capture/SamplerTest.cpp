@@ -61,16 +61,15 @@ class SamplerTest : public ::testing::Test {
     }
 
     static Sample sample(double at, const char* title = "Untitled-1", double cpu = 0, double idle = 0) {
-        Sample s;
-        s.timestamp = at;
-        s.bundleID = "com.adobe.Photoshop";
-        s.appName = "Adobe Photoshop";
-        s.windowTitle = QString::fromUtf8(title);
-        s.category = AppCategory::work;
-        s.state = ActivityState::working;
-        s.cpuPercent = cpu;
-        s.idleSeconds = idle;
-        return s;
+        return {at,
+                "com.adobe.Photoshop",
+                "Adobe Photoshop",
+                QString::fromUtf8(title),
+                AppCategory::work,
+                idle,
+                cpu,
+                false,
+                ActivityState::working};
     }
     void tickLater() {
         clock.time += 3;
