@@ -7,8 +7,12 @@ QString sessionKey(const QString& bundleID, ActivityState state, const QString& 
     return bundleID + u'|' + rawValue(state) + u'|' + windowTitle;
 }
 
-QString Sample::key() const { return sessionKey(bundleID, state, windowTitle); }
+QString Sample::key() const {
+    return sessionKey(bundleID, state, windowTitle);
+}
 
-QString SessionRow::key() const { return sessionKey(bundleID, state, windowTitle); }
+QString SessionRow::key() const {
+    return sessionKey(bundleID, state, windowTitle);
+}
 
 }  // namespace corvi

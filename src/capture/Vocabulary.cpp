@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::array<const char16_t*, 4> categoryNames{u"work", u"communication", u"browser", u"other"};
 constexpr std::array<const char16_t*, 6> stateNames{u"working", u"rendering", u"communication",
-                                                     u"offtask", u"idle",      u"locked"};
+                                                    u"offtask", u"idle",      u"locked"};
 
 template <typename Enum, std::size_t N>
 std::optional<Enum> fromRaw(const std::array<const char16_t*, N>& names, QStringView raw) {

@@ -10,7 +10,7 @@ namespace corvi {
 // arrives as a neutral value: no application gives none, no ID "unknown", no name the ID,
 // no title "".
 class ActiveWindow {
-public:
+  public:
     struct Info {
         QString bundleID;
         QString appName;

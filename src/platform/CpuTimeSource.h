@@ -9,7 +9,7 @@ namespace corvi {
 // A process's cumulative user + system CPU time in nanoseconds; nothing when the query fails
 // (no such process, unreadable accounting).
 class CpuTimeSource {
-public:
+  public:
     virtual ~CpuTimeSource() = default;
     virtual std::optional<std::uint64_t> cpuNanos(std::int32_t pid) = 0;
 };

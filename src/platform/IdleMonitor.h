@@ -5,7 +5,7 @@ namespace corvi {
 // Seconds since the last user input (finite, 0 when unknown) and the screen-lock state
 // (false when unknown).
 class IdleMonitor {
-public:
+  public:
     virtual ~IdleMonitor() = default;
     virtual double idleSeconds() = 0;
     virtual bool screenLocked() = 0;

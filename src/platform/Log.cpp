@@ -5,8 +5,12 @@ namespace {
 Log* installed = nullptr;
 }
 
-Log& Log::sink() { return installed ? *installed : systemLog(); }
+Log& Log::sink() {
+    return installed ? *installed : systemLog();
+}
 
-void Log::install(Log* log) { installed = log; }
+void Log::install(Log* log) {
+    installed = log;
+}
 
 }  // namespace corvi

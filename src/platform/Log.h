@@ -8,7 +8,7 @@ namespace corvi {
 // system log lines (Portuguese, beginning with "CorviAgent") and SQLite failures,
 // which are single lines on standard error. Tests install a recording sink.
 class Log {
-public:
+  public:
     virtual ~Log() = default;
     virtual void system(const QString& line) = 0;
     virtual void error(const QString& line) = 0;

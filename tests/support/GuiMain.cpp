@@ -1,13 +1,28 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <cstdio>
 
-// GUI tests run against the display the test fixture provides; until a test starts one,
-// the offscreen platform keeps widget code runnable without X.
+#include "support/DBusDaemon.h"
+#include "support/XServer.h"
+
+// GUI tests never touch the developer's desktop: each program gets its own display with a
+// window manager, and its own session bus, before the application object exists.
 int main(int argc, char** argv) {
-    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    QApplication app(argc, argv);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    corvi::test::XServer x;
+    if (!x.ok()) {
+        std::fprintf(stderr, "could not start Xvfb with openbox\n");
+        return 1;
+    }
+    corvi::test::DBusDaemon bus;
+    if (bus.ok()) bus.becomeSessionBus();
+    qputenv("DISPLAY", x.display().toLocal8Bit());
+    qputenv("QT_QPA_PLATFORM", "xcb");
+    int status = 0;
+    {
+        QApplication app(argc, argv);
+        ::testing::InitGoogleTest(&argc, argv);
+        status = RUN_ALL_TESTS();
+    }
+    return status;
 }

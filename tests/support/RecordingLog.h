@@ -8,7 +8,7 @@ namespace corvi::test {
 
 // Records both log channels; installs itself for its lifetime.
 class RecordingLog final : public Log {
-public:
+  public:
     RecordingLog() { Log::install(this); }
     ~RecordingLog() override { Log::install(nullptr); }
     RecordingLog(const RecordingLog&) = delete;

@@ -35,9 +35,8 @@ QString dataFolder() {
         const QString home = homeFolder();
         base = home.isEmpty() ? QString() : home + QStringLiteral("/.local/share");
     }
-    const QString folder = base.isEmpty()
-                               ? QStringLiteral("/tmp/CorviAgent-%1").arg(getuid())
-                               : base + QStringLiteral("/CorviAgent");
+    const QString folder = base.isEmpty() ? QStringLiteral("/tmp/CorviAgent-%1").arg(getuid())
+                                          : base + QStringLiteral("/CorviAgent");
     makeFolder(folder);
     return folder;
 }

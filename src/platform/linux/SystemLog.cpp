@@ -8,11 +8,9 @@ namespace corvi {
 namespace {
 
 class SyslogSink final : public Log {
-public:
+  public:
     SyslogSink() { openlog("CorviAgent", LOG_PID, LOG_USER); }
-    void system(const QString& line) override {
-        syslog(LOG_NOTICE, "%s", line.toUtf8().constData());
-    }
+    void system(const QString& line) override { syslog(LOG_NOTICE, "%s", line.toUtf8().constData()); }
     void error(const QString& line) override {
         const QByteArray bytes = line.toUtf8() + '\n';
         std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stderr);

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <memory>
+
+namespace corvi::test {
+
+// A private dbus-daemon for tests, standing in for the session or the system bus. Stopped
+// when the object goes.
+class DBusDaemon {
+  public:
+    DBusDaemon();
+    ~DBusDaemon();
+    DBusDaemon(const DBusDaemon&) = delete;
+    DBusDaemon& operator=(const DBusDaemon&) = delete;
+
+    bool ok() const { return !address_.isEmpty(); }
+    QString address() const { return address_; }
+
+    // Points the process's own session (or system) bus at this daemon. Must run before the
+    // process first uses that bus: Qt keeps the first connection for the life of the process.
+    void becomeSessionBus() const;
+    void becomeSystemBus() const;
+
+  private:
+    std::unique_ptr<QProcess> daemon_;
+    QString address_;
+};
+
+}  // namespace corvi::test

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <memory>
+
+namespace corvi::test {
+
+// A private X display for tests: Xvfb on a free display number (it picks one itself through
+// -displayfd) and, unless told otherwise, openbox as its window manager. Everything is
+// stopped when the object goes.
+class XServer {
+  public:
+    explicit XServer(bool windowManager = true, int width = 1280, int height = 800);
+    ~XServer();
+    XServer(const XServer&) = delete;
+    XServer& operator=(const XServer&) = delete;
+
+    bool ok() const { return !display_.isEmpty(); }
+    QString display() const { return display_; }  // ":N"
+
+    // Ends the window manager and waits until the display has no EWMH manager.
+    void stopWindowManager();
+    // Ends Xvfb itself (to test a display that goes away).
+    void stopServer();
+
+  private:
+    bool waitForWindowManager(int timeoutMs);
+
+    std::unique_ptr<QProcess> xvfb_;
+    std::unique_ptr<QProcess> wm_;
+    QString display_;
+};
+
+}  // namespace corvi::test
