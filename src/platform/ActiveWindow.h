@@ -2,6 +2,7 @@
 
 #include <QString>
 #include <cstdint>
+#include <memory>
 #include <optional>
 
 namespace corvi {
@@ -22,5 +23,8 @@ class ActiveWindow {
     virtual std::optional<Info> current() = 0;
     virtual QString focusedWindowTitle(std::int32_t pid) = 0;
 };
+
+// The desktop's frontmost window, on the probes' shared display connection.
+std::unique_ptr<ActiveWindow> makeActiveWindow();
 
 }  // namespace corvi

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 namespace corvi {
 
 // Seconds since the last user input (finite, 0 when unknown) and the screen-lock state
@@ -10,5 +12,8 @@ class IdleMonitor {
     virtual double idleSeconds() = 0;
     virtual bool screenLocked() = 0;
 };
+
+// Idle time on the probes' shared display connection, lock state from the desktop's lockers.
+std::unique_ptr<IdleMonitor> makeIdleMonitor();
 
 }  // namespace corvi

@@ -39,6 +39,33 @@ bool hasWindowManager(const QString& display) {
     return found;
 }
 
+// True when the window manager frames a freshly mapped window within timeoutMs. openbox
+// announces itself before it manages windows; a window mapped in between is never shown.
+bool framesNewWindows(const QString& display, int timeoutMs) {
+    xcb_connection_t* c = xcb_connect(display.toLocal8Bit().constData(), nullptr);
+    bool framed = false;
+    if (!xcb_connection_has_error(c)) {
+        const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
+        const xcb_window_t w = xcb_generate_id(c);
+        xcb_create_window(c, XCB_COPY_FROM_PARENT, w, screen->root, 0, 0, 10, 10, 0,
+                          XCB_WINDOW_CLASS_INPUT_OUTPUT, screen->root_visual, 0, nullptr);
+        xcb_map_window(c, w);
+        xcb_flush(c);
+        QElapsedTimer clock;
+        clock.start();
+        while (!framed && clock.elapsed() < timeoutMs) {
+            auto* tree = xcb_query_tree_reply(c, xcb_query_tree(c, w), nullptr);
+            framed = tree && tree->parent != screen->root;
+            free(tree);
+            if (!framed) QThread::msleep(20);
+        }
+        xcb_destroy_window(c, w);
+        xcb_flush(c);
+    }
+    xcb_disconnect(c);
+    return framed;
+}
+
 void stop(std::unique_ptr<QProcess>& p) {
     if (!p) return;
     if (p->state() != QProcess::NotRunning) {
@@ -53,13 +80,18 @@ void stop(std::unique_ptr<QProcess>& p) {
 
 }  // namespace
 
-XServer::XServer(bool windowManager, int width, int height) {
+XServer::XServer(bool windowManager, int width, int height, const QStringList& serverArgs) {
     xvfb_ = std::make_unique<QProcess>();
     xvfb_->setProcessChannelMode(QProcess::SeparateChannels);
-    xvfb_->start(QStringLiteral("Xvfb"),
-                 {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                  QStringLiteral("0"), QStringLiteral("%1x%2x24").arg(width).arg(height),
-                  QStringLiteral("-nolisten"), QStringLiteral("tcp"), QStringLiteral("-noreset")});
+    QStringList args{QStringLiteral("-displayfd"),
+                     QStringLiteral("1"),
+                     QStringLiteral("-screen"),
+                     QStringLiteral("0"),
+                     QStringLiteral("%1x%2x24").arg(width).arg(height),
+                     QStringLiteral("-nolisten"),
+                     QStringLiteral("tcp"),
+                     QStringLiteral("-noreset")};
+    xvfb_->start(QStringLiteral("Xvfb"), args + serverArgs);
     if (!xvfb_->waitForStarted(5000)) return;
     QByteArray out;
     QElapsedTimer clock;
@@ -97,7 +129,7 @@ bool XServer::waitForWindowManager(int timeoutMs) {
     QElapsedTimer clock;
     clock.start();
     while (clock.elapsed() < timeoutMs) {
-        if (hasWindowManager(display_)) return true;
+        if (hasWindowManager(display_) && framesNewWindows(display_, 500)) return true;
         QThread::msleep(20);
     }
     return false;

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <memory>
+
+namespace corvi {
+
+// Whether the agent may read window titles. On X11 there is nothing to grant: titles are
+// readable when the display is open and its window manager publishes the active window.
+class Accessibility {
+  public:
+    virtual ~Accessibility() = default;
+    virtual bool trusted() = 0;
+    // Registers the agent and shows the system's prompt where a platform has one; answers
+    // the same as trusted().
+    virtual bool trustedWithPrompt() = 0;
+};
+
+// The desktop's check, on the probes' shared display connection.
+std::unique_ptr<Accessibility> makeAccessibility();
+
+}  // namespace corvi

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QString>
+
+namespace corvi {
+
+// Asks the system whether an administrator grants a guarded action. Blocks the caller while
+// the person answers; nothing is remembered between requests.
+class AdminAuth {
+  public:
+    virtual ~AdminAuth() = default;
+    // `actionId` names the system's action, which carries the reason text shown to the person.
+    // Yes exactly when the system granted it; any failure or refusal is no.
+    virtual bool authenticate(const QString& actionId) = 0;
+};
+
+}  // namespace corvi

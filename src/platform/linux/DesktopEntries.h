@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QHash>
+#include <QString>
+#include <QStringList>
+
+namespace corvi {
+
+// The installed desktop entries, read once: which application ID a window class belongs to
+// (StartupWMClass) and the display name (the plain Name=) of an application ID. Folders are
+// searched in order and the first entry with a given ID wins, as the XDG menu rules have it.
+class DesktopEntries {
+  public:
+    // The "applications" folders under $XDG_DATA_HOME, then each of $XDG_DATA_DIRS.
+    static QStringList standardFolders();
+
+    explicit DesktopEntries(QStringList folders = standardFolders());
+
+    // Empty when no entry claims the class, or the ID has no entry or no name.
+    QString idForWindowClass(const QString& windowClass);
+    QString nameForId(const QString& appId);
+
+  private:
+    void load();
+    void readEntry(const QString& id, const QString& path);
+
+    QStringList folders_;
+    bool loaded_ = false;
+    QHash<QString, QString> names_;    // ID → Name (empty for hidden entries)
+    QHash<QString, QString> classes_;  // StartupWMClass → ID
+};
+
+}  // namespace corvi

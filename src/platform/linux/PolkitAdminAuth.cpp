@@ -1,0 +1,77 @@
+#include "platform/linux/PolkitAdminAuth.h"
+
+#include <unistd.h>
+
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QFile>
+#include <QVariantMap>
+#include <atomic>
+
+namespace corvi {
+
+PolkitAdminAuth::PolkitAdminAuth(QString busAddress, int timeoutMs)
+    : busAddress_(std::move(busAddress)), timeoutMs_(timeoutMs) {}
+
+quint64 PolkitAdminAuth::processStartTime() {
+    QFile file(QStringLiteral("/proc/self/stat"));
+    if (!file.open(QIODevice::ReadOnly)) return 0;
+    const QByteArray text = file.readAll();
+    // The command name (field 2) may hold blanks and parentheses: count after the last ')'.
+    const qsizetype close = text.lastIndexOf(')');
+    if (close < 0) return 0;
+    const QList<QByteArray> fields = text.mid(close + 1).simplified().split(' ');
+    constexpr int startTimeIndex = 22 - 3;  // fields after ')' begin with field 3
+    if (fields.size() <= startTimeIndex) return 0;
+    bool ok = false;
+    const quint64 value = fields[startTimeIndex].toULongLong(&ok);
+    return ok ? value : 0;
+}
+
+bool PolkitAdminAuth::authenticate(const QString& actionId) {
+    QDBusConnection bus = QDBusConnection::systemBus();
+    QString privateName;
+    if (!busAddress_.isEmpty()) {
+        static std::atomic<int> counter{0};
+        privateName = QStringLiteral("corvi-polkit-%1").arg(counter++);
+        bus = QDBusConnection::connectToBus(busAddress_, privateName);
+    }
+
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.PolicyKit1"), QStringLiteral("/org/freedesktop/PolicyKit1/Authority"),
+        QStringLiteral("org.freedesktop.PolicyKit1.Authority"), QStringLiteral("CheckAuthorization"));
+
+    QDBusArgument subject;
+    subject.beginStructure();
+    subject << QStringLiteral("unix-process");
+    subject << QVariantMap{
+        {QStringLiteral("pid"), QVariant::fromValue(static_cast<quint32>(::getpid()))},
+        {QStringLiteral("start-time"), QVariant::fromValue(processStartTime())},
+        {QStringLiteral("uid"), QVariant::fromValue(static_cast<qint32>(::getuid()))},
+    };
+    subject.endStructure();
+
+    // polkit refuses details from ordinary callers: the reason text lives in the action.
+    QDBusArgument details;
+    details.beginMap(QMetaType::fromType<QString>(), QMetaType::fromType<QString>());
+    details.endMap();
+
+    constexpr quint32 allowUserInteraction = 1;
+    call << QVariant::fromValue(subject) << actionId << QVariant::fromValue(details)
+         << QVariant::fromValue(allowUserInteraction) << QString();
+
+    bool authorized = false;
+    if (bus.isConnected()) {
+        const QDBusMessage reply = bus.call(call, QDBus::Block, timeoutMs_);
+        if (reply.type() == QDBusMessage::ReplyMessage && reply.signature() == u"(bba{ss})") {
+            const QDBusArgument result = reply.arguments().value(0).value<QDBusArgument>();
+            result.beginStructure();
+            result >> authorized;
+        }
+    }
+    if (!privateName.isEmpty()) QDBusConnection::disconnectFromBus(privateName);
+    return authorized;
+}
+
+}  // namespace corvi

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "platform/ActiveWindow.h"
+#include "platform/linux/DesktopEntries.h"
+#include "platform/linux/X11Session.h"
+
+namespace corvi {
+
+// The frontmost application on an EWMH desktop: the window named by _NET_ACTIVE_WINDOW and
+// what its properties, its process and the desktop entries say about it. Two X round trips:
+// the active window, then all of its properties at once.
+class X11ActiveWindow : public ActiveWindow {
+  public:
+    explicit X11ActiveWindow(std::shared_ptr<X11Session> session,
+                             std::unique_ptr<DesktopEntries> entries = std::make_unique<DesktopEntries>());
+
+    std::optional<Info> current() override;
+    // The title of the active window when it belongs to `pid`; X11 has no per-application
+    // focus, so any other process has no focused window.
+    QString focusedWindowTitle(std::int32_t pid) override;
+
+    // At most this much of a title is read; a longer one is cut at a character boundary.
+    static constexpr std::uint32_t kTitleBytes = 64 * 1024;
+
+  private:
+    struct Facts {
+        std::int32_t pid = 0;
+        QString title;
+        QString windowClass;
+        QString gtkApplicationId;
+        QString kdeDesktopFile;
+    };
+
+    xcb_window_t activeWindow(xcb_connection_t* c);
+    std::optional<Facts> read(xcb_connection_t* c, xcb_window_t window);
+
+    std::shared_ptr<X11Session> session_;
+    std::unique_ptr<DesktopEntries> entries_;
+};
+
+}  // namespace corvi

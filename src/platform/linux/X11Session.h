@@ -1,0 +1,87 @@
+#pragma once
+
+#include <xcb/xcb.h>
+
+#include <QByteArray>
+#include <QString>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+
+namespace corvi {
+
+class CompoundTextDecoder;
+
+// The probes' one X connection. A broken connection (the display went away) is dropped and
+// a new one tried at most once per retry interval, so a missing display costs a tick
+// nothing but the neutral answers. Everything here speaks xcb, which reports I/O errors
+// instead of exiting.
+class X11Session {
+  public:
+    struct Atoms {
+        xcb_atom_t netActiveWindow = XCB_ATOM_NONE;
+        xcb_atom_t netSupported = XCB_ATOM_NONE;
+        xcb_atom_t netSupportingWmCheck = XCB_ATOM_NONE;
+        xcb_atom_t netWmName = XCB_ATOM_NONE;
+        xcb_atom_t netWmPid = XCB_ATOM_NONE;
+        xcb_atom_t utf8String = XCB_ATOM_NONE;
+        xcb_atom_t compoundText = XCB_ATOM_NONE;
+        xcb_atom_t gtkApplicationId = XCB_ATOM_NONE;
+        xcb_atom_t kdeDesktopFile = XCB_ATOM_NONE;
+    };
+
+    // An empty display name means $DISPLAY, read again at every connection attempt.
+    explicit X11Session(QByteArray displayName = {},
+                        std::chrono::milliseconds retryInterval = std::chrono::seconds(3));
+    ~X11Session();
+    X11Session(const X11Session&) = delete;
+    X11Session& operator=(const X11Session&) = delete;
+
+    // The process-wide session shared by the window, idle and permission probes.
+    static std::shared_ptr<X11Session> shared();
+
+    // The live connection, reconnecting when due; nullptr when there is no display.
+    xcb_connection_t* connection();
+    xcb_window_t root() const { return root_; }
+    const Atoms& atoms() const { return atoms_; }
+    bool hasResourceExtension() const { return hasRes_; }
+    bool hasScreenSaverExtension() const { return hasScreenSaver_; }
+
+    // Round-trip accounting: requests pass through sent(), and willWait() runs before each
+    // reply is awaited. Waiting for a request sent after the last counted wait began is one
+    // round trip; the replies to everything sent before that wait arrive with it.
+    template <typename Cookie>
+    Cookie sent(Cookie cookie) {
+        if (static_cast<int>(cookie.sequence - lastSent_) > 0) lastSent_ = cookie.sequence;
+        return cookie;
+    }
+    void willWait(unsigned int sequence);
+    // Round trips since the session was made, for the benchmark.
+    std::uint64_t roundTrips() const { return roundTrips_; }
+
+    // COMPOUND_TEXT to UTF-8 through Xlib, on a private display opened at the first need.
+    // Empty when it cannot be decoded.
+    QString decodeCompoundText(const QByteArray& bytes);
+
+  private:
+    bool connect();
+    void disconnect();
+
+    QByteArray displayName_;
+    QByteArray connectedName_;
+    std::chrono::milliseconds retryInterval_;
+    std::chrono::steady_clock::time_point lastAttempt_{};
+    bool attempted_ = false;
+
+    xcb_connection_t* conn_ = nullptr;
+    xcb_window_t root_ = XCB_WINDOW_NONE;
+    Atoms atoms_;
+    bool hasRes_ = false;
+    bool hasScreenSaver_ = false;
+    unsigned int lastSent_ = 0;
+    unsigned int horizon_ = 0;
+    std::uint64_t roundTrips_ = 0;
+    std::unique_ptr<CompoundTextDecoder> compound_;
+};
+
+}  // namespace corvi

@@ -1,0 +1,92 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include "platform/linux/DesktopEntries.h"
+
+namespace corvi {
+namespace {
+
+void writeFile(const QString& path, const QByteArray& text) {
+    QDir().mkpath(QFileInfo(path).path());
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly)) << path.toStdString();
+    f.write(text);
+}
+
+TEST(DesktopEntriesTest, FoldersComeFromTheXdgVariablesInOrder) {
+    struct Case {
+        const char* row;
+        const char* dataHome;
+        const char* dataDirs;
+        QStringList folders;
+    };
+    const Case cases[] = {
+        {"both set", "/h", "/a:/b", {"/h/applications", "/a/applications", "/b/applications"}},
+        {"relative entries ignored",
+         "rel",
+         "/a:rel2:",
+         {"/home/u/.local/share/applications", "/a/applications"}},
+        {"defaults",
+         "",
+         "",
+         {"/home/u/.local/share/applications", "/usr/local/share//applications", "/usr/share//applications"}},
+    };
+    const QByteArray home = qgetenv("HOME"), dataHome = qgetenv("XDG_DATA_HOME"),
+                     dirs = qgetenv("XDG_DATA_DIRS");
+    qputenv("HOME", "/home/u");
+    for (const Case& c : cases) {
+        qputenv("XDG_DATA_HOME", c.dataHome);
+        qputenv("XDG_DATA_DIRS", c.dataDirs);
+        EXPECT_EQ(DesktopEntries::standardFolders(), c.folders) << c.row;
+    }
+    qputenv("HOME", home);
+    qputenv("XDG_DATA_HOME", dataHome);
+    qputenv("XDG_DATA_DIRS", dirs);
+}
+
+TEST(DesktopEntriesTest, FirstFolderWinsAndNamesAreThePlainKey) {
+    QTemporaryDir user, system;
+    const QString u = user.filePath(QStringLiteral("applications")),
+                  s = system.filePath(QStringLiteral("applications"));
+    writeFile(u + "/org.example.Paint.desktop", "[Desktop Entry]\nName=Paint (mine)\nStartupWMClass=Paint\n");
+    writeFile(s + "/org.example.Paint.desktop", "[Desktop Entry]\nName=Paint\nStartupWMClass=PaintOld\n");
+    writeFile(u + "/gone.desktop", "[Desktop Entry]\nHidden=true\n");
+    writeFile(s + "/gone.desktop", "[Desktop Entry]\nName=Gone\nStartupWMClass=Gone\n");
+    writeFile(s + "/kde/viewer.desktop", "[Desktop Entry]\nName[de]=Betrachter\nName=Viewer\\sPlus\n");
+    writeFile(s + "/actions.desktop",
+              "# comment\n[Desktop Action x]\nName=Wrong\n[Desktop Entry]\nName=Right\nStartupWMClass=Act\n"
+              "[Desktop Action y]\nName=Also wrong\n");
+    writeFile(s + "/broken.desktop", "garbage without groups\nName=Nope\n");
+    DesktopEntries entries({u, s});
+
+    struct Case {
+        const char* row;
+        QString windowClass;
+        QString id;
+        QString name;
+    };
+    const Case cases[] = {
+        {"user entry shadows the system one", "Paint", "org.example.Paint", "Paint (mine)"},
+        {"shadowed entry's class is not indexed", "PaintOld", "", ""},
+        {"hidden user entry hides the system one", "Gone", "", ""},
+        {"entry in a subfolder gets a dashed ID", "", "kde-viewer", "Viewer Plus"},
+        {"only the main group counts", "Act", "actions", "Right"},
+        {"file without the main group has no name", "", "broken", ""},
+        {"unknown class", "Nothing", "", ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.row);
+        if (!c.windowClass.isEmpty()) {
+            EXPECT_EQ(entries.idForWindowClass(c.windowClass), c.id);
+        }
+        if (!c.id.isEmpty()) {
+            EXPECT_EQ(entries.nameForId(c.id), c.name);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace corvi

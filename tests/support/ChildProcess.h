@@ -1,0 +1,29 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+
+namespace corvi::test {
+
+// A forked child that runs `body` (async-signal-safe work only: the parent has threads) and
+// is killed and reaped when this goes out of scope.
+class ChildProcess {
+  public:
+    explicit ChildProcess(const std::function<void()>& body);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t pid() const { return pid_; }
+    // Kills and reaps the child; afterwards its pid names no process.
+    void end();
+
+  private:
+    pid_t pid_ = -1;
+};
+
+// Keeps the calling process busy until it has used `seconds` of CPU time, then sleeps.
+[[noreturn]] void burnThenSleep(double seconds);
+
+}  // namespace corvi::test

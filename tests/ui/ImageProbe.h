@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QColor>
+#include <QImage>
+#include <QRect>
+#include <QString>
+
+namespace corvi::test {
+
+// Measurements on a drawn image, in device pixels.
+
+// Sum of coverage (alpha / 255) in column x, rows [top, bottom): the stroke width across it.
+double columnCoverage(const QImage& img, int x, int top = 0, int bottom = -1);
+// The coverage-weighted mean row of column x, as a pixel-centre coordinate.
+double columnCentre(const QImage& img, int x);
+// Sum of coverage over a rectangle: the drawn area.
+double areaCoverage(const QImage& img, const QRect& r);
+// The bounding box of pixels with any coverage inside r; empty when none.
+QRect coveredBox(const QImage& img, const QRect& r);
+// The un-premultiplied colour of a pixel, alpha kept.
+QColor straightColor(const QImage& img, int x, int y);
+// The most opaque pixel in r, un-premultiplied.
+QColor mostOpaque(const QImage& img, const QRect& r);
+// "#rrggbb a" for failure messages.
+QString describe(const QColor& c);
+// Channels within tolerance (alpha ignored).
+bool sameRgb(const QColor& a, const QColor& b, int tolerance = 0);
+
+}  // namespace corvi::test

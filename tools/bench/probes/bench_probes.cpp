@@ -1,0 +1,68 @@
+// One full probe round (active window, pid, ID, name, title, idle, lock) against a private
+// Xvfb with openbox and a stand-in locker on a private bus, as the sampler makes it.
+#include <unistd.h>
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QTemporaryDir>
+#include <cstdio>
+
+#include "bench/BenchUtil.h"
+#include "platform/linux/X11ActiveWindow.h"
+#include "platform/linux/X11IdleMonitor.h"
+#include "support/DBusDaemon.h"
+#include "support/LockService.h"
+#include "support/XClient.h"
+#include "support/XServer.h"
+
+using namespace corvi;
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    test::XServer server;
+    test::DBusDaemon session, system;
+    if (!server.ok() || !session.ok() || !system.ok()) {
+        std::fprintf(stderr, "could not start Xvfb, openbox or dbus-daemon\n");
+        return 1;
+    }
+    test::XClient client(server.display());
+    const auto w = client.createWindow();
+    client.setText(w, "_NET_WM_NAME", "UTF8_STRING",
+                   "Relat\xc3\xb3rio final \xe2\x80\x94 Layout.indd @ 100%");
+    client.setClass(w, "indesign", "InDesign");
+    client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(getpid()));
+    if (!client.activate(w)) {
+        std::fprintf(stderr, "could not activate the window\n");
+        return 1;
+    }
+    test::LockService locker(session.address(), QStringLiteral("org.freedesktop.ScreenSaver"));
+
+    auto x = std::make_shared<X11Session>(server.display().toLocal8Bit());
+    X11ActiveWindow window(x);  // the installed desktop entries, as in the agent
+    X11IdleMonitor idle(x, std::make_unique<ScreenLockProbe>(
+                               QDBusConnection::connectToBus(session.address(), QStringLiteral("s")),
+                               QDBusConnection::connectToBus(system.address(), QStringLiteral("y"))));
+
+    int sink = 0;
+    auto round = [&] {
+        const auto info = window.current();
+        sink += info ? static_cast<int>(info->windowTitle.size()) : 0;
+        sink += static_cast<int>(idle.idleSeconds());
+        sink += idle.screenLocked() ? 1 : 0;
+    };
+    round();  // connects, interns atoms, reads the desktop entries, finds the locker
+
+    constexpr int kRounds = 2000;
+    const auto before = x->roundTrips();
+    const double nanos = bench::medianNanos(kRounds, round);
+    const double trips = static_cast<double>(x->roundTrips() - before) / kRounds;
+    bench::report("probe round, median", nanos / 1000.0, "us", "< 500 us");
+    bench::report("X round trips per round", trips, "", "<= 3");
+
+    const double xOnly = bench::medianNanos(kRounds, [&] {
+        const auto info = window.current();
+        sink += info ? 1 : 0;
+        sink += static_cast<int>(idle.idleSeconds());
+    });
+    bench::report("probe round without the lock call, median", xOnly / 1000.0, "us");
+    return sink < 0 ? 1 : 0;
+}
