@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <memory>
 
 namespace corvi {
 
@@ -13,5 +14,8 @@ class AdminAuth {
     // Yes exactly when the system granted it; any failure or refusal is no.
     virtual bool authenticate(const QString& actionId) = 0;
 };
+
+// The platform's administrator prompt (polkit on the system bus).
+std::unique_ptr<AdminAuth> makeAdminAuth();
 
 }  // namespace corvi

@@ -74,4 +74,8 @@ bool PolkitAdminAuth::authenticate(const QString& actionId) {
     return authorized;
 }
 
+std::unique_ptr<AdminAuth> makeAdminAuth() {
+    return std::make_unique<PolkitAdminAuth>();
+}
+
 }  // namespace corvi

@@ -1,0 +1,156 @@
+#include "shell/StatusMenu.h"
+
+#include <QAction>
+#include <QIcon>
+#include <QMenu>
+#include <QSystemTrayIcon>
+#include <QWidgetAction>
+
+#include "model/AppModel.h"
+#include "ui/CorviIcon.h"
+#include "ui/MenuStatusView.h"
+#include "ui/Theme.h"
+
+namespace corvi {
+namespace {
+
+QString pick(const AppModel& model, const char* pt, const char* en) {
+    return QString::fromUtf8(model.lang() == QLatin1String("pt") ? pt : en);
+}
+
+QColor iconDot(AppModel::IconState state) {
+    switch (state) {
+        case AppModel::IconState::tracking:
+            return QColor(47, 158, 47);
+        case AppModel::IconState::noPermission:
+            return Theme::yellowNS();
+        case AppModel::IconState::paused:
+            break;
+    }
+    return Theme::inactiveNS();
+}
+
+QColor statusDot(AppModel::IconState state) {
+    switch (state) {
+        case AppModel::IconState::tracking:
+            return Theme::green();
+        case AppModel::IconState::noPermission:
+            return Theme::yellow();
+        case AppModel::IconState::paused:
+            break;
+    }
+    return Theme::inactive();
+}
+
+// Desktops that ship only symbolic icons still name them; a missing icon leaves the item bare.
+QIcon themeIcon(const char* name) {
+    const QString n = QString::fromLatin1(name);
+    if (QIcon::hasThemeIcon(n)) return QIcon::fromTheme(n);
+    return QIcon::fromTheme(n + QStringLiteral("-symbolic"));
+}
+
+}  // namespace
+
+StatusMenu::StatusMenu(QObject* parent) : QObject(parent) {
+    // A bare window manager names no icon theme and Qt then looks only in hicolor, which has
+    // none of the menu's icons; a full theme keeps them there too.
+    if (!QIcon::hasThemeIcon(QStringLiteral("system-shutdown")) &&
+        !QIcon::hasThemeIcon(QStringLiteral("system-shutdown-symbolic")) &&
+        (QIcon::themeName().isEmpty() || QIcon::themeName() == QLatin1String("hicolor")))
+        QIcon::setThemeName(QStringLiteral("Tango"));
+    menu_ = new QMenu();
+    QFont font = menu_->font();
+    font.setPixelSize(14);
+    menu_->setFont(font);
+
+    statusView_ = new MenuStatusView();
+    auto* statusLine = new QWidgetAction(menu_);
+    statusLine->setDefaultWidget(statusView_);
+    menu_->addAction(statusLine);
+    menu_->addSeparator();
+    ajustesItem_ =
+        menu_->addAction(themeIcon("preferences-system"), QString(), this, &StatusMenu::openSettings);
+    ajustesItem_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
+    menu_->addSeparator();
+    pauseItem_ =
+        menu_->addAction(themeIcon("media-playback-pause"), QString(), this, &StatusMenu::togglePause);
+    updateItem_ =
+        menu_->addAction(themeIcon("software-update-available"), QString(), this, &StatusMenu::installUpdate);
+    updateItem_->setVisible(false);
+    sairItem_ = menu_->addAction(themeIcon("system-shutdown"), QString(), this, &StatusMenu::quit);
+    sairItem_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
+    connect(menu_, &QMenu::aboutToShow, this, &StatusMenu::menuWillOpen);
+
+    statusItem_ = new QSystemTrayIcon(this);
+    statusItem_->setContextMenu(menu_);
+    // A left click opens the same menu, as a click on the status item does elsewhere.
+    connect(statusItem_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger) menu_->popup(QCursor::pos());
+    });
+}
+
+StatusMenu::~StatusMenu() {
+    delete menu_;
+}
+
+void StatusMenu::show() {
+    statusItem_->show();
+}
+
+QString StatusMenu::tooltip(const AppModel& model) {
+    switch (model.iconState()) {
+        case AppModel::IconState::tracking:
+            return QStringLiteral("Corvimetry");
+        case AppModel::IconState::noPermission:
+            return pick(model, "Corvimetry - falta a permissão de Acessibilidade",
+                        "Corvimetry - missing Accessibility permission");
+        case AppModel::IconState::paused:
+            break;
+    }
+    return pick(model, "Corvimetry - coleta pausada", "Corvimetry - tracking paused");
+}
+
+QString StatusMenu::stateText(const AppModel& model) {
+    switch (model.iconState()) {
+        case AppModel::IconState::tracking:
+            return pick(model, "Coletando", "Tracking");
+        case AppModel::IconState::noPermission:
+            return pick(model, "Sem permissão", "No permission");
+        case AppModel::IconState::paused:
+            break;
+    }
+    return pick(model, "Pausado", "Paused");
+}
+
+void StatusMenu::refresh(const AppModel& model, const std::optional<QString>& pendingUpdateVersion) {
+    const AppModel::IconState state = model.iconState();
+    // Redrawn only when it would look different: a tray host repaints (or a D-Bus tray sends
+    // a signal) for every new icon, and this runs every few seconds.
+    const bool dark = Theme::isDark();
+    if (!drawnState_ || *drawnState_ != state || drawnDark_ != dark) {
+        statusItem_->setIcon(CorviIcon::statusIcon(iconDot(state)));
+        drawnState_ = state;
+        drawnDark_ = dark;
+    }
+    const QString tip = tooltip(model);
+    if (statusItem_->toolTip() != tip) statusItem_->setToolTip(tip);
+    statusView_->setState(statusDot(state), stateText(model), model.serverReachable());
+
+    ajustesItem_->setText(pick(model, "Ajustes…", "Settings…"));
+    const bool paused = model.paused();
+    pauseItem_->setText(paused ? pick(model, "Retomar coleta", "Resume tracking")
+                               : pick(model, "Pausar coleta", "Pause tracking"));
+    if (!iconsSet_ || paused != lastPaused_)
+        pauseItem_->setIcon(themeIcon(paused ? "media-playback-start" : "media-playback-pause"));
+    iconsSet_ = true;
+    lastPaused_ = paused;
+    if (pendingUpdateVersion) {
+        updateItem_->setText(pick(model, "Nova versão ", "New version ") + *pendingUpdateVersion);
+        updateItem_->setVisible(true);
+    } else {
+        updateItem_->setVisible(false);
+    }
+    sairItem_->setText(pick(model, "Sair", "Quit"));
+}
+
+}  // namespace corvi
