@@ -1,11 +1,15 @@
 #include <QApplication>
+#include <QTimer>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
 #include "BuildConfig.h"
 #include "platform/Display.h"
 #include "platform/Paths.h"
+#include "shell/AppDelegate.h"
 #include "shell/InstanceLock.h"
+#include "shell/SignalRelay.h"
 
 namespace {
 
@@ -59,6 +63,14 @@ int main(int argc, char** argv) {
 
     QApplication app(argc, argv);
     app.setApplicationName(QStringLiteral("CorviAgent"));
+    // A tray agent: closing a prompt or a window never ends it.
     app.setQuitOnLastWindowClosed(false);
-    return app.exec();
+
+    corvi::AppDelegate delegate;
+    corvi::SignalRelay relay({SIGTERM, SIGINT});
+    QObject::connect(&relay, &corvi::SignalRelay::received, &delegate,
+                     &corvi::AppDelegate::requestTermination, Qt::QueuedConnection);
+    QTimer::singleShot(0, &delegate, &corvi::AppDelegate::applicationDidFinishLaunching);
+    app.exec();
+    return 0;
 }
