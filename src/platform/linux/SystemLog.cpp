@@ -9,7 +9,12 @@ namespace {
 
 class SyslogSink final : public Log {
   public:
-    SyslogSink() { openlog("CorviAgent", LOG_PID, LOG_USER); }
+    // CORVI_LOG_STDERR copies the lines to standard error, for a session without a system
+    // log (a container, the demo desktop) and for tests that read them.
+    SyslogSink() {
+        openlog("CorviAgent", LOG_PID | (qEnvironmentVariableIsSet("CORVI_LOG_STDERR") ? LOG_PERROR : 0),
+                LOG_USER);
+    }
     void system(const QString& line) override { syslog(LOG_NOTICE, "%s", line.toUtf8().constData()); }
     void error(const QString& line) override {
         const QByteArray bytes = line.toUtf8() + '\n';

@@ -1,0 +1,63 @@
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include "platform/HostIdentity.h"
+
+namespace {
+
+class HostIdentityTest : public ::testing::Test {
+  protected:
+    QString file(const QString& name, const QByteArray& content) {
+        const QString path = dir.filePath(name);
+        QFile f(path);
+        EXPECT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(content);
+        return path;
+    }
+    QTemporaryDir dir;
+};
+
+TEST_F(HostIdentityTest, MachineUIDIsAKeyedDigestOfTheMachineId) {
+    const QString a = file("a", "0123456789abcdef0123456789abcdef\n");
+    const QString b = file("b", "fedcba9876543210fedcba9876543210\n");
+    const QString missing = dir.filePath("missing");
+    const QString empty = file("empty", "");
+    const QString uninitialized = file("uninit", "uninitialized\n");
+    const QString shortId = file("short", "0123456789abcdef0123456789abcde\n");
+    const QString notHex = file("nothex", "0123456789abcdef0123456789abcdeg\n");
+    // Worked out independently (HMAC-SHA-256 keyed with the id's bytes, version-4 bits set).
+    const QString expectedA = "6EB4E038-76F5-4FF4-81A0-215D610B4C92";
+    const QString uidB = corvi::machineUIDFrom({b});
+
+    struct Case {
+        const char* name;
+        QStringList files;
+        QString expected;
+    };
+    const Case cases[] = {
+        {"first file", {a, b}, expectedA},
+        {"missing first file falls back", {missing, a}, expectedA},
+        {"empty first file falls back", {empty, a}, expectedA},
+        {"uninitialized id falls back", {uninitialized, a}, expectedA},
+        {"short id falls back", {shortId, a}, expectedA},
+        {"non-hex id falls back", {notHex, a}, expectedA},
+        {"nothing readable", {missing, empty, notHex}, "unknown-mac"},
+        {"no files", {}, "unknown-mac"},
+    };
+    for (const Case& c : cases) EXPECT_EQ(corvi::machineUIDFrom(c.files), c.expected) << c.name;
+
+    EXPECT_NE(uidB, expectedA);
+    const QRegularExpression shape("^[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$");
+    EXPECT_TRUE(shape.match(uidB).hasMatch()) << uidB.toStdString();
+    EXPECT_FALSE(uidB.contains("FEDCBA98", Qt::CaseInsensitive))
+        << "the machine id must not leave the machine";
+}
+
+TEST(MachineNameTest, IsNeverEmpty) {
+    EXPECT_FALSE(corvi::machineName().isEmpty());
+}
+
+}  // namespace
