@@ -82,24 +82,11 @@ TEST(CorviLogo, StrokesATenthOfItsSizeInItsColour) {
 
 TEST(CorviLogo, ThemeColourFollowsTheAppearance) {
     CorviLogo logo(30, &Theme::accent);
-    const QPalette original = QApplication::palette();
-    struct Case {
-        const char* name;
-        QColor window, text, expected;
-    };
-    const Case cases[] = {
-        {"dark palette", QColor(0x20, 0x20, 0x20), QColor(0xf0, 0xf0, 0xf0), QColor(0x39, 0x87, 0xE5)},
-        {"light palette", QColor(0xf0, 0xf0, 0xf0), QColor(0x20, 0x20, 0x20), QColor(0x2F, 0x70, 0xD1)},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        QPalette p = original;
-        p.setColor(QPalette::Window, c.window);
-        p.setColor(QPalette::WindowText, c.text);
-        QApplication::setPalette(p);
-        EXPECT_TRUE(sameRgb(mostOpaque(drawn(logo), logo.rect()), c.expected, 2));
+    for (const auto& [dark, accent] :
+         {std::pair{true, QColor(0x39, 0x87, 0xE5)}, {false, QColor(0x2F, 0x70, 0xD1)}}) {
+        usePalette(dark);
+        EXPECT_TRUE(sameRgb(mostOpaque(drawn(logo), logo.rect()), accent, 2)) << dark;
     }
-    QApplication::setPalette(original);
 }
 
 }  // namespace
