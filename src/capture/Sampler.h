@@ -45,7 +45,6 @@ class Sampler : public QObject {
     const std::optional<SessionRow>& current() const { return current_; }
     std::int64_t currentID() const { return currentID_; }
     double interval() const { return interval_; }
-    const ProcessCPU& cpu() const { return cpu_; }
 
     // Called with every sample after it has been written; never on a paused tick.
     std::function<void(const Sample&)> onUpdate;

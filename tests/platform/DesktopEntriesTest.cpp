@@ -1,20 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <QDir>
-#include <QFile>
 #include <QTemporaryDir>
 
 #include "platform/linux/DesktopEntries.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
 
-void writeFile(const QString& path, const QByteArray& text) {
-    QDir().mkpath(QFileInfo(path).path());
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly)) << path.toStdString();
-    f.write(text);
-}
+using test::writeFile;
 
 TEST(DesktopEntriesTest, FoldersComeFromTheXdgVariablesInOrder) {
     struct Case {
@@ -23,28 +17,17 @@ TEST(DesktopEntriesTest, FoldersComeFromTheXdgVariablesInOrder) {
         const char* dataDirs;
         QStringList folders;
     };
+    const QString mine = QStringLiteral("/home/u/.local/share/applications");
     const Case cases[] = {
         {"both set", "/h", "/a:/b", {"/h/applications", "/a/applications", "/b/applications"}},
-        {"relative entries ignored",
-         "rel",
-         "/a:rel2:",
-         {"/home/u/.local/share/applications", "/a/applications"}},
-        {"defaults",
-         "",
-         "",
-         {"/home/u/.local/share/applications", "/usr/local/share//applications", "/usr/share//applications"}},
+        {"relative entries ignored", "rel", "/a:rel2:", {mine, "/a/applications"}},
+        {"defaults", "", "", {mine, "/usr/local/share//applications", "/usr/share//applications"}},
     };
-    const QByteArray home = qgetenv("HOME"), dataHome = qgetenv("XDG_DATA_HOME"),
-                     dirs = qgetenv("XDG_DATA_DIRS");
-    qputenv("HOME", "/home/u");
+    const test::ScopedEnv home("HOME", "/home/u");
     for (const Case& c : cases) {
-        qputenv("XDG_DATA_HOME", c.dataHome);
-        qputenv("XDG_DATA_DIRS", c.dataDirs);
+        const test::ScopedEnv dataHome("XDG_DATA_HOME", c.dataHome), dataDirs("XDG_DATA_DIRS", c.dataDirs);
         EXPECT_EQ(DesktopEntries::standardFolders(), c.folders) << c.row;
     }
-    qputenv("HOME", home);
-    qputenv("XDG_DATA_HOME", dataHome);
-    qputenv("XDG_DATA_DIRS", dirs);
 }
 
 TEST(DesktopEntriesTest, FirstFolderWinsAndNamesAreThePlainKey) {

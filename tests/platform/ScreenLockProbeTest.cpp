@@ -1,22 +1,50 @@
 #include <gtest/gtest.h>
 
 #include <QDBusConnection>
+#include <QDBusVariant>
 #include <QUuid>
+#include <atomic>
 
 #include "platform/linux/ScreenLockProbe.h"
+#include "support/BusStandIn.h"
 #include "support/DBusDaemon.h"
-#include "support/LockService.h"
 
 namespace corvi {
 namespace {
 
 using test::DBusDaemon;
-using test::LockService;
 using namespace std::chrono_literals;
 
 QDBusConnection connect(const DBusDaemon& daemon) {
     return QDBusConnection::connectToBus(daemon.address(), QUuid::createUuid().toString());
 }
+
+const QString kLogind = QStringLiteral("org.freedesktop.login1");
+
+// A stand-in screen locker: a screen saver answering GetActive at the path its name gives, or
+// logind's session answering the LockedHint property. Silent, it takes calls and never answers.
+struct LockService {
+    LockService(const DBusDaemon& bus, const QString& service)
+        : standIn(bus.address(),
+                  service == kLogind ? QStringLiteral("/org/freedesktop/login1/session/auto")
+                                     : u'/' + QString(service).replace(u'.', u'/'),
+                  [this, logind = service == kLogind](const QDBusMessage& call, QDBusConnection& c) {
+                      const bool asked = logind ? call.member() == u"Get" &&
+                                                      call.arguments().value(1).toString() == u"LockedHint"
+                                                : call.member() == u"GetActive";
+                      if (!asked)
+                          c.send(call.createErrorReply(QDBusError::UnknownMethod, call.member()));
+                      else if (!silent)
+                          c.send(logind ? call.createReply(QVariant::fromValue(QDBusVariant(bool(locked))))
+                                        : call.createReply(QVariant(bool(locked))));
+                  }),
+          ok(standIn.claim(service)) {}
+    int calls() const { return static_cast<int>(standIn.received().size()); }
+
+    std::atomic<bool> locked{false}, silent{false};
+    test::BusStandIn standIn;
+    const bool ok;
+};
 
 // Private session and system buses, with stand-in lockers placed on them per test.
 class ScreenLockProbeTest : public ::testing::Test {
@@ -34,38 +62,25 @@ class ScreenLockProbeTest : public ::testing::Test {
 };
 
 TEST_F(ScreenLockProbeTest, FirstAnsweringLockerDecides) {
-    struct Case {
-        const char* row;
-        const char* service;
-        LockService::Kind kind;
-        bool onSystemBus;
-    };
-    const Case cases[] = {
-        {"freedesktop screen saver", "org.freedesktop.ScreenSaver", LockService::Kind::ScreenSaver, false},
-        {"GNOME screen saver", "org.gnome.ScreenSaver", LockService::Kind::ScreenSaver, false},
-        {"Cinnamon screen saver", "org.cinnamon.ScreenSaver", LockService::Kind::ScreenSaver, false},
-        {"logind session hint", "org.freedesktop.login1", LockService::Kind::LoginSession, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.row);
-        LockService locker((c.onSystemBus ? system_ : session_).address(), c.service, c.kind);
-        ASSERT_TRUE(locker.ok());
+    for (const QString service : {"org.freedesktop.ScreenSaver", "org.gnome.ScreenSaver",
+                                  "org.cinnamon.ScreenSaver", "org.freedesktop.login1"}) {
+        SCOPED_TRACE(service.toStdString());
+        LockService locker(service == kLogind ? system_ : session_, service);
+        ASSERT_TRUE(locker.ok);
         ScreenLockProbe p = probe();
-        locker.setLocked(true);
+        locker.locked = true;
         EXPECT_TRUE(p.locked());
-        locker.setLocked(false);
+        locker.locked = false;
         EXPECT_FALSE(p.locked());
-        locker.setLocked(true);
-        EXPECT_TRUE(p.locked());
     }
 }
 
 TEST_F(ScreenLockProbeTest, EarlierLockerInOrderWinsAndIsRemembered) {
-    LockService gnome(session_.address(), "org.gnome.ScreenSaver");
-    LockService logind(system_.address(), "org.freedesktop.login1", LockService::Kind::LoginSession);
-    ASSERT_TRUE(gnome.ok() && logind.ok());
-    gnome.setLocked(true);
-    logind.setLocked(false);
+    LockService gnome(session_, "org.gnome.ScreenSaver");
+    LockService logind(system_, kLogind);
+    ASSERT_TRUE(gnome.ok && logind.ok);
+    gnome.locked = true;
+    logind.locked = false;
     ScreenLockProbe p = probe(1h);
     EXPECT_TRUE(p.locked());
     EXPECT_TRUE(p.locked());
@@ -76,9 +91,9 @@ TEST_F(ScreenLockProbeTest, EarlierLockerInOrderWinsAndIsRemembered) {
 TEST_F(ScreenLockProbeTest, NoLockerMeansUnlockedAndSearchIsThrottled) {
     ScreenLockProbe p = probe(1h);
     EXPECT_FALSE(p.locked());
-    LockService late(session_.address(), "org.freedesktop.ScreenSaver");
-    ASSERT_TRUE(late.ok());
-    late.setLocked(true);
+    LockService late(session_, "org.freedesktop.ScreenSaver");
+    ASSERT_TRUE(late.ok);
+    late.locked = true;
     EXPECT_FALSE(p.locked()) << "not searched again before the interval";
     EXPECT_EQ(late.calls(), 0);
 }
@@ -86,24 +101,24 @@ TEST_F(ScreenLockProbeTest, NoLockerMeansUnlockedAndSearchIsThrottled) {
 TEST_F(ScreenLockProbeTest, LockerThatGoesAwayIsForgotten) {
     ScreenLockProbe p = probe(0ms);
     {
-        LockService locker(session_.address(), "org.mate.ScreenSaver");
-        ASSERT_TRUE(locker.ok());
-        locker.setLocked(true);
+        LockService locker(session_, "org.mate.ScreenSaver");
+        ASSERT_TRUE(locker.ok);
+        locker.locked = true;
         EXPECT_TRUE(p.locked());
     }
     EXPECT_FALSE(p.locked());
-    LockService other(system_.address(), "org.freedesktop.login1", LockService::Kind::LoginSession);
-    ASSERT_TRUE(other.ok());
-    other.setLocked(true);
+    LockService other(system_, kLogind);
+    ASSERT_TRUE(other.ok);
+    other.locked = true;
     EXPECT_TRUE(p.locked());
 }
 
 TEST_F(ScreenLockProbeTest, SilentLockerDoesNotHangTheTick) {
-    LockService silent(session_.address(), "org.freedesktop.ScreenSaver");
-    LockService gnome(session_.address(), "org.gnome.ScreenSaver");
-    ASSERT_TRUE(silent.ok() && gnome.ok());
-    silent.setSilent(true);
-    gnome.setLocked(true);
+    LockService silent(session_, "org.freedesktop.ScreenSaver");
+    LockService gnome(session_, "org.gnome.ScreenSaver");
+    ASSERT_TRUE(silent.ok && gnome.ok);
+    silent.silent = true;
+    gnome.locked = true;
     ScreenLockProbe p = probe(1h);
     EXPECT_FALSE(p.locked()) << "a bus that timed out is not asked again in the same search";
     EXPECT_FALSE(p.locked());

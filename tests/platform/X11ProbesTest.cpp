@@ -3,8 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <QDir>
-#include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QThread>
@@ -13,6 +11,8 @@
 #include "platform/linux/X11Accessibility.h"
 #include "platform/linux/X11ActiveWindow.h"
 #include "platform/linux/X11IdleMonitor.h"
+#include "support/QtPrinters.h"
+#include "support/TestFiles.h"
 #include "support/XClient.h"
 #include "support/XServer.h"
 
@@ -23,17 +23,34 @@ using test::XClient;
 using test::XServer;
 using namespace std::chrono_literals;
 
-void writeFile(const QString& path, const QByteArray& text) {
-    QDir().mkpath(QFileInfo(path).path());
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly)) << path.toStdString();
-    f.write(text);
+QString ownProcessName() {
+    return QString::fromUtf8(test::readFile(QStringLiteral("/proc/self/comm")).trimmed());
 }
 
-QString ownProcessName() {
-    QFile f(QStringLiteral("/proc/self/comm"));
-    return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll().trimmed()) : QString();
+// One property as a window sets it.
+struct Prop {
+    QByteArray name;
+    const char* type;
+    QByteArray value;
+    int format = 8;
+};
+Prop windowClass(const char* instance, const char* cls) {
+    return {"WM_CLASS", "STRING", QByteArray(instance) + '\0' + cls + '\0'};
 }
+
+// A bare display of its own, with the probes on it and no desktop entries.
+struct BareDisplay {
+    explicit BareDisplay(const QStringList& withoutExtensions)
+        : server(false, 640, 480, [&] {
+              QStringList args;
+              for (const QString& e : withoutExtensions) args << QStringLiteral("-extension") << e;
+              return args;
+          }()) {}
+    XServer server;
+    XClient client{server.display()};
+    std::shared_ptr<X11Session> session = std::make_shared<X11Session>(server.display().toLocal8Bit(), 0ms);
+    X11ActiveWindow probe{session, std::make_unique<DesktopEntries>(QStringList{})};
+};
 
 // One display with openbox, a client making windows and desktop entries in a temp folder.
 class X11ProbesTest : public ::testing::Test {
@@ -42,114 +59,71 @@ class X11ProbesTest : public ::testing::Test {
         server_ = new XServer();
         client_ = new XClient(server_->display());
         entries_ = new QTemporaryDir();
-        writeFile(entries_->filePath(QStringLiteral("applications/org.example.Editor.desktop")),
-                  "[Desktop Entry]\nType=Application\nName[pt]=Editor de Exemplo\nName=Example Editor\n"
-                  "StartupWMClass=ExEdit\n\n[Desktop Action new]\nName=New Window\n");
-        writeFile(entries_->filePath(QStringLiteral("applications/org.gnome.TextEditor.desktop")),
-                  "[Desktop Entry]\nName=Text Editor\n");
+        test::writeFile(
+            entries_->filePath(QStringLiteral("applications/org.example.Editor.desktop")),
+            "[Desktop Entry]\nName[pt]=Editor de Exemplo\nName=Example Editor\nStartupWMClass=ExEdit\n");
+        test::writeFile(entries_->filePath(QStringLiteral("applications/org.gnome.TextEditor.desktop")),
+                        "[Desktop Entry]\nName=Text Editor\n");
     }
     static void TearDownTestSuite() {
         delete client_;
         delete server_;
         delete entries_;
     }
-
     void SetUp() override {
-        ASSERT_TRUE(server_->ok());
-        ASSERT_TRUE(client_->ok());
+        ASSERT_TRUE(server_->ok() && client_->ok());
         session_ = std::make_shared<X11Session>(server_->display().toLocal8Bit(), 0ms);
         probe_ = std::make_unique<X11ActiveWindow>(
             session_, std::make_unique<DesktopEntries>(
                           QStringList{entries_->filePath(QStringLiteral("applications"))}));
     }
+    // A new window with these properties, made active.
+    XClient::Window activeWindow(const std::vector<Prop>& props) {
+        const XClient::Window w = client_->createWindow();
+        for (const Prop& p : props) client_->setProperty(w, p.name.constData(), p.type, p.format, p.value);
+        EXPECT_TRUE(client_->activate(w));
+        return w;
+    }
 
-    static XServer* server_;
-    static XClient* client_;
-    static QTemporaryDir* entries_;
+    static inline XServer* server_ = nullptr;
+    static inline XClient* client_ = nullptr;
+    static inline QTemporaryDir* entries_ = nullptr;
     std::shared_ptr<X11Session> session_;
     std::unique_ptr<X11ActiveWindow> probe_;
 };
-XServer* X11ProbesTest::server_ = nullptr;
-XClient* X11ProbesTest::client_ = nullptr;
-QTemporaryDir* X11ProbesTest::entries_ = nullptr;
 
 TEST_F(X11ProbesTest, ActiveWindowIsDescribedByItsProperties) {
     const QByteArray oneMiB =
-        QByteArray(X11ActiveWindow::kTitleBytes - 1, 'a') + "\xc3\xa9" + QByteArray(1024 * 1024, 'b');
+        QByteArray(X11ActiveWindow::kTitleBytes - 1, 'a') + "\xc3\xa9" + QByteArray(1 << 20, 'b');
+    const char* utf8 = "Relat\xc3\xb3rio \xe2\x80\x94 caf\xc3\xa9 \xe2\x9c\x93";
+    const QString self = ownProcessName();
     struct Case {
         const char* row;
-        std::function<void(XClient&, XClient::Window)> setup;
-        QString bundleID;
-        QString appName;
-        QString title;
+        std::vector<Prop> props;
+        QString bundleID, appName, title;
     };
+    const QByteArray net = "_NET_WM_NAME", wm = "WM_NAME";
+    // clang-format off
     const Case cases[] = {
-        {"UTF-8 _NET_WM_NAME and a class",
-         [](XClient& x, XClient::Window w) {
-             x.setText(w, "_NET_WM_NAME", "UTF8_STRING",
-                       "Relat\xc3\xb3rio \xe2\x80\x94 caf\xc3\xa9 \xe2\x9c\x93");
-             x.setText(w, "WM_NAME", "STRING", "ignored");
-             x.setClass(w, "gimp", "Gimp-2.10");
-         },
-         "Gimp-2.10", "Gimp-2.10",
-         QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 caf\xc3\xa9 \xe2\x9c\x93")},
-        {"Latin-1 WM_NAME",
-         [](XClient& x, XClient::Window w) {
-             x.setText(w, "WM_NAME", "STRING", "caf\xe9");
-             x.setClass(w, "xterm", "XTerm");
-         },
-         "XTerm", "XTerm", QString::fromUtf8("caf\xc3\xa9")},
-        {"COMPOUND_TEXT WM_NAME with Latin-1 and Greek",
-         [](XClient& x, XClient::Window w) {
-             x.setText(w, "WM_NAME", "COMPOUND_TEXT", "caf\xe9 \x1b\x2d\x46\xe1");
-             x.setClass(w, "old", "OldApp");
-         },
-         "OldApp", "OldApp", QString::fromUtf8("caf\xc3\xa9 \xce\xb1")},
-        {"_NET_WM_NAME of a wrong type hides WM_NAME",
-         [](XClient& x, XClient::Window w) {
-             x.setProperty(w, "_NET_WM_NAME", "CARDINAL", 32, QByteArray(8, '\x01'));
-             x.setText(w, "WM_NAME", "STRING", "fallback");
-             x.setClass(w, "a", "Wrong");
-         },
-         "Wrong", "Wrong", ""},
-        {"invalid UTF-8 title",
-         [](XClient& x, XClient::Window w) {
-             x.setText(w, "_NET_WM_NAME", "UTF8_STRING", "ok \xff\xfe then bad");
-             x.setClass(w, "a", "Bad");
-         },
-         "Bad", "Bad", ""},
-        {"1 MiB title is cut at 64 KiB on a character boundary",
-         [&oneMiB](XClient& x, XClient::Window w) {
-             x.setText(w, "_NET_WM_NAME", "UTF8_STRING", oneMiB);
-             x.setClass(w, "a", "Huge");
-         },
-         "Huge", "Huge", QString(X11ActiveWindow::kTitleBytes - 1, u'a')},
-        {"GTK application ID wins over the class and names the entry",
-         [](XClient& x, XClient::Window w) {
-             x.setText(w, "_GTK_APPLICATION_ID", "UTF8_STRING", "org.gnome.TextEditor");
-             x.setClass(w, "gnome-text-editor", "Gnome-text-editor");
-         },
-         "org.gnome.TextEditor", "Text Editor", ""},
+        {"UTF-8 _NET_WM_NAME beats WM_NAME", {{net, "UTF8_STRING", utf8}, {wm, "STRING", "no"}, windowClass("gimp", "Gimp-2.10")},
+         "Gimp-2.10", "Gimp-2.10", QString::fromUtf8(utf8)},
+        {"Latin-1 WM_NAME", {{wm, "STRING", "caf\xe9"}, windowClass("xterm", "XTerm")}, "XTerm", "XTerm", "café"},
+        {"COMPOUND_TEXT WM_NAME, Latin-1 and Greek", {{wm, "COMPOUND_TEXT", "caf\xe9 \x1b\x2d\x46\xe1"}}, "unknown", self, "café α"},
+        {"_NET_WM_NAME of a wrong type hides WM_NAME", {{net, "CARDINAL", QByteArray(8, 1), 32}, {wm, "STRING", "no"}}, "unknown", self, ""},
+        {"invalid UTF-8 title", {{net, "UTF8_STRING", "ok \xff\xfe then bad"}}, "unknown", self, ""},
+        {"1 MiB title cut at 64 KiB on a character boundary", {{net, "UTF8_STRING", oneMiB}}, "unknown", self,
+         QString(X11ActiveWindow::kTitleBytes - 1, u'a')},
+        {"GTK application ID beats the class and names the entry",
+         {{"_GTK_APPLICATION_ID", "UTF8_STRING", "org.gnome.TextEditor"}, windowClass("te", "Te")}, "org.gnome.TextEditor", "Text Editor", ""},
         {"KDE desktop file without an entry is named by the class",
-         [](XClient& x, XClient::Window w) {
-             x.setText(w, "_KDE_NET_WM_DESKTOP_FILE", "UTF8_STRING", "org.kde.kate");
-             x.setClass(w, "kate", "kate");
-         },
-         "org.kde.kate", "kate", ""},
-        {"StartupWMClass maps the class to the entry and its plain Name",
-         [](XClient& x, XClient::Window w) { x.setClass(w, "exedit", "ExEdit"); }, "org.example.Editor",
-         "Example Editor", ""},
-        {"no properties: unknown, named after the process", [](XClient&, XClient::Window) {}, "unknown",
-         ownProcessName(), ""},
-        {"class without the instance separator is ignored",
-         [](XClient& x, XClient::Window w) { x.setText(w, "WM_CLASS", "STRING", QByteArray("lonely")); },
-         "unknown", ownProcessName(), ""},
+         {{"_KDE_NET_WM_DESKTOP_FILE", "UTF8_STRING", "org.kde.kate"}, windowClass("kate", "kate")}, "org.kde.kate", "kate", ""},
+        {"StartupWMClass maps the class to the entry's plain Name", {windowClass("exedit", "ExEdit")}, "org.example.Editor", "Example Editor", ""},
+        {"class without the instance separator is ignored", {{"WM_CLASS", "STRING", "lonely"}}, "unknown", self, ""},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.row);
-        const XClient::Window w = client_->createWindow();
-        c.setup(*client_, w);
-        ASSERT_TRUE(client_->activate(w));
+        const XClient::Window w = activeWindow(c.props);
         const auto info = probe_->current();
         ASSERT_TRUE(info.has_value());
         EXPECT_EQ(info->bundleID, c.bundleID);
@@ -161,26 +135,11 @@ TEST_F(X11ProbesTest, ActiveWindowIsDescribedByItsProperties) {
 }
 
 TEST_F(X11ProbesTest, FocusedTitleBelongsOnlyToTheActiveWindowsProcess) {
-    const XClient::Window w = client_->createWindow();
-    client_->setText(w, "_NET_WM_NAME", "UTF8_STRING", "Mine");
-    client_->setCardinal(w, "_NET_WM_PID", 1);  // a lie; X-Resource knows better
-    ASSERT_TRUE(client_->activate(w));
+    // _NET_WM_PID lies; X-Resource knows better.
+    const XClient::Window w = activeWindow({{"_NET_WM_NAME", "UTF8_STRING", "Mine"},
+                                            {"_NET_WM_PID", "CARDINAL", QByteArray("\1\0\0\0", 4), 32}});
     EXPECT_EQ(probe_->focusedWindowTitle(getpid()), QStringLiteral("Mine"));
     EXPECT_EQ(probe_->focusedWindowTitle(1), QString());
-    client_->destroyWindow(w);
-}
-
-TEST_F(X11ProbesTest, RoundCostsThreeRoundTripsAfterTheFirst) {
-    const XClient::Window w = client_->createWindow();
-    client_->setText(w, "_NET_WM_NAME", "UTF8_STRING", "Counted");
-    ASSERT_TRUE(client_->activate(w));
-    X11IdleMonitor idle(session_, nullptr);
-    probe_->current();
-    idle.idleSeconds();
-    const auto before = session_->roundTrips();
-    ASSERT_TRUE(probe_->current().has_value());
-    idle.idleSeconds();
-    EXPECT_EQ(session_->roundTrips() - before, 3u);
     client_->destroyWindow(w);
 }
 
@@ -195,87 +154,69 @@ TEST_F(X11ProbesTest, FakeInputResetsIdleTime) {
     EXPECT_FALSE(idle.screenLocked()) << "no lock probe: not locked";
 }
 
-// A bare display: no window manager, no X-Resource, no screen-saver extension. The active
-// window is written to the root by hand.
+// No window manager, no X-Resource, no screen-saver extension; the active window is written
+// to the root by hand.
 TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValues) {
-    XServer server(false, 640, 480,
-                   {QStringLiteral("-extension"), QStringLiteral("X-Resource"), QStringLiteral("-extension"),
-                    QStringLiteral("MIT-SCREEN-SAVER")});
-    ASSERT_TRUE(server.ok());
-    XClient client(server.display());
-    auto session = std::make_shared<X11Session>(server.display().toLocal8Bit(), 0ms);
-    X11ActiveWindow probe(session, std::make_unique<DesktopEntries>(QStringList{}));
-
-    QProcess sleeper;
+    BareDisplay d({QStringLiteral("X-Resource"), QStringLiteral("MIT-SCREEN-SAVER")});
+    ASSERT_TRUE(d.server.ok());
+    QProcess sleeper, gone;
     sleeper.start(QStringLiteral("sleep"), {QStringLiteral("30")});
-    ASSERT_TRUE(sleeper.waitForStarted());
-    QProcess gone;
     gone.start(QStringLiteral("true"), {});
-    ASSERT_TRUE(gone.waitForFinished());
-
+    ASSERT_TRUE(sleeper.waitForStarted() && gone.waitForFinished());
+    const auto live = static_cast<std::int32_t>(sleeper.processId());
     struct Case {
         const char* row;
         std::int32_t netWmPid;  // 0: none
         std::int32_t pid;
-        QString bundleID;
         QString appName;
     };
     const Case cases[] = {
-        {"_NET_WM_PID of a live process, named after it", static_cast<std::int32_t>(sleeper.processId()),
-         static_cast<std::int32_t>(sleeper.processId()), "unknown", "sleep"},
-        {"_NET_WM_PID of a process that is gone", static_cast<std::int32_t>(gone.processId()), 0, "unknown",
-         "unknown"},
-        {"nothing at all", 0, 0, "unknown", "unknown"},
+        {"_NET_WM_PID of a live process, named after it", live, live, "sleep"},
+        {"_NET_WM_PID of a process that is gone", static_cast<std::int32_t>(gone.processId()), 0, "unknown"},
+        {"nothing at all", 0, 0, "unknown"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.row);
-        const XClient::Window w = client.createWindow();
-        if (c.netWmPid) client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(c.netWmPid));
-        client.setActiveWindow(w);
-        const auto info = probe.current();
+        const XClient::Window w = d.client.createWindow();
+        if (c.netWmPid) d.client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(c.netWmPid));
+        d.client.setActiveWindow(w);
+        const auto info = d.probe.current();
         ASSERT_TRUE(info.has_value());
         EXPECT_EQ(info->pid, c.pid);
-        EXPECT_EQ(info->bundleID, c.bundleID);
+        EXPECT_EQ(info->bundleID, QStringLiteral("unknown"));
         EXPECT_EQ(info->appName, c.appName);
         EXPECT_EQ(info->windowTitle, QString());
-        client.destroyWindow(w);
+        d.client.destroyWindow(w);
     }
     sleeper.kill();
     sleeper.waitForFinished();
 
-    const XClient::Window destroyed = client.createWindow();
-    client.destroyWindow(destroyed);
-    struct Active {
-        const char* row;
-        std::function<void()> set;
-    };
-    const Active noWindow[] = {
-        {"active window destroyed", [&] { client.setActiveWindow(destroyed); }},
-        {"active window 0", [&] { client.setActiveWindow(0); }},
-        {"no active window property", [&] { client.deleteProperty(client.root(), "_NET_ACTIVE_WINDOW"); }},
+    const XClient::Window destroyed = d.client.createWindow();
+    d.client.destroyWindow(destroyed);
+    const std::pair<const char*, std::function<void()>> noWindow[] = {
+        {"active window destroyed", [&] { d.client.setActiveWindow(destroyed); }},
+        {"active window 0", [&] { d.client.setActiveWindow(0); }},
+        {"no active window property",
+         [&] { d.client.deleteProperty(d.client.root(), "_NET_ACTIVE_WINDOW"); }},
         {"active window of the wrong type",
-         [&] {
-             client.setProperty(client.root(), "_NET_ACTIVE_WINDOW", "CARDINAL", 32, QByteArray(4, '\x07'));
-         }},
+         [&] { d.client.setCardinal(d.client.root(), "_NET_ACTIVE_WINDOW", 7); }},
     };
-    for (const Active& a : noWindow) {
-        SCOPED_TRACE(a.row);
-        a.set();
-        EXPECT_FALSE(probe.current().has_value());
+    for (const auto& [row, set] : noWindow) {
+        set();
+        EXPECT_FALSE(d.probe.current().has_value()) << row;
     }
-
-    X11IdleMonitor idle(session, nullptr);
-    EXPECT_EQ(idle.idleSeconds(), 0.0) << "no screen-saver extension";
-    EXPECT_FALSE(X11Accessibility(session).trusted()) << "no window manager";
+    EXPECT_EQ(X11IdleMonitor(d.session, nullptr).idleSeconds(), 0.0) << "no screen-saver extension";
+    EXPECT_FALSE(X11Accessibility(d.session).trusted()) << "no window manager";
 }
 
 // A process whose root holds a .flatpak-info is a sandboxed app; needs the right to chroot.
 TEST(X11BareDisplayTest, FlatpakSandboxGivesTheAppId) {
-    XServer server(false, 640, 480, {QStringLiteral("-extension"), QStringLiteral("X-Resource")});
-    ASSERT_TRUE(server.ok());
+    BareDisplay d({QStringLiteral("X-Resource")});
+    ASSERT_TRUE(d.server.ok());
     QTemporaryDir root;
-    writeFile(root.filePath(QStringLiteral(".flatpak-info")),
-              "[Instance]\nname=not.this\n\n[Application]\nruntime=runtime/x\nname=org.example.Sandboxed\n");
+    test::writeFile(
+        root.filePath(QStringLiteral(".flatpak-info")),
+        "[Instance]\nname=not.this\n\n[Application]\nruntime=runtime/x\nname=org.example.Sandboxed\n");
     const pid_t child = fork();
     if (child == 0) {
         if (chroot(QFile::encodeName(root.path()).constData()) == 0) pause();
@@ -285,14 +226,11 @@ TEST(X11BareDisplayTest, FlatpakSandboxGivesTheAppId) {
     QThread::msleep(100);
     const bool sandboxed =
         QFileInfo(QStringLiteral("/proc/%1/root").arg(child)).symLinkTarget() == root.path();
-    XClient client(server.display());
-    auto session = std::make_shared<X11Session>(server.display().toLocal8Bit(), 0ms);
-    X11ActiveWindow probe(session, std::make_unique<DesktopEntries>(QStringList{}));
-    const XClient::Window w = client.createWindow();
-    client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(child));
-    client.setText(w, "_GTK_APPLICATION_ID", "UTF8_STRING", "org.example.Outside");
-    client.setActiveWindow(w);
-    const auto info = probe.current();
+    const XClient::Window w = d.client.createWindow();
+    d.client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(child));
+    d.client.setText(w, "_GTK_APPLICATION_ID", "UTF8_STRING", "org.example.Outside");
+    d.client.setActiveWindow(w);
+    const auto info = d.probe.current();
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     if (!sandboxed) GTEST_SKIP() << "no permission to chroot";
@@ -319,11 +257,9 @@ TEST(X11LostDisplayTest, ProbesGoNeutralAndRecover) {
         // Opens the Xlib display too, which must not end the process when the server goes.
         client.setText(w, "WM_NAME", "COMPOUND_TEXT", "before");
         ASSERT_TRUE(client.activate(w));
-        const auto info = probe.current();
-        ASSERT_TRUE(info.has_value());
-        EXPECT_EQ(info->windowTitle, QStringLiteral("before"));
+        ASSERT_TRUE(probe.current().has_value());
+        EXPECT_EQ(probe.current()->windowTitle, QStringLiteral("before"));
     }
-
     first->stopWindowManager();
     EXPECT_FALSE(access.trusted()) << "window manager gone";
 
@@ -344,24 +280,20 @@ TEST(X11LostDisplayTest, ProbesGoNeutralAndRecover) {
     const XClient::Window w = client.createWindow();
     client.setText(w, "_NET_WM_NAME", "UTF8_STRING", "Back");
     ASSERT_TRUE(client.activate(w));
-    const auto info = probe.current();
-    ASSERT_TRUE(info.has_value());
-    EXPECT_EQ(info->windowTitle, QStringLiteral("Back"));
+    ASSERT_TRUE(probe.current().has_value());
+    EXPECT_EQ(probe.current()->windowTitle, QStringLiteral("Back"));
 }
 
 TEST(X11SessionTest, ReconnectIsThrottled) {
     XServer server(false);
     ASSERT_TRUE(server.ok());
-    X11Session session(":999", 1h);  // nothing listens there
-    EXPECT_EQ(session.connection(), nullptr);
     // Within the interval no attempt is made, so the real display given later is not reached.
     X11Session later(QByteArray(), 1h);
-    qputenv("DISPLAY", ":999");
+    qputenv("DISPLAY", ":999");  // nothing listens there
     EXPECT_EQ(later.connection(), nullptr);
     qputenv("DISPLAY", server.display().toLocal8Bit());
     EXPECT_EQ(later.connection(), nullptr);
-    X11Session fresh(QByteArray(), 1h);
-    EXPECT_NE(fresh.connection(), nullptr);
+    EXPECT_NE(X11Session(QByteArray(), 1h).connection(), nullptr);
 }
 
 }  // namespace

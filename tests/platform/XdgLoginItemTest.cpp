@@ -5,6 +5,7 @@
 #include <QTemporaryDir>
 
 #include "platform/linux/XdgLoginItem.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
@@ -14,23 +15,12 @@ using Status = LoginItem::Status;
 class XdgLoginItemTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        previous = qgetenv("XDG_CONFIG_HOME");
-        qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir.filePath(QStringLiteral("config"))));
-        item.setProgram(program);
+        item.setProgram(QStringLiteral("/opt/Corvi Agent/bin/corvi-agent"));
         item.setSystemWideEntryPath(dir.filePath(QStringLiteral("system-wide.desktop")));
     }
-    void TearDown() override { qputenv("XDG_CONFIG_HOME", previous); }
 
-    void writeEntry(const QByteArray& text) {
-        QDir().mkpath(QFileInfo(item.entryPath()).absolutePath());
-        QFile f(item.entryPath());
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write(text);
-    }
-
-    const QString program = QStringLiteral("/opt/Corvi Agent/bin/corvi-agent");
-    QByteArray previous;
     QTemporaryDir dir;
+    test::ScopedEnv config{"XDG_CONFIG_HOME", QFile::encodeName(dir.filePath(QStringLiteral("config")))};
     XdgLoginItem item;
 };
 
@@ -63,18 +53,14 @@ TEST_F(XdgLoginItemTest, EnabledOnlyForOurVisibleEntry) {
     };
     for (const Case& c : cases) {
         QFile::remove(item.entryPath());
-        if (c.entry) writeEntry(*c.entry);
+        if (c.entry) test::writeFile(item.entryPath(), *c.entry);
         EXPECT_EQ(item.status(), c.status) << c.row;
     }
 }
 
-TEST_F(XdgLoginItemTest, RegisteredEntryStartsExactlyThisProgram) {
-    const char* programs[] = {
-        "/usr/bin/corvi-agent",
-        "/opt/Corvi Agent/bin/corvi-agent",
-        "/tmp/odd \"quoted\" $HOME `x` back\\slash 100%/corvi-agent",
-    };
-    for (const char* p : programs) {
+TEST_F(XdgLoginItemTest, RegisteredEntryStartsExactlyThisProgramUntilUnregistered) {
+    for (const char* p : {"/usr/bin/corvi-agent", "/opt/Corvi Agent/bin/corvi-agent",
+                          "/tmp/odd \"quoted\" $HOME `x` back\\slash 100%/corvi-agent"}) {
         item.setProgram(QString::fromUtf8(p));
         QString error;
         ASSERT_TRUE(item.registerItem(error)) << p << ": " << error.toStdString();
@@ -82,30 +68,23 @@ TEST_F(XdgLoginItemTest, RegisteredEntryStartsExactlyThisProgram) {
         item.setProgram(QStringLiteral("/usr/bin/elsewhere"));
         EXPECT_EQ(item.status(), Status::notRegistered) << p;
     }
-}
-
-TEST_F(XdgLoginItemTest, UnregisterRemovesTheEntryAndToleratesItsAbsence) {
+    EXPECT_EQ(item.entryPath(),
+              dir.filePath(QStringLiteral("config/autostart/tech.stonefold.corvimetry.agent.desktop")));
     QString error;
-    ASSERT_TRUE(item.registerItem(error));
-    ASSERT_TRUE(QFile::exists(
-        dir.filePath(QStringLiteral("config/autostart/tech.stonefold.corvimetry.agent.desktop"))));
     EXPECT_TRUE(item.unregisterItem(error));
     EXPECT_FALSE(QFile::exists(item.entryPath()));
-    EXPECT_TRUE(item.unregisterItem(error));
-    EXPECT_EQ(item.status(), Status::notRegistered);
+    EXPECT_TRUE(item.unregisterItem(error)) << "an absent entry is no failure";
 }
 
 TEST_F(XdgLoginItemTest, FailuresDescribeThemselves) {
-    QDir().mkpath(dir.filePath(QStringLiteral("config")));
-    QFile blocker(dir.filePath(QStringLiteral("config/autostart")));
-    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
-    blocker.close();
+    const QString blocker = dir.filePath(QStringLiteral("config/autostart"));
+    ASSERT_TRUE(test::writeFile(blocker, {}));
     QString error;
     EXPECT_FALSE(item.registerItem(error));
     EXPECT_FALSE(error.isEmpty());
 
     // An entry that is a non-empty folder cannot be removed, even by root.
-    QFile::remove(blocker.fileName());
+    QFile::remove(blocker);
     ASSERT_TRUE(QDir().mkpath(item.entryPath() + QStringLiteral("/inside")));
     error.clear();
     EXPECT_FALSE(item.unregisterItem(error));
@@ -113,15 +92,10 @@ TEST_F(XdgLoginItemTest, FailuresDescribeThemselves) {
 }
 
 TEST_F(XdgLoginItemTest, InstalledMeansOutsideABuildTree) {
-    const auto touch = [&](const QString& rel) {
-        const QString path = dir.filePath(rel);
-        QDir().mkpath(QFileInfo(path).absolutePath());
-        QFile f(path);
-        f.open(QIODevice::WriteOnly);
-    };
-    touch(QStringLiteral("build/CMakeCache.txt"));
-    touch(QStringLiteral("build/src/app/corvi-agent"));
-    touch(QStringLiteral("usr/bin/corvi-agent"));
+    const QString built = dir.filePath(QStringLiteral("build/src/app/corvi-agent"));
+    const QString installed = dir.filePath(QStringLiteral("usr/bin/corvi-agent"));
+    for (const QString& f : {dir.filePath(QStringLiteral("build/CMakeCache.txt")), built, installed})
+        test::writeFile(f, {});
     struct Case {
         const char* row;
         QString program;
@@ -129,11 +103,10 @@ TEST_F(XdgLoginItemTest, InstalledMeansOutsideABuildTree) {
         bool installed;
     };
     const Case cases[] = {
-        {"inside a build tree", dir.filePath(QStringLiteral("build/src/app/corvi-agent")), std::nullopt,
-         false},
-        {"installed", dir.filePath(QStringLiteral("usr/bin/corvi-agent")), std::nullopt, true},
-        {"forced installed", dir.filePath(QStringLiteral("build/src/app/corvi-agent")), true, true},
-        {"forced not installed", dir.filePath(QStringLiteral("usr/bin/corvi-agent")), false, false},
+        {"inside a build tree", built, std::nullopt, false},
+        {"installed", installed, std::nullopt, true},
+        {"forced installed", built, true, true},
+        {"forced not installed", installed, false, false},
     };
     for (const Case& c : cases) {
         item.setProgram(c.program);

@@ -11,11 +11,13 @@
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <functional>
+#include <memory>
 #include <optional>
 
 #include "store/Store.h"
 #include "store/StoreTestAccess.h"
 #include "support/RecordingLog.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
@@ -23,26 +25,21 @@ namespace {
 using test::queryRows;
 
 SessionRow session(double start, std::int64_t samples = 1) {
-    SessionRow row;
-    row.startTS = start;
-    row.endTS = start + 3.0 * (samples - 1);
-    row.bundleID = QStringLiteral("com.adobe.indesign");
-    row.appName = QStringLiteral("Adobe InDesign");
-    row.windowTitle = QStringLiteral("Catalogue.indd");
-    row.category = AppCategory::work;
-    row.state = ActivityState::working;
-    row.samples = samples;
-    return row;
-}
-
-QByteArray contentsOf(const QString& path) {
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    return {.startTS = start,
+            .endTS = start + 3.0 * double(samples - 1),
+            .bundleID = "com.adobe.indesign",
+            .appName = "Adobe InDesign",
+            .windowTitle = "Catalogue.indd",
+            .category = AppCategory::work,
+            .state = ActivityState::working,
+            .sumCPU = 0,
+            .maxCPU = 0,
+            .samples = samples,
+            .idleAtEnd = 0};
 }
 
 // Makes a file or folder refuse writes, even to root: root ignores mode bits, so it also
-// gets the immutable attribute (needs CAP_LINUX_IMMUTABLE and a file system that keeps it,
-// such as ext4; tmpfs does not). Undone on destruction so the temporary folder can go.
+// gets the immutable attribute (where the file system keeps it). Undone on destruction.
 class ReadOnly {
   public:
     explicit ReadOnly(const QString& path) : path_(QFile::encodeName(path)) {
@@ -50,169 +47,91 @@ class ReadOnly {
         ::stat(path_.constData(), &st);
         mode_ = st.st_mode & 07777;
         ::chmod(path_.constData(), S_ISDIR(st.st_mode) ? 0555 : 0444);
-        if (::geteuid() == 0) immutable_ = setImmutable(true);
-        isDir_ = S_ISDIR(st.st_mode);
+        immutable_ = setImmutable(true);
     }
     ~ReadOnly() {
         if (immutable_) setImmutable(false);
         ::chmod(path_.constData(), mode_);
     }
-    ReadOnly(const ReadOnly&) = delete;
-    ReadOnly& operator=(const ReadOnly&) = delete;
-
-    // Whether writing really is refused here.
-    bool holds() const {
-        if (isDir_) {
-            const QByteArray probe = path_ + "/probe";
-            const int fd = ::open(probe.constData(), O_WRONLY | O_CREAT | O_EXCL, 0600);
-            if (fd < 0) return true;
-            ::close(fd);
-            ::unlink(probe.constData());
-            return false;
-        }
-        const int fd = ::open(path_.constData(), O_WRONLY);
-        if (fd < 0) return true;
-        ::close(fd);
-        return false;
-    }
+    // Whether writing really is refused here (the kernel's own answer, immutability included).
+    bool holds() const { return ::access(path_.constData(), W_OK) != 0; }
 
   private:
     bool setImmutable(bool on) {
         const int fd = ::open(path_.constData(), O_RDONLY | O_NONBLOCK);
-        if (fd < 0) return false;
         int flags = 0;
-        bool ok = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-        if (ok) {
-            flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-            ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-        }
-        ::close(fd);
+        bool ok = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+        ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+        if (fd >= 0) ::close(fd);
         return ok;
     }
     QByteArray path_;
     mode_t mode_ = 0;
     bool immutable_ = false;
-    bool isDir_ = false;
 };
 
-bool linesMatch(const QStringList& lines, const QStringList& patterns) {
-    if (lines.size() != patterns.size()) return false;
-    for (qsizetype i = 0; i < lines.size(); ++i) {
-        const QString& p = patterns[i];
-        if (p.endsWith(u'*') ? !lines[i].startsWith(p.chopped(1)) : lines[i] != p) return false;
-    }
-    return true;
+// Each prepares a location in `dir` and answers the database path.
+QString randomBytes(const QDir& d) {
+    QFile f(d.filePath("corvi.sqlite"));
+    f.open(QIODevice::WriteOnly);
+    QRandomGenerator rng(42);
+    for (int i = 0; i < 8192; ++i) f.putChar(static_cast<char>(rng.bounded(256)));
+    return f.fileName();
 }
-
-// A database with two sessions, the first synced, closed again.
-void writeTwoSessions(const QString& path) {
-    Store store(path);
+QString twoSessions(const QDir& d) {
+    Store store(d.filePath("corvi.sqlite"));
     store.openSession(session(100));
     store.openSession(session(200));
     store.markSynced({1});
+    return store.path();
+}
+QString headerOverRandomBytes(const QDir& d) {
+    QFile f(twoSessions(d));
+    f.open(QIODevice::ReadWrite);
+    QByteArray bytes = f.read(100);
+    bytes[18] = bytes[19] = 1;  // rollback journal, so a switch to WAL would write
+    QRandomGenerator rng(7);
+    while (bytes.size() < f.size()) bytes += static_cast<char>(rng.bounded(256));
+    f.seek(0);
+    f.write(bytes);
+    return f.fileName();
+}
+QString folderAtPath(const QDir& d) {
+    d.mkdir("corvi.sqlite");
+    return d.filePath("corvi.sqlite");
+}
+QString parentIsAFile(const QDir& d) {
+    QFile f(d.filePath("CorviAgent"));
+    f.open(QIODevice::WriteOnly);
+    return d.filePath("CorviAgent/corvi.sqlite");
+}
+QString nothing(const QDir& d) {
+    return d.filePath("corvi.sqlite");
 }
 
-TEST(StoreFaults, UnusableLocationGivesLoggedLineAndNeutralResults) {
+TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNothing) {
     struct Case {
         const char* name;
-        // Prepares the location inside `dir` and answers the database path.
-        std::function<QString(const QDir& dir)> prepare;
-        const char* readOnly;      // relative path to make read-only, or nullptr
-        QStringList errorsAtOpen;  // "%1" is the database path; a final "*" matches any rest
-        QStringList errorsAfter;   // of the operations that follow
-        int pending;
-        int fetched;
+        QString (*prepare)(const QDir&);
+        const char* readOnly;  // relative path to make read-only, or nullptr
+        const char* error;     // "%1" is the database path; a final "*" matches any rest
+        int atOpen, later;     // how often the error is logged at open and by the operations after
+        int pending;           // rows the store still reads
     };
-    const QString notADatabase = QStringLiteral("SQLite: file is not a database");
-    const QString openFailed = QStringLiteral("Falha ao abrir SQLite em %1");
-    const QString malformed = QStringLiteral("SQLite: database disk image is malformed");
-    const QString readOnlyDb = QStringLiteral("SQLite: attempt to write a readonly database");
-    // Which refusal SQLite names depends on how the folder refuses (mode bits or immutable).
-    const QString cannotOpen = QStringLiteral("SQLite: *");
+    const char* notADatabase = "SQLite: file is not a database";
+    const char* openFailed = "Falha ao abrir SQLite em %1";
+    const char* malformed = "SQLite: database disk image is malformed";
+    const char* cannotWrite = "SQLite: *";  // its words depend on how the folder refuses
     const Case cases[] = {
-        {"file of random bytes",
-         [](const QDir& d) {
-             QFile f(d.filePath("corvi.sqlite"));
-             f.open(QIODevice::WriteOnly);
-             QByteArray bytes(8192, '\0');
-             QRandomGenerator rng(42);
-             for (auto& b : bytes) b = static_cast<char>(rng.bounded(256));
-             f.write(bytes);
-             return f.fileName();
-         },
-         nullptr,
-         {notADatabase, notADatabase, notADatabase},
-         {notADatabase},
-         0,
-         0},
-        {"database header over random bytes",
-         [](const QDir& d) {
-             writeTwoSessions(d.filePath("corvi.sqlite"));
-             QFile f(d.filePath("corvi.sqlite"));
-             f.open(QIODevice::ReadWrite);
-             QByteArray bytes = f.read(100);
-             bytes[18] = bytes[19] = 1;  // rollback journal, so a switch to WAL would write
-             QRandomGenerator rng(7);
-             bytes.resize(static_cast<int>(f.size()));
-             for (qsizetype i = 100; i < bytes.size(); ++i) bytes[i] = static_cast<char>(rng.bounded(256));
-             f.seek(0);
-             f.write(bytes);
-             return f.fileName();
-         },
-         nullptr,
-         {malformed, malformed, malformed},
-         {malformed},
-         0,
-         0},
-        {"path is a folder",
-         [](const QDir& d) {
-             d.mkdir("corvi.sqlite");
-             return d.filePath("corvi.sqlite");
-         },
-         nullptr,
-         {openFailed},
-         {},
-         0,
-         0},
-        {"folder is a regular file",
-         [](const QDir& d) {
-             QFile f(d.filePath("CorviAgent"));
-             f.open(QIODevice::WriteOnly);
-             f.write("not a folder");
-             return d.filePath("CorviAgent/corvi.sqlite");
-         },
-         nullptr,
-         {openFailed},
-         {},
-         0,
-         0},
-        {"read-only folder without a file",
-         [](const QDir& d) { return d.filePath("corvi.sqlite"); },
-         ".",
-         {openFailed},
-         {},
-         0,
-         0},
-        {"read-only file holding sessions",
-         [](const QDir& d) {
-             writeTwoSessions(d.filePath("corvi.sqlite"));
-             return d.filePath("corvi.sqlite");
-         },
-         "corvi.sqlite",
-         {},
-         {readOnlyDb},
-         1,
-         1},
-        {"read-only folder holding sessions",
-         [](const QDir& d) {
-             writeTwoSessions(d.filePath("corvi.sqlite"));
-             return d.filePath("corvi.sqlite");
-         },
-         ".",
-         {cannotOpen, cannotOpen, cannotOpen},
-         {cannotOpen},
-         0,
-         0},
+        {"file of random bytes", randomBytes, nullptr, notADatabase, 3, 1, 0},
+        {"database header over random bytes", headerOverRandomBytes, nullptr, malformed, 3, 1, 0},
+        {"path is a folder", folderAtPath, nullptr, openFailed, 1, 0, 0},
+        {"folder is a regular file", parentIsAFile, nullptr, openFailed, 1, 0, 0},
+        {"read-only folder without a file", nothing, ".", openFailed, 1, 0, 0},
+        {"read-only file holding sessions", twoSessions, "corvi.sqlite",
+         "SQLite: attempt to write a readonly database", 0, 1, 1},
+        {"read-only folder holding sessions", twoSessions, ".", cannotWrite, 3, 1, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -220,43 +139,42 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLineAndNeutralResults) {
         const QDir dir(tmp.path());
         const QString path = c.prepare(dir);
         std::optional<ReadOnly> readOnly;
-        if (c.readOnly) {
-            readOnly.emplace(dir.filePath(QString::fromUtf8(c.readOnly)));
-            if (!readOnly->holds()) {
-                std::printf("[  SKIPPED ] %s: this file system lets root write anyway\n", c.name);
-                continue;
-            }
+        if (c.readOnly && !readOnly.emplace(dir.filePath(QString::fromUtf8(c.readOnly))).holds()) {
+            std::printf("[  SKIPPED ] %s: this file system lets root write anyway\n", c.name);
+            continue;
         }
-        const QByteArray before = contentsOf(path);
+        const QByteArray before = test::readFile(path);
+        const QString error = QString::fromUtf8(c.error).replace(QStringLiteral("%1"), path);
+        const auto expectLogged = [&](QStringList& lines, int count) {
+            EXPECT_EQ(lines.size(), count) << lines.join(u'\n').toStdString();
+            for (const QString& line : lines)
+                EXPECT_TRUE(error.endsWith(u'*') ? line.startsWith(error.chopped(1)) : line == error)
+                    << line.toStdString();
+            lines.clear();
+        };
 
         test::RecordingLog log;
         {
             Store store(path);
-            QStringList expected;
-            for (const auto& line : c.errorsAtOpen) expected << (line.contains(u'%') ? line.arg(path) : line);
-            EXPECT_TRUE(linesMatch(log.errorLines, expected)) << log.errorLines.join(u'\n').toStdString();
-            log.errorLines.clear();
-
+            expectLogged(log.errorLines, c.atOpen);
             EXPECT_EQ(store.openSession(session(300)), -1);
             store.updateSession(2, session(200, 5));
             EXPECT_EQ(store.pendingCount(), c.pending);
-            EXPECT_EQ(store.fetchUnsynced(500).size(), static_cast<size_t>(c.fetched));
+            EXPECT_EQ(store.fetchUnsynced(500).size(), static_cast<size_t>(c.pending));
             store.markSynced({2});
             EXPECT_EQ(store.pendingCount(), c.pending);
-            EXPECT_TRUE(linesMatch(log.errorLines, c.errorsAfter))
-                << log.errorLines.join(u'\n').toStdString();
+            expectLogged(log.errorLines, c.later);
         }
-        EXPECT_EQ(contentsOf(path), before);
+        EXPECT_EQ(test::readFile(path), before);
     }
 }
 
-// Something that runs out of space and later gets some back.
+// Something that runs out of space and later gets some back; `prepare` answers the store's
+// folder inside `root`, empty when this kind cannot be made here.
 struct Disk {
     const char* name;
-    // Prepares a folder for the store inside `root`; empty when this kind cannot be made here.
     std::function<QString(const QString& root)> prepare;
-    std::function<void(Store& store, const QString& folder)> fill;
-    std::function<void(Store& store, const QString& folder)> free;
+    std::function<void(Store&, const QString&folder)> fill, free;
     std::function<void(const QString& folder)> release;
 };
 
@@ -264,9 +182,8 @@ struct Disk {
 const Disk pageLimit{
     "page limit", [](const QString& root) { return root; },
     [](Store& store, const QString& folder) {
-        const QString pages =
-            queryRows(folder + QStringLiteral("/corvi.sqlite"), "PRAGMA page_count;").value(0);
-        StoreTestAccess::exec(store, QByteArray("PRAGMA max_page_count=" + pages.toUtf8() + ";").constData());
+        const QString pages = queryRows(folder + "/corvi.sqlite", "PRAGMA page_count;").value(0);
+        StoreTestAccess::exec(store, ("PRAGMA max_page_count=" + pages.toUtf8() + ";").constData());
     },
     [](Store& store, const QString&) { StoreTestAccess::exec(store, "PRAGMA max_page_count=1073741823;"); },
     [](const QString&) {}};
@@ -275,24 +192,23 @@ const Disk pageLimit{
 const Disk smallTmpfs{
     "full tmpfs",
     [](const QString& root) {
-        const QString folder = root + QStringLiteral("/small");
+        const QString folder = root + "/small";
         QDir().mkdir(folder);
-        const bool mounted = ::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs",
-                                     MS_NOSUID | MS_NODEV, "size=512k,mode=0700") == 0;
-        return mounted ? folder : QString();
+        return ::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", MS_NOSUID | MS_NODEV,
+                       "size=512k,mode=0700") == 0
+                   ? folder
+                   : QString();
     },
     [](Store&, const QString& folder) {
-        QFile filler(folder + QStringLiteral("/filler"));
+        QFile filler(folder + "/filler");
         filler.open(QIODevice::WriteOnly);
         const QByteArray block(4096, 'f');
         while (filler.write(block) == block.size() && filler.flush()) {
         }
     },
-    [](Store&, const QString& folder) { QFile::remove(folder + QStringLiteral("/filler")); },
+    [](Store&, const QString& folder) { QFile::remove(folder + "/filler"); },
     [](const QString& folder) { ::umount2(QFile::encodeName(folder).constData(), MNT_DETACH); }};
 
-// A full disk refuses new sessions, loses none of the stored ones, and once space returns the
-// next write succeeds.
 TEST(StoreFaults, FullDiskRefusesNewRowsAndLosesNoneAndRecovers) {
     for (const Disk* disk : {&pageLimit, &smallTmpfs}) {
         SCOPED_TRACE(disk->name);
@@ -302,20 +218,15 @@ TEST(StoreFaults, FullDiskRefusesNewRowsAndLosesNoneAndRecovers) {
             std::printf("[  SKIPPED ] %s: cannot be made here\n", disk->name);
             continue;
         }
-        struct Release {
-            const Disk* disk;
-            QString folder;
-            ~Release() { disk->release(folder); }
-        } release{disk, folder};
-        const QString path = folder + QStringLiteral("/corvi.sqlite");
+        const std::unique_ptr<const Disk, std::function<void(const Disk*)>> release(
+            disk, [&](const Disk* d) { d->release(folder); });
+        const QString path = folder + "/corvi.sqlite";
         test::RecordingLog log;
         {
             Store store(path);
             for (int i = 0; i < 20; ++i) ASSERT_EQ(store.openSession(session(i)), i + 1);
             disk->fill(store, folder);
-
-            // Long titles use up whatever room is left quickly.
-            SessionRow big = session(1000);
+            SessionRow big = session(1000);  // long titles use up whatever room is left quickly
             big.windowTitle = QString(2000, u'x');
             bool refused = false;
             for (int i = 0; i < 200 && !refused; ++i) refused = store.openSession(big) == -1;

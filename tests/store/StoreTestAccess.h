@@ -2,16 +2,10 @@
 
 #include <sqlite3.h>
 
-#include <QString>
 #include <QStringList>
-#include <ostream>
 
 #include "store/Store.h"
-
-// Readable QString values in test failures.
-inline void PrintTo(const QString& text, std::ostream* os) {
-    *os << '"' << text.toStdString() << '"';
-}
+#include "support/QtPrinters.h"
 
 namespace corvi {
 
@@ -46,28 +40,25 @@ class StatementTrace {
 };
 
 // Every row of a query over a separate read connection, columns joined by "|"; a failure
-// gives one row "error: <message>".
+// gives a last row "error: <message>".
 inline QStringList queryRows(const QString& path, const char* sql) {
     sqlite3* db = nullptr;
     QStringList rows;
-    if (sqlite3_open_v2(path.toUtf8().constData(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-        sqlite3_close(db);
-        return {QStringLiteral("error: cannot open")};
+    char* error = nullptr;
+    const bool opened =
+        sqlite3_open_v2(path.toUtf8().constData(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK;
+    if (opened) {
+        const auto addRow = [](void* out, int n, char** values, char**) {
+            QStringList columns;
+            for (int i = 0; i < n; ++i) columns << QString::fromUtf8(values[i] ? values[i] : "");
+            static_cast<QStringList*>(out)->append(columns.join(u'|'));
+            return 0;
+        };
+        sqlite3_exec(db, sql, addRow, &rows, &error);
     }
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
-        rows << QStringLiteral("error: ") + QString::fromUtf8(sqlite3_errmsg(db));
-    } else {
-        int rc;
-        while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
-            QStringList cols;
-            for (int i = 0; i < sqlite3_column_count(stmt); ++i)
-                cols << QString::fromUtf8(reinterpret_cast<const char*>(sqlite3_column_text(stmt, i)));
-            rows << cols.join(u'|');
-        }
-        if (rc != SQLITE_DONE) rows << QStringLiteral("error: ") + QString::fromUtf8(sqlite3_errmsg(db));
-    }
-    sqlite3_finalize(stmt);
+    if (error || !opened)
+        rows << QStringLiteral("error: ") + QString::fromUtf8(error ? error : "cannot open");
+    sqlite3_free(error);
     sqlite3_close(db);
     return rows;
 }

@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <QElapsedTimer>
 #include <cerrno>
 
 namespace corvi::test {
@@ -36,6 +37,28 @@ void burnThenSleep(double seconds) {
         if (static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9 >= seconds) break;
     }
     for (;;) pause();
+}
+
+QString startForFirstLine(QProcess& process, const QString& program, const QStringList& args) {
+    process.start(program, args);
+    if (!process.waitForStarted(5000)) return {};
+    QByteArray out;
+    QElapsedTimer clock;
+    clock.start();
+    while (!out.contains('\n') && clock.elapsed() < 10000 && process.state() == QProcess::Running) {
+        process.waitForReadyRead(200);
+        out += process.readAllStandardOutput();
+    }
+    return QString::fromUtf8(out.trimmed());
+}
+
+void stop(QProcess& process) {
+    if (process.state() == QProcess::NotRunning) return;
+    process.terminate();
+    if (!process.waitForFinished(3000)) {
+        process.kill();
+        process.waitForFinished(3000);
+    }
 }
 
 }  // namespace corvi::test

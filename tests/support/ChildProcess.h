@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <QProcess>
 #include <functional>
 
 namespace corvi::test {
@@ -25,5 +26,10 @@ class ChildProcess {
 
 // Keeps the calling process busy until it has used `seconds` of CPU time, then sleeps.
 [[noreturn]] void burnThenSleep(double seconds);
+
+// Starts `program` and answers the first line it prints (trimmed), empty when none comes.
+QString startForFirstLine(QProcess& process, const QString& program, const QStringList& args);
+// Terminates the process, killing it when it does not end.
+void stop(QProcess& process);
 
 }  // namespace corvi::test

@@ -2,7 +2,6 @@
 
 #include <QProcess>
 #include <QString>
-#include <memory>
 
 namespace corvi::test {
 
@@ -18,13 +17,12 @@ class DBusDaemon {
     bool ok() const { return !address_.isEmpty(); }
     QString address() const { return address_; }
 
-    // Points the process's own session (or system) bus at this daemon. Must run before the
-    // process first uses that bus: Qt keeps the first connection for the life of the process.
-    void becomeSessionBus() const;
-    void becomeSystemBus() const;
+    // Points the process's own session bus at this daemon. Must run before the process first
+    // uses that bus: Qt keeps the first connection for the life of the process.
+    void becomeSessionBus() const { qputenv("DBUS_SESSION_BUS_ADDRESS", address_.toUtf8()); }
 
   private:
-    std::unique_ptr<QProcess> daemon_;
+    QProcess daemon_;
     QString address_;
 };
 

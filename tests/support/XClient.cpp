@@ -130,6 +130,40 @@ bool XClient::fakeInput() {
     return done;
 }
 
+bool XClient::hasWindowManager() {
+    if (!ok()) return false;
+    auto* reply = xcb_get_property_reply(
+        c_->conn,
+        xcb_get_property(c_->conn, 0, root(), atom("_NET_SUPPORTING_WM_CHECK"), XCB_ATOM_WINDOW, 0, 1),
+        nullptr);
+    bool found = false;
+    if (reply && xcb_get_property_value_length(reply) == 4) {
+        const xcb_window_t w = *static_cast<xcb_window_t*>(xcb_get_property_value(reply));
+        auto* attrs =
+            xcb_get_window_attributes_reply(c_->conn, xcb_get_window_attributes(c_->conn, w), nullptr);
+        found = attrs != nullptr;
+        free(attrs);
+    }
+    free(reply);
+    return found;
+}
+
+bool XClient::framesNewWindows(int timeoutMs) {
+    if (!ok()) return false;
+    const Window w = createWindow();
+    bool framed = false;
+    QElapsedTimer clock;
+    clock.start();
+    while (!framed && clock.elapsed() < timeoutMs) {
+        auto* tree = xcb_query_tree_reply(c_->conn, xcb_query_tree(c_->conn, w), nullptr);
+        framed = tree && tree->parent != root();
+        free(tree);
+        if (!framed) QThread::msleep(20);
+    }
+    destroyWindow(w);
+    return framed;
+}
+
 void XClient::sync() {
     free(xcb_get_input_focus_reply(c_->conn, xcb_get_input_focus(c_->conn), nullptr));
 }

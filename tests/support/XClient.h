@@ -46,6 +46,11 @@ class XClient {
     // Waits until the server has handled everything sent so far.
     void sync();
 
+    // Whether the root names a live EWMH window manager, and whether it frames a window
+    // mapped now within `timeoutMs` (openbox announces itself before it manages windows).
+    bool hasWindowManager();
+    bool framesNewWindows(int timeoutMs);
+
   private:
     std::uint32_t atom(const char* name);
 

@@ -3,7 +3,6 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
-#include <memory>
 
 namespace corvi::test {
 
@@ -28,10 +27,8 @@ class XServer {
     void stopServer();
 
   private:
-    bool waitForWindowManager(int timeoutMs);
-
-    std::unique_ptr<QProcess> xvfb_;
-    std::unique_ptr<QProcess> wm_;
+    QProcess xvfb_;
+    QProcess wm_;
     QString display_;
 };
 

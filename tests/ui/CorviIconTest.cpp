@@ -14,14 +14,6 @@ namespace {
 
 using namespace corvi::test;
 
-// With no portal on this program's bus, the palette decides the appearance.
-void useAppearance(bool dark) {
-    QPalette p = QApplication::palette();
-    p.setColor(QPalette::Window, dark ? QColor(0x20, 0x20, 0x22) : QColor(0xef, 0xef, 0xef));
-    p.setColor(QPalette::WindowText, dark ? QColor(0xf0, 0xf0, 0xf0) : QColor(0x10, 0x10, 0x10));
-    QApplication::setPalette(p);
-}
-
 struct Dot {
     const char* name;
     QColor color;
@@ -44,7 +36,7 @@ std::vector<QPointF> pointsOnTrace() {
 
 TEST(CorviIcon, DrawsTraceInTextColourAndDotInPlaceForEveryStateAppearanceAndRatio) {
     for (bool dark : {false, true}) {
-        useAppearance(dark);
+        usePalette(dark);
         ASSERT_EQ(Theme::isDark(), dark);
         for (const Dot& dot : dots) {
             for (int r : {1, 2}) {
@@ -79,7 +71,7 @@ TEST(CorviIcon, DrawsTraceInTextColourAndDotInPlaceForEveryStateAppearanceAndRat
             }
         }
     }
-    useAppearance(false);
+    usePalette(false);
 }
 
 TEST(CorviIcon, TrayIconCarriesBothRatios) {

@@ -29,9 +29,6 @@ TEST(CorviShape, StretchesTheOpenTraceOverAnyRectangle) {
         {"wide: x follows the width",
          {0, 0, 96, 24},
          {{12, 12}, {28, 12}, {40, 20}, {56, 4}, {68, 12}, {84, 12}}},
-        {"tall: y follows the height",
-         {0, 0, 24, 48},
-         {{3, 24}, {7, 24}, {10, 40}, {14, 8}, {17, 24}, {21, 24}}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -65,8 +62,6 @@ TEST(CorviLogo, StrokesATenthOfItsSizeInItsColour) {
     };
     const Case cases[] = {
         {"sign-in header", 26, QColor(0x2F, 0x70, 0xD1), 2.6},
-        {"size 24", 24, QColor(0x17, 0x18, 0x1B), 2.4},
-        {"size 30", 30, QColor(0x39, 0x87, 0xE5), 3.0},
         {"size 48", 48, QColor(200, 30, 30), 4.8},
     };
     for (const Case& c : cases) {
@@ -87,24 +82,11 @@ TEST(CorviLogo, StrokesATenthOfItsSizeInItsColour) {
 
 TEST(CorviLogo, ThemeColourFollowsTheAppearance) {
     CorviLogo logo(30, &Theme::accent);
-    const QPalette original = QApplication::palette();
-    struct Case {
-        const char* name;
-        QColor window, text, expected;
-    };
-    const Case cases[] = {
-        {"dark palette", QColor(0x20, 0x20, 0x20), QColor(0xf0, 0xf0, 0xf0), QColor(0x39, 0x87, 0xE5)},
-        {"light palette", QColor(0xf0, 0xf0, 0xf0), QColor(0x20, 0x20, 0x20), QColor(0x2F, 0x70, 0xD1)},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        QPalette p = original;
-        p.setColor(QPalette::Window, c.window);
-        p.setColor(QPalette::WindowText, c.text);
-        QApplication::setPalette(p);
-        EXPECT_TRUE(sameRgb(mostOpaque(drawn(logo), logo.rect()), c.expected, 2));
+    for (const auto& [dark, accent] :
+         {std::pair{true, QColor(0x39, 0x87, 0xE5)}, {false, QColor(0x2F, 0x70, 0xD1)}}) {
+        usePalette(dark);
+        EXPECT_TRUE(sameRgb(mostOpaque(drawn(logo), logo.rect()), accent, 2)) << dark;
     }
-    QApplication::setPalette(original);
 }
 
 }  // namespace

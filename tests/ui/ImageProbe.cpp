@@ -1,14 +1,13 @@
 #include "ImageProbe.h"
 
+#include <QApplication>
+#include <QPalette>
 #include <cmath>
 
 namespace corvi::test {
 
-double columnCoverage(const QImage& img, int x, int top, int bottom) {
-    if (bottom < 0) bottom = img.height();
-    double sum = 0;
-    for (int y = top; y < bottom; ++y) sum += qAlpha(img.pixel(x, y)) / 255.0;
-    return sum;
+double columnCoverage(const QImage& img, int x) {
+    return areaCoverage(img, QRect(x, 0, 1, img.height()));
 }
 
 double columnCentre(const QImage& img, int x) {
@@ -57,6 +56,18 @@ QString describe(const QColor& c) {
 bool sameRgb(const QColor& a, const QColor& b, int tolerance) {
     return std::abs(a.red() - b.red()) <= tolerance && std::abs(a.green() - b.green()) <= tolerance &&
            std::abs(a.blue() - b.blue()) <= tolerance;
+}
+
+void usePalette(const QColor& window, const QColor& text) {
+    QPalette p = QApplication::palette();
+    p.setColor(QPalette::Window, window);
+    p.setColor(QPalette::WindowText, text);
+    QApplication::setPalette(p);
+}
+
+void usePalette(bool dark) {
+    usePalette(dark ? QColor(0x20, 0x20, 0x22) : QColor(0xef, 0xef, 0xef),
+               dark ? QColor(0xf0, 0xf0, 0xf0) : QColor(0x10, 0x10, 0x10));
 }
 
 }  // namespace corvi::test

@@ -9,8 +9,8 @@ namespace corvi::test {
 
 // Measurements on a drawn image, in device pixels.
 
-// Sum of coverage (alpha / 255) in column x, rows [top, bottom): the stroke width across it.
-double columnCoverage(const QImage& img, int x, int top = 0, int bottom = -1);
+// Sum of coverage (alpha / 255) in column x: the stroke width across it.
+double columnCoverage(const QImage& img, int x);
 // The coverage-weighted mean row of column x, as a pixel-centre coordinate.
 double columnCentre(const QImage& img, int x);
 // Sum of coverage over a rectangle: the drawn area.
@@ -25,5 +25,10 @@ QColor mostOpaque(const QImage& img, const QRect& r);
 QString describe(const QColor& c);
 // Channels within tolerance (alpha ignored).
 bool sameRgb(const QColor& a, const QColor& b, int tolerance = 0);
+
+// Sets the application palette's window and text colours; with no desktop portal on the bus,
+// they decide the appearance.
+void usePalette(const QColor& window, const QColor& text);
+void usePalette(bool dark);
 
 }  // namespace corvi::test

@@ -5,8 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <string>
+
+#include "platform/linux/ProcStat.h"
 
 namespace corvi {
 
@@ -51,30 +52,10 @@ std::optional<std::uint64_t> LinuxCpuTimeSource::fromProcStat(std::int32_t pid) 
 }
 
 std::optional<std::uint64_t> LinuxCpuTimeSource::parseStat(std::string_view line, long ticksPerSecond) {
-    if (ticksPerSecond <= 0) return std::nullopt;
-    // The command name may hold blanks and parentheses; the fields after it never do.
-    const auto close = line.rfind(')');
-    if (close == std::string_view::npos) return std::nullopt;
-    std::string_view rest = line.substr(close + 1);
-
-    // rest starts with field 3 (the state); utime and stime are fields 14 and 15.
-    std::uint64_t values[2] = {};
-    for (int field = 3; field <= 15; ++field) {
-        const auto start = rest.find_first_not_of(' ');
-        if (start == std::string_view::npos) return std::nullopt;
-        rest.remove_prefix(start);
-        auto end = rest.find_first_of(" \n");
-        if (end == std::string_view::npos) end = rest.size();
-        if (field >= 14) {
-            std::uint64_t v = 0;
-            const auto [ptr, ec] = std::from_chars(rest.data(), rest.data() + end, v);
-            if (ec != std::errc() || ptr != rest.data() + end) return std::nullopt;
-            values[field - 14] = v;
-        }
-        rest.remove_prefix(end);
-    }
+    const auto utime = procStatField(line, 14), stime = procStatField(line, 15);
+    if (ticksPerSecond <= 0 || !utime || !stime) return std::nullopt;
     const auto hz = static_cast<std::uint64_t>(ticksPerSecond);
-    const std::uint64_t t = values[0] + values[1];
+    const std::uint64_t t = *utime + *stime;
     return t / hz * 1'000'000'000u + t % hz * 1'000'000'000u / hz;
 }
 

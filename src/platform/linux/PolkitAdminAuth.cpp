@@ -9,6 +9,8 @@
 #include <QVariantMap>
 #include <atomic>
 
+#include "platform/linux/ProcStat.h"
+
 namespace corvi {
 
 PolkitAdminAuth::PolkitAdminAuth(QString busAddress, int timeoutMs)
@@ -18,15 +20,8 @@ quint64 PolkitAdminAuth::processStartTime() {
     QFile file(QStringLiteral("/proc/self/stat"));
     if (!file.open(QIODevice::ReadOnly)) return 0;
     const QByteArray text = file.readAll();
-    // The command name (field 2) may hold blanks and parentheses: count after the last ')'.
-    const qsizetype close = text.lastIndexOf(')');
-    if (close < 0) return 0;
-    const QList<QByteArray> fields = text.mid(close + 1).simplified().split(' ');
-    constexpr int startTimeIndex = 22 - 3;  // fields after ')' begin with field 3
-    if (fields.size() <= startTimeIndex) return 0;
-    bool ok = false;
-    const quint64 value = fields[startTimeIndex].toULongLong(&ok);
-    return ok ? value : 0;
+    return procStatField(std::string_view(text.constData(), static_cast<std::size_t>(text.size())), 22)
+        .value_or(0);
 }
 
 bool PolkitAdminAuth::authenticate(const QString& actionId) {

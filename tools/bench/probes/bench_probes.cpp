@@ -9,8 +9,8 @@
 #include "bench/BenchUtil.h"
 #include "platform/linux/X11ActiveWindow.h"
 #include "platform/linux/X11IdleMonitor.h"
+#include "support/BusStandIn.h"
 #include "support/DBusDaemon.h"
-#include "support/LockService.h"
 #include "support/XClient.h"
 #include "support/XServer.h"
 
@@ -34,7 +34,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "could not activate the window\n");
         return 1;
     }
-    test::LockService locker(session.address(), QStringLiteral("org.freedesktop.ScreenSaver"));
+    test::BusStandIn locker(
+        session.address(), QStringLiteral("/org/freedesktop/ScreenSaver"),
+        [](const QDBusMessage& call, QDBusConnection& bus) { bus.send(call.createReply(QVariant(false))); });
+    locker.claim(QStringLiteral("org.freedesktop.ScreenSaver"));
 
     auto x = std::make_shared<X11Session>(server.display().toLocal8Bit());
     X11ActiveWindow window(x);  // the installed desktop entries, as in the agent

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QMutex>
+#include <QThread>
+#include <functional>
+
+namespace corvi::test {
+
+class BusStandInObject;
+
+// A stand-in service on a test bus: `answer` handles every call to `path` on the stand-in's own
+// thread, so a blocking call from the test's thread gets its answer. An answer that sends no
+// reply leaves the caller waiting. The service name is owned between claim() and release().
+class BusStandIn {
+  public:
+    using Answer = std::function<void(const QDBusMessage& call, QDBusConnection& bus)>;
+
+    BusStandIn(const QString& busAddress, const QString& path, Answer answer);
+    ~BusStandIn();
+    BusStandIn(const BusStandIn&) = delete;
+    BusStandIn& operator=(const BusStandIn&) = delete;
+
+    bool claim(const QString& service);
+    void release();
+    // Sends a message (a signal) from the stand-in's connection.
+    void send(const QDBusMessage& message) { bus_.send(message); }
+    // The calls handled so far, oldest first.
+    QList<QDBusMessage> received() const;
+
+  private:
+    friend class BusStandInObject;
+    QString connectionName_;
+    QDBusConnection bus_;
+    QString service_;
+    Answer answer_;
+    mutable QMutex mutex_;
+    QList<QDBusMessage> received_;
+    QThread thread_;
+    BusStandInObject* object_;
+};
+
+}  // namespace corvi::test
