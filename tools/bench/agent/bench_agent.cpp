@@ -13,11 +13,13 @@
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -99,9 +101,22 @@ void simulatedHour(const QString& home) {
     bench::report("in-process delegate, resident after start", residentMB(getpid()), "MB", "< 30 MB");
     QElapsedTimer wall;
     wall.start();
-    if (!test::waitFor([&] { return clock->calls >= 1200; }, 120000))
-        std::fprintf(stderr, "only %ld ticks in two minutes\n", clock->calls);
+    const double cpuBefore = cpuSeconds(getpid());
+    const long ticksBefore = clock->calls;
+    {
+        // A plain event loop, as in the agent: a polling wait would add its own CPU time.
+        QEventLoop loop;
+        QTimer check;
+        QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+            if (clock->calls >= 1200 || wall.elapsed() > 120000) loop.quit();
+        });
+        check.start(50);
+        loop.exec();
+    }
+    if (clock->calls < 1200) std::fprintf(stderr, "only %ld ticks in two minutes\n", clock->calls);
+    const double perTick = (cpuSeconds(getpid()) - cpuBefore) / double(clock->calls - ticksBefore);
     bench::report("in-process delegate, wall time of 1 200 ticks", wall.elapsed() / 1000.0, "s");
+    bench::report("in-process delegate, CPU per tick", perTick * 1000.0, "ms", "< 1.5 ms");
     bench::report("in-process delegate, resident after 1 h of ticks", residentMB(getpid()), "MB", "< 30 MB");
 }
 
