@@ -126,6 +126,8 @@ class AgentEndToEnd : public ::testing::Test {
         env.insert("XDG_CONFIG_HOME", dir.filePath("config"));
         env.insert("XDG_RUNTIME_DIR", dir.filePath("runtime"));
         env.insert("CORVI_LOG_STDERR", "1");
+        env.insert("LC_ALL", "C.UTF-8");  // so that only the configured language can make it Portuguese
+        env.remove("LANGUAGE");
         QDir().mkpath(dir.filePath("runtime"));
         QFile::setPermissions(dir.filePath("runtime"),
                               QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -164,7 +166,7 @@ class AgentEndToEnd : public ::testing::Test {
         f.write(QJsonDocument(QJsonObject{{"server_url", base},
                                           {"api_key", enrolled.json()["api_key"].toString()},
                                           {"paused", false},
-                                          {"language", "en"},
+                                          {"language", "pt"},
                                           {"launch_at_login", false}})
                     .toJson());
     }
@@ -186,22 +188,23 @@ class AgentEndToEnd : public ::testing::Test {
         return waitFor([&] { return !sessions("window_title = '" + title + "'").isEmpty(); }, ms);
     }
 
-    // The visible passcode dialog other than `except`; empty when none shows within the time.
+    // The passcode dialog on screen (the first if several), or empty.
+    QString visiblePrompt() {
+        return run("xdotool", {"search", "--onlyvisible", "--name", "^Senha do Corvimetry$"}, env)
+            .section('\n', 0, 0);
+    }
+    // A passcode dialog other than `except`; empty when none shows within the time.
     QString waitForPrompt(const QString& except = {}) {
         QString id;
-        waitFor(
-            [&] {
-                id = run("xdotool", {"search", "--onlyvisible", "--name", "^Corvimetry password$"}, env)
-                         .section('\n', 0, 0);
-                return !id.isEmpty() && id != except;
-            },
-            10000);
+        waitFor([&] { return !(id = visiblePrompt()).isEmpty() && id != except; }, 10000);
         return id == except ? QString() : id;
     }
-    void typeInto(const QString& window, const QString& text, const char* key) {
-        run("xdotool", {"windowactivate", "--sync", window}, env);
+    // Types into the prompt as a person would: it must already have the keyboard.
+    void typeInto(const QString& window, const QString& text, const QStringList& keys) {
+        EXPECT_TRUE(waitFor([&] { return run("xdotool", {"getactivewindow"}, env) == window; }, 3000))
+            << "the prompt did not come to the front";
         if (!text.isEmpty()) run("xdotool", {"type", "--delay", "30", text}, env);
-        run("xdotool", {"key", key}, env);
+        run("xdotool", QStringList{"key"} + keys, env);
     }
 
     QTemporaryDir dir;
@@ -255,11 +258,12 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
         ::kill(agent.pid(), SIGTERM);
         const QString first = waitForPrompt();
         ASSERT_FALSE(first.isEmpty()) << "no passcode prompt after SIGTERM";
-        typeInto(first, "1111", "Return");
+        typeInto(first, "1111", {"Return"});
         const QString second = waitForPrompt(first);
         ASSERT_FALSE(second.isEmpty()) << "no second prompt after a wrong passcode";
-        typeInto(second, "9999", "Escape");
-        settle(1000);
+        typeInto(second, "9999", {"Tab", "Tab", "space"});  // from the field past OK to Cancelar
+        EXPECT_TRUE(waitFor([&] { return visiblePrompt().isEmpty(); }, 3000)) << "a prompt is still shown";
+        settle(500);
         ASSERT_TRUE(agent.running()) << "a cancelled quit ended the agent";
         ASSERT_TRUE(client.activate(notes));
         client.setText(notes, "_NET_WM_NAME", "UTF8_STRING", "notes v2.txt");
@@ -271,7 +275,7 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
         ::kill(agent.pid(), SIGTERM);
         const QString prompt = waitForPrompt();
         ASSERT_FALSE(prompt.isEmpty());
-        typeInto(prompt, passcode, "Return");
+        typeInto(prompt, passcode, {"Return"});
         const double quitAt = QDateTime::currentMSecsSinceEpoch() / 1000.0;
         ASSERT_TRUE(agent.waitForExit(10000));
         EXPECT_EQ(agent.exitCode(), 0) << agent.log().toStdString();
@@ -280,7 +284,7 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
         const auto& last = rows.last();
         const double start = last[1].toDouble(), end = last[2].toDouble();
         // The notes window's session, or the prompt's if a tick fell while it was in front.
-        EXPECT_TRUE(last[3].toString() == "notes v2.txt" || last[3].toString() == "Corvimetry password")
+        EXPECT_TRUE(last[3].toString() == "notes v2.txt" || last[3].toString() == "Senha do Corvimetry")
             << last[3].toString().toStdString();
         EXPECT_GT(end, quitAt - 3.5) << "the last session's end was not written";
         EXPECT_NEAR(double(last[4].toLongLong()), (end - start) / 3 + 1, 0.5) << "samples and span disagree";
