@@ -1,10 +1,15 @@
+#include <termios.h>
+#include <unistd.h>
+
 #include <QApplication>
 #include <QTimer>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <iostream>
+#include <string>
 
-#include "BuildConfig.h"
+#include "model/AppModel.h"
 #include "platform/Display.h"
 #include "platform/Paths.h"
 #include "shell/AppDelegate.h"
@@ -13,51 +18,95 @@
 
 namespace {
 
-QByteArray versionText() {
-    QByteArray text = QByteArray("CorviAgent ") + corvi::build::version;
-    if (*corvi::build::buildNumber) text += QByteArray(" (") + corvi::build::buildNumber + ')';
-    return text;
-}
-
 const char* const usage =
-    "Usage: corviagent [--version | --help]\n"
+    "Usage: corviagent [--version | --help | --sign-in SERVER EMAIL]\n"
     "\n"
     "The Corvimetry desktop agent. It lives in the system tray, samples the foreground\n"
     "application every 3 seconds, keeps sessions in a local database and uploads them to\n"
     "the organisation's server. It needs an X11 display.\n"
     "\n"
-    "  --version   print the version and exit\n"
-    "  --help      print this text and exit\n";
+    "  --version               print the version and exit\n"
+    "  --help                  print this text and exit\n"
+    "  --sign-in SERVER EMAIL  sign in at SERVER with the company account EMAIL (the\n"
+    "                          password is read from standard input), enroll this\n"
+    "                          computer and keep the server and its key for the agent\n";
+
+// One line from standard input, not echoed when it is a terminal.
+QString readPassword() {
+    termios saved{};
+    const bool terminal = ::isatty(STDIN_FILENO) && ::tcgetattr(STDIN_FILENO, &saved) == 0;
+    if (terminal) {
+        std::fprintf(stderr, "Password: ");
+        termios quiet = saved;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
+    }
+    std::string line;
+    std::getline(std::cin, line);
+    if (terminal) {
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
+        std::fprintf(stderr, "\n");
+    }
+    return QString::fromStdString(line);
+}
+
+int signIn(int argc, char** argv, const QString& server, const QString& email) {
+    const QString password = readPassword();
+    QCoreApplication app(argc, argv);
+    corvi::AppModel model;
+    model.load();
+    int status = 1;
+    model.loginAndEnroll(server, email, password, [&](bool ok, std::optional<QString> message) {
+        if (ok)
+            std::printf("Enrolled with %s.\n", model.serverURL().toUtf8().constData());
+        else
+            std::fprintf(stderr, "corviagent: %s\n",
+                         message.value_or(QStringLiteral("sign-in failed")).toUtf8().constData());
+        status = ok ? 0 : 1;
+        app.quit();
+    });
+    app.exec();
+    return status;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    QString signInServer;
+    QString signInEmail;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--version") == 0) {
-            std::printf("%s\n", versionText().constData());
+            std::printf("CorviAgent %s\n", corvi::AppModel::versaoCompleta().toUtf8().constData());
             return 0;
         }
         if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
             std::fputs(usage, stdout);
             return 0;
         }
+        if (std::strcmp(argv[i], "--sign-in") == 0 && i + 2 < argc) {
+            signInServer = QString::fromLocal8Bit(argv[++i]);
+            signInEmail = QString::fromLocal8Bit(argv[++i]);
+            continue;
+        }
         std::fprintf(stderr, "corviagent: unknown option %s\n%s", argv[i], usage);
         return 2;
     }
 
-    QString why;
-    if (!corvi::displayReachable(&why)) {
-        std::fprintf(stderr, "corviagent: %s. The agent runs in an X11 desktop session.\n",
-                     why.toLocal8Bit().constData());
-        return 1;
-    }
-
+    // Taken before anything opens the database or the configuration.
     corvi::InstanceLock lock(corvi::dataFolder() + QStringLiteral("/corviagent.lock"));
     if (!lock.acquired()) {
         if (lock.holderPid() > 0)
             std::fprintf(stderr, "corviagent: already running for this user (pid %ld).\n", lock.holderPid());
         else
             std::fprintf(stderr, "corviagent: already running for this user.\n");
+        return 1;
+    }
+    if (!signInServer.isEmpty()) return signIn(argc, argv, signInServer, signInEmail);
+
+    QString why;
+    if (!corvi::displayReachable(&why)) {
+        std::fprintf(stderr, "corviagent: %s. The agent runs in an X11 desktop session.\n",
+                     why.toLocal8Bit().constData());
         return 1;
     }
 

@@ -8,10 +8,11 @@
 namespace corvi {
 namespace {
 
-// Network-layer, proxy and protocol failures; the other codes only restate an HTTP status.
+// Network-layer and proxy failures, and a broken HTTP exchange; the other codes only restate
+// an HTTP status (Qt maps 400 to a "protocol" code, for one).
 bool isTransportFailure(QNetworkReply::NetworkError e) {
     const int code = int(e);
-    return (code >= 1 && code < 200) || (code >= 300 && code < 400);
+    return (code >= 1 && code < 200) || e == QNetworkReply::ProtocolFailure;
 }
 
 }  // namespace

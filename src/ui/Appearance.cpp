@@ -3,6 +3,8 @@
 #include <QApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
 #include <QDBusVariant>
 #include <QEvent>
@@ -46,8 +48,10 @@ Appearance::Appearance(QObject* parent) : QObject(parent) {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (bus.isConnected()) {
         // Taken as the whole message: QtDBus refuses to connect a slot typed
-        // (QString, QString, QDBusVariant) to this signal.
-        bus.connect(kService, kPath, kInterface, QStringLiteral("SettingChanged"), this,
+        // (QString, QString, QDBusVariant) to this signal. Matched by path and interface, not
+        // by the portal's name: QtDBus drops signals from a name's owner it has not yet seen
+        // appear, which loses the first changes of a portal started after us.
+        bus.connect(QString(), kPath, kInterface, QStringLiteral("SettingChanged"), this,
                     SLOT(onSettingChanged(QDBusMessage)));
         // The portal is often started on demand, after us: read it again when it appears.
         auto* watcher = new QDBusServiceWatcher(
@@ -78,15 +82,25 @@ bool Appearance::darkFromPortalValue(const QVariant& value) {
     }
 }
 
-void Appearance::readPortal() {
-    portalDark_.reset();
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) return;
+QDBusMessage Appearance::readCall() {
     QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kInterface, QStringLiteral("Read"));
     call << kNamespace << kKey;
-    const QDBusMessage reply = bus.call(call, QDBus::Block, kReadTimeoutMs);
+    return call;
+}
+
+void Appearance::takeReply(const QDBusMessage& reply) {
+    portalDark_.reset();
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) return;
     portalDark_ = darkFromPortalValue(reply.arguments().constFirst());
+}
+
+void Appearance::readPortal() {
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        portalDark_.reset();
+        return;
+    }
+    takeReply(bus.call(readCall(), QDBus::Block, kReadTimeoutMs));
 }
 
 void Appearance::refresh() {
@@ -125,7 +139,14 @@ void Appearance::onSettingChanged(const QDBusMessage& signal) {
 }
 
 void Appearance::onPortalRegistered() {
-    refresh();
+    // A portal that has just appeared may still be starting: ask without blocking, and
+    // without the short deadline that only protects the first paint.
+    auto* pending = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(readCall()), this);
+    connect(pending, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher* call) {
+        call->deleteLater();
+        takeReply(call->reply());
+        apply();
+    });
 }
 
 void Appearance::onPortalUnregistered() {

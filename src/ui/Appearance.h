@@ -43,6 +43,8 @@ class Appearance : public QObject {
 
   private:
     explicit Appearance(QObject* parent);
+    static QDBusMessage readCall();
+    void takeReply(const QDBusMessage& reply);
     void readPortal();
     bool computeDark() const;
     void apply();

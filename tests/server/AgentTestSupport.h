@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QThread>
 #include <functional>
+#include <ostream>
 
 #include "capture/SessionRow.h"
 
@@ -43,3 +44,8 @@ inline SessionRow sessionRow(double start, std::int64_t samples = 4) {
 }
 
 }  // namespace corvi::test
+
+// Readable QString values in test failure messages.
+inline void PrintTo(const QString& s, std::ostream* os) {
+    *os << '"' << s.toStdString() << '"';
+}

@@ -12,8 +12,9 @@ int main(int argc, char** argv) {
     QString error;
     const auto options = corvi::refserver::ServerOptions::fromArguments(app.arguments(), &error);
     if (!options) {
-        std::fprintf(stderr, "%s\n", qPrintable(error));
-        return error.contains(QLatin1String("--help")) ? 0 : 2;
+        const bool help = error.startsWith(QLatin1String("Usage:"));
+        std::fprintf(help ? stdout : stderr, "%s\n", qPrintable(error));
+        return help ? 0 : 2;
     }
     QHostAddress address;
     if (!address.setAddress(options->listen)) {
