@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QSessionManager>
 #include <QSettings>
+#include <QStandardPaths>
 #include <QSystemTrayIcon>
 #include <QTimer>
 
@@ -108,8 +109,11 @@ void AppDelegate::handleSample(const Sample& sample) {
 }
 
 void AppDelegate::setupMenu() {
-    QSettings defaults(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("CorviAgent"),
-                       QStringLiteral("CorviAgent"));
+    // Named in full: Qt's own name for an INI file in the user scope ends in ".ini", and it
+    // fixes that folder at its first use in the process.
+    QSettings defaults(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+                           QStringLiteral("/CorviAgent/CorviAgent.conf"),
+                       QSettings::IniFormat);
     const QString positionKey = QStringLiteral("NSStatusItem Preferred Position Corvimetry");
     if (!defaults.contains(positionKey)) defaults.setValue(positionKey, 220);
 
