@@ -76,11 +76,8 @@ void AppDelegate::applicationDidFinishLaunching() {
     setupMenu();
 
     model_.setAccessibilityOK(services_.accessibility->trusted());
+    // The permission window (shown here, and by a 60-second reminder) comes with its own work.
     if (!model_.accessibilityOK()) services_.accessibility->trustedWithPrompt();
-    nagTimer_ = new QTimer(this);
-    nagTimer_->setInterval(60 * 1000);
-    // The reminder shows the permission window once it exists; until then it has nothing to do.
-    nagTimer_->start();
 
     sampler_ = std::make_unique<Sampler>(*store_, timing_.sampleInterval, *services_.window, *services_.idle,
                                          *services_.clock, std::move(services_.cpu));
