@@ -160,7 +160,13 @@ void AppDelegate::quit() {
 }
 
 bool AppDelegate::autoriza(GuardedAction action) {
-    return gate_->autoriza(action);
+    // One prompt at a time: a request that arrives while one is open (a SIGTERM during the
+    // pause prompt, say) is refused rather than stacked on top, and can be made again.
+    if (prompting_) return false;
+    prompting_ = true;
+    const bool granted = gate_->autoriza(action);
+    prompting_ = false;
+    return granted;
 }
 
 bool AppDelegate::applicationShouldTerminate() {
@@ -171,12 +177,7 @@ bool AppDelegate::applicationShouldTerminate() {
 }
 
 void AppDelegate::requestTermination() {
-    // A second request while the first one's prompt is open would stack another prompt.
-    if (terminationAsked_) return;
-    terminationAsked_ = true;
-    const bool now = applicationShouldTerminate();
-    terminationAsked_ = false;
-    if (now) QCoreApplication::quit();
+    if (applicationShouldTerminate()) QCoreApplication::quit();
 }
 
 void AppDelegate::applicationWillTerminate() {

@@ -101,7 +101,7 @@ class AppDelegate : public QObject {
     StatusMenu* statusMenu_ = nullptr;  // a child
     std::optional<QString> pendingUpdateVersion_;
     bool quitAuthorized_ = false;
-    bool terminationAsked_ = false;
+    bool prompting_ = false;
 };
 
 }  // namespace corvi

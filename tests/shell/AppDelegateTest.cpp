@@ -223,12 +223,18 @@ TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
     delegate->sampler()->tick();
     const auto config = [] { return readJson(dataFolder() + QStringLiteral("/config.json")); };
 
+    // A quit asked for while the pause prompt is open is refused, not stacked on top of it.
+    admin->onAsk = [&] {
+        admin->onAsk = nullptr;
+        delegate->requestTermination();
+    };
     admin->answers = {false, true};
     delegate->togglePause();
     EXPECT_FALSE(delegate->model().paused()) << "a refused pause was applied";
     EXPECT_FALSE(config().value("paused").toBool());
     delegate->togglePause();
     EXPECT_EQ(admin->asked, QStringList(2, QStringLiteral("tech.stonefold.corvimetry.pause")));
+    EXPECT_FALSE(delegate->quitAuthorized());
     EXPECT_TRUE(delegate->model().paused());
     EXPECT_TRUE(config().value("paused").toBool());
     settle(50);
