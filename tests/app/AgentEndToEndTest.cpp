@@ -66,7 +66,7 @@ struct Agent {
     bool waitForLog(const QString& line) {
         return waitFor([&] { return QString::fromStdString(log()).contains(line); }, 10000);
     }
-    bool waitForExit(int ms) {
+    bool exited(int ms = 10000) {
         return waitFor([&] { return p.state() == QProcess::NotRunning; }, ms);
     }
     QProcess p;
@@ -77,18 +77,14 @@ class AgentEndToEnd : public ::testing::Test {
   protected:
     void SetUp() override {
         ASSERT_TRUE(dir.isValid() && x.ok() && bus.ok()) << "no temporary folder, Xvfb with openbox or dbus";
-        env.insert("DISPLAY", x.display());
-        env.insert("QT_QPA_PLATFORM", "xcb");
-        env.insert("DBUS_SESSION_BUS_ADDRESS", bus.address());
-        env.insert("XDG_DATA_HOME", dir.filePath("data"));
-        env.insert("XDG_CONFIG_HOME", dir.filePath("config"));
-        env.insert("XDG_RUNTIME_DIR", dir.filePath("runtime"));
-        env.insert("CORVI_LOG_STDERR", "1");
-        env.insert("LC_ALL", "C.UTF-8");  // so that only the configured language can make it Portuguese
+        // LC_ALL so that only the configured language can make it Portuguese.
+        for (const QString& set : QStringList{
+                 "DISPLAY=" + x.display(), "QT_QPA_PLATFORM=xcb", "DBUS_SESSION_BUS_ADDRESS=" + bus.address(),
+                 "CORVI_LOG_STDERR=1", "XDG_DATA_HOME=" + dir.filePath("data"), "LC_ALL=C.UTF-8",
+                 "XDG_CONFIG_HOME=" + dir.filePath("config"), "XDG_RUNTIME_DIR=" + dir.filePath("runtime")})
+            env.insert(set.section('=', 0, 0), set.section('=', 1));
         env.remove("LANGUAGE");
-        QDir().mkdir(dir.filePath("runtime"));
-        QFile::setPermissions(dir.filePath("runtime"),
-                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QDir().mkdir(dir.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 
         tray.setProcessEnvironment(env);
         tray.start("trayer", {"--edge", "top", "--SetDockType", "true", "--widthtype", "request"});
@@ -171,8 +167,6 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
         EXPECT_TRUE(
             waitFor([&] { return test::readFile(data + "/config.json").contains("\"passcode\""); }, 10000))
             << "the passcode was not fetched";
-        name(poster, "poster final.psd");
-        EXPECT_TRUE(waitForSession("window_title = 'poster final.psd'"));
         const auto notes = client.createWindow();
         name(notes, "notes.txt");
         client.setClass(notes, "notes", "Notes");
@@ -195,9 +189,8 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
         ::kill(agent.p.processId(), SIGTERM);
         answerPrompt(passcode, {"Return"});
         const double quitAt = QDateTime::currentMSecsSinceEpoch() / 1000.0;
-        ASSERT_TRUE(agent.waitForExit(10000));
-        EXPECT_EQ(agent.p.exitStatus(), QProcess::NormalExit);
-        EXPECT_EQ(agent.p.exitCode(), 0) << agent.log();
+        ASSERT_TRUE(agent.exited());
+        EXPECT_EQ(agent.p.exitStatus() == QProcess::NormalExit ? agent.p.exitCode() : -1, 0) << agent.log();
         const auto rows = sessions();
         ASSERT_FALSE(rows.isEmpty());
         const QStringList& last = rows.last();  // id, start, end, title, samples, synced
@@ -223,7 +216,7 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
     const QString before = files();
     {
         Agent second(env);
-        ASSERT_TRUE(second.waitForExit(5000));
+        ASSERT_TRUE(second.exited(5000));
         EXPECT_EQ(second.p.exitCode(), 1);
         EXPECT_TRUE(
             second.waitForLog(QString("already running for this user (pid %1)").arg(again.p.processId())))
