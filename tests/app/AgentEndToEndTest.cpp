@@ -37,12 +37,13 @@ QList<QStringList> query(const QString& path, const QString& sql) {
         sqlite3_busy_timeout(db, 2000) == SQLITE_OK &&
         sqlite3_prepare_v2(db, sql.toUtf8().constData(), -1, &st, nullptr) == SQLITE_OK)
         while (sqlite3_step(st) == SQLITE_ROW) {
-            rows.append(QStringList());
-            for (int i = 0; i < sqlite3_column_count(st); ++i)  // reals to the last bit
-                rows.last() << (sqlite3_column_type(st, i) == SQLITE_FLOAT
-                                    ? QString::number(sqlite3_column_double(st, i), 'g', 17)
-                                    : QString::fromUtf8(
-                                          reinterpret_cast<const char*>(sqlite3_column_text(st, i))));
+            QStringList& row = rows.emplace_back();
+            for (int i = 0; i < sqlite3_column_count(st); ++i) {  // reals to the last bit
+                const bool real = sqlite3_column_type(st, i) == SQLITE_FLOAT;
+                const auto text = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
+                row << (real ? QString::number(sqlite3_column_double(st, i), 'g', 17)
+                             : QString::fromUtf8(text));
+            }
         }
     sqlite3_finalize(st);
     sqlite3_close(db);

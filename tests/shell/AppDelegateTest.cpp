@@ -40,17 +40,20 @@ class AppDelegateTest : public ::testing::Test {
 
     void SetUp() override {
         QDir(dataFolder()).removeRecursively();
-        writeConfig(R"({"language": "en", "launch_at_login": false})");
+        ASSERT_TRUE(test::writeFile(dataFolder() + "/config.json",
+                                    R"({"language": "en", "launch_at_login": false})"));
     }
 
-    static void writeConfig(const QByteArray& json) {
-        ASSERT_TRUE(test::writeFile(dataFolder() + "/config.json", json));
-    }
     static bool pausedInConfig() {
         return QJsonDocument::fromJson(test::readFile(dataFolder() + "/config.json"))["paused"].toBool();
     }
     static std::vector<Unsynced> storedSessions() {
         return Store(dataFolder() + "/corvi.sqlite").fetchUnsynced(1000);
+    }
+
+    void tick(AppDelegate& delegate) {
+        clock->time += 3;
+        delegate.sampler()->tick();
     }
 
     std::unique_ptr<AppDelegate> makeDelegate(double sampleInterval = 3600) {
@@ -75,7 +78,8 @@ class AppDelegateTest : public ::testing::Test {
 };
 
 TEST_F(AppDelegateTest, LaunchLoadsTheConfigBeforeTheLoginItemAndTheFirstSample) {
-    writeConfig(R"({"paused": true, "language": "en", "launch_at_login": false})");
+    test::writeFile(dataFolder() + "/config.json",
+                    R"({"paused": true, "language": "en", "launch_at_login": false})");
     auto delegate = makeDelegate();
     test::RecordingLoginItem loginItem;
     loginItem.current = LoginItem::Status::enabled;
@@ -127,9 +131,8 @@ TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermission) {
         idle->idle = c.idle;
         idle->locked = c.locked;
         access->granted = c.permission;
-        clock->time += 3;
         cpu->totals[42] = total += c.cpuNanosPerTick;
-        delegate->sampler()->tick();
+        tick(*delegate);
         EXPECT_EQ(delegate->model().currentStateLabel(), QString::fromUtf8(c.label));
         EXPECT_EQ(delegate->model().pending(), ++pending);
         EXPECT_EQ(delegate->model().accessibilityOK(), c.permission);
@@ -180,8 +183,7 @@ TEST_F(AppDelegateTest, RefusedQuitKeepsRunningAndAGrantedOneFlushesAndQuits) {
 TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
     auto delegate = makeDelegate();
     delegate->applicationDidFinishLaunching();
-    clock->time += 3;
-    delegate->sampler()->tick();
+    tick(*delegate);
 
     // A quit asked for while the pause prompt is open is refused, not stacked on top of it.
     admin->onAsk = [&] {
@@ -199,18 +201,15 @@ TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
     EXPECT_EQ(delegate->statusMenu()->pauseItem()->text(), "Resume tracking");
 
     // The sampler learns of it at its next tick: it closes the session and reads nothing.
-    ASSERT_TRUE(delegate->sampler()->current().has_value());
     const int reads = window->reads;
-    clock->time += 3;
-    delegate->sampler()->tick();
+    tick(*delegate);
     EXPECT_EQ(window->reads, reads);
     EXPECT_FALSE(delegate->sampler()->current().has_value());
 
     delegate->togglePause();
     EXPECT_EQ(admin->asked.size(), 2) << "resuming asked for authorization";
     EXPECT_FALSE(delegate->model().paused() || pausedInConfig());
-    clock->time += 3;
-    delegate->sampler()->tick();
+    tick(*delegate);
     EXPECT_TRUE(delegate->sampler()->current().has_value());
     EXPECT_EQ(storedSessions().size(), 2u);
 }

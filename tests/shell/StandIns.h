@@ -15,8 +15,6 @@
 
 namespace corvi::test {
 
-// What the delegate reads the desktop and asks the person through, set by the test.
-
 struct StepClock final : Clock {
     double now() const override { return time; }
     double time = 1'800'000'000;  // a wall-clock time in 2027
