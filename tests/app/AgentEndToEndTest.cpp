@@ -57,12 +57,18 @@ QString fileState(const QString& path) {
     return QString("%1 bytes at %2.%3").arg(st.st_size).arg(st.st_mtim.tv_sec).arg(st.st_mtim.tv_nsec);
 }
 
-// One run of the agent, its standard error collected; killed when it goes.
+void stop(QProcess& p) {
+    p.kill();
+    p.waitForFinished();
+}
+
+// One run of the agent, its standard error collected.
 struct Agent {
     explicit Agent(const QProcessEnvironment& env) {
         p.setProcessEnvironment(env);
         p.start(CORVI_AGENT_BIN, {});
     }
+    ~Agent() { stop(p); }
     std::string log() { return (text += QString::fromUtf8(p.readAllStandardError())).toStdString(); }
     bool waitForLog(const QString& line) {
         return waitFor([&] { return QString::fromStdString(log()).contains(line); }, 10000);
@@ -110,6 +116,10 @@ class AgentEndToEnd : public ::testing::Test {
                 .toUtf8()));
     }
 
+    void TearDown() override {
+        for (QProcess* p : {&server, &tray}) stop(*p);
+    }
+
     QList<QStringList> sessions(const QString& where = "1") {
         return query(db, "SELECT id, " + columns + ", synced FROM sessions WHERE " + where + " ORDER BY id");
     }
@@ -151,11 +161,8 @@ class AgentEndToEnd : public ::testing::Test {
 TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
     test::XClient client(x.display());
     ASSERT_TRUE(client.ok());
-    const auto name = [&](auto window, const QByteArray& title) {
-        client.setText(window, "_NET_WM_NAME", "UTF8_STRING", title);
-    };
     const auto poster = client.createWindow();
-    name(poster, "poster.psd");
+    client.setText(poster, "_NET_WM_NAME", "UTF8_STRING", "poster.psd");
     client.setText(poster, "_GTK_APPLICATION_ID", "UTF8_STRING", "com.adobe.Photoshop");
     ASSERT_TRUE(client.activate(poster));
 
@@ -169,7 +176,7 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
             waitFor([&] { return test::readFile(data + "/config.json").contains("\"passcode\""); }, 10000))
             << "the passcode was not fetched";
         const auto notes = client.createWindow();
-        name(notes, "notes.txt");
+        client.setText(notes, "_NET_WM_NAME", "UTF8_STRING", "notes.txt");
         client.setClass(notes, "notes", "Notes");
         ASSERT_TRUE(client.activate(notes));
         EXPECT_TRUE(waitForSession("window_title = 'notes.txt'"));
@@ -182,7 +189,7 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
         settle(500);
         ASSERT_EQ(agent.p.state(), QProcess::Running) << "a cancelled quit ended the agent";
         ASSERT_TRUE(client.activate(notes));
-        name(notes, "notes v2.txt");
+        client.setText(notes, "_NET_WM_NAME", "UTF8_STRING", "notes v2.txt");
         EXPECT_TRUE(waitForSession("window_title = 'notes v2.txt' AND samples >= 3", 15000))
             << "the agent stopped sampling";
 

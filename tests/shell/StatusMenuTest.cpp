@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <QAction>
-#include <QIcon>
 #include <QSystemTrayIcon>
 #include <QTemporaryDir>
 #include <map>
