@@ -108,17 +108,16 @@ TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermission) {
     const struct {
         const char* bundleID;
         double idle;
-        bool locked;
         std::uint64_t cpuNanosPerTick;
-        bool permission;
+        bool locked, permission;
         const char* label;
     } cases[] = {
-        {"com.adobe.photoshop", 0, false, 0, true, "Trabalhando"},
-        {"com.adobe.photoshop", 400, false, 3'000'000'000, false, "Exportando"},
-        {"com.tinyspeck.slackmacgap", 0, false, 0, true, "Comunicação"},
-        {"org.example.game", 0, false, 0, false, "Disperso"},
-        {"org.example.game", 400, false, 0, true, "Ausente"},
-        {"org.example.game", 0, true, 0, true, "Bloqueado"},
+        {"com.adobe.photoshop", 0, 0, false, true, "Trabalhando"},
+        {"com.adobe.photoshop", 400, 3'000'000'000, false, false, "Exportando"},
+        {"com.tinyspeck.slackmacgap", 0, 0, false, true, "Comunicação"},
+        {"org.example.game", 0, 0, false, false, "Disperso"},
+        {"org.example.game", 400, 0, false, true, "Ausente"},
+        {"org.example.game", 0, 0, true, true, "Bloqueado"},
     };
     window->front->windowTitle = "splash";
     delegate->applicationDidFinishLaunching();  // its first tick is the first session
