@@ -15,8 +15,6 @@
 
 namespace corvi::test {
 
-// What the delegate reads the desktop and asks the person through, set by the test.
-
 struct StepClock final : Clock {
     double now() const override { return time; }
     double time = 1'800'000'000;  // a wall-clock time in 2027
@@ -41,12 +39,8 @@ struct StandInIdle final : IdleMonitor {
 
 struct StandInAccessibility final : Accessibility {
     bool trusted() override { return granted; }
-    bool trustedWithPrompt() override {
-        ++prompts;
-        return granted;
-    }
+    bool trustedWithPrompt() override { return granted; }
     bool granted = true;
-    int prompts = 0;
 };
 
 struct StandInCpu final : CpuTimeSource {
@@ -69,13 +63,14 @@ struct ScriptedAdminAuth final : AdminAuth {
     std::function<void()> onAsk;
 };
 
+// Records each request as "reason|title|wrong-passcode text".
 struct ScriptedPrompt final : PasscodePrompt {
-    bool pede(const QString& reason, const Passcode&, const QString&, const QString&) override {
-        reasons << reason;
+    bool pede(const QString& reason, const Passcode&, const QString& titulo, const QString& erro) override {
+        asked << reason + u'|' + titulo + u'|' + erro;
         return answers.isEmpty() ? false : answers.takeFirst();
     }
     QList<bool> answers;
-    QStringList reasons;
+    QStringList asked;
 };
 
 }  // namespace corvi::test
