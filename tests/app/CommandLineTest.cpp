@@ -1,0 +1,42 @@
+// What the program says before it needs a desktop.
+#include <gtest/gtest.h>
+
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include "BuildConfig.h"
+
+namespace corvi {
+namespace {
+
+TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
+    struct Case {
+        const char* name;
+        QStringList args;
+        int status;
+        QByteArray says;  // on standard output for status 0, else on standard error
+    };
+    const Case cases[] = {
+        {"version", {"--version"}, 0, QByteArray("CorviAgent ") + build::version},
+        {"help", {"--help"}, 0, "Usage: corviagent"},
+        {"unknown option", {"--frobnicate"}, 2, "unknown option --frobnicate"},
+        {"no display", {}, 1, "no X11 display"},
+    };
+    QTemporaryDir dir;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        QProcess agent;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.remove("DISPLAY");
+        env.insert("XDG_DATA_HOME", dir.path());
+        agent.setProcessEnvironment(env);
+        agent.start(CORVI_AGENT_BIN, c.args);
+        ASSERT_TRUE(agent.waitForFinished(10000));
+        EXPECT_EQ(agent.exitCode(), c.status);
+        const QByteArray said = c.status == 0 ? agent.readAllStandardOutput() : agent.readAllStandardError();
+        EXPECT_TRUE(said.contains(c.says)) << said.constData();
+    }
+}
+
+}  // namespace
+}  // namespace corvi
