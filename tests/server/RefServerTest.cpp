@@ -228,7 +228,7 @@ TEST_F(RefServerTest, AgentSignsInEnrollsAndDrainsABacklog) {
     SessionRow grown;
     grown.endTS = std::nextafter(start + 120, 2e9);
     grown.maxCPU = 0.1 + 0.2;
-    grown.idleAtEnd = 5e-324;
+    grown.idleAtEnd = 2.0 / 3.0;
     grown.samples = 40;
     store.updateSession(1, grown);
     tick();
