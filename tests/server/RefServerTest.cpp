@@ -195,11 +195,9 @@ TEST_F(RefServerTest, AgentSignsInEnrollsAndDrainsABacklog) {
                          [&](bool, std::optional<QString> m) { message = m; });
     ASSERT_TRUE(QTest::qWaitFor([&] { return message && model.serverReachable(); }));
     EXPECT_EQ(*message, std::nullopt);
-    EXPECT_EQ(model.serverURL(), base());
     EXPECT_EQ(model.connectedAs(), QString::fromUtf8("Ana Souza · ") + machineName());
     ASSERT_TRUE(model.passcode());
     EXPECT_TRUE(model.passcode()->confere("4321"));
-    EXPECT_FALSE(model.passcode()->confere("4322"));
 
     const double start = 1700000000.123456789;
     SessionRow row;

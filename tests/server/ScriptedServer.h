@@ -20,8 +20,7 @@ struct Script {
 };
 
 struct ReceivedRequest {
-    QByteArray method;
-    QByteArray path;
+    QByteArray line;                        // method and path: "POST /auth/login"
     QHash<QByteArray, QByteArray> headers;  // names in lower case
     QByteArray body;
 };
@@ -62,8 +61,8 @@ class ScriptedServer : public QTcpServer {
         const qsizetype end = buffer.indexOf("\r\n\r\n");
         if (end < 0) return;
         const QList<QByteArray> lines = buffer.left(end).split('\n');
-        const QList<QByteArray> first = lines.value(0).trimmed().split(' ');
-        ReceivedRequest r{first.value(0), first.value(1), {}, {}};
+        const QList<QByteArray> first = lines.value(0).split(' ');
+        ReceivedRequest r{first.value(0) + ' ' + first.value(1), {}, {}};
         for (const QByteArray& line : lines.mid(1))
             if (const qsizetype colon = line.indexOf(':'); colon > 0)
                 r.headers.insert(line.left(colon).trimmed().toLower(), line.mid(colon + 1).trimmed());
@@ -72,7 +71,7 @@ class ScriptedServer : public QTcpServer {
         r.body = buffer.mid(end + 4, length);
         buffer.remove(0, end + 4 + length);
         received.append(r);
-        respond(s, scripts_.value(r.path, Script::json(404, "{}")));
+        respond(s, scripts_.value(first.value(1), Script::json(404, "{}")));
     }
 
     static void respond(QTcpSocket* s, const Script& script) {

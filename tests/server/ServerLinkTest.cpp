@@ -96,16 +96,16 @@ TEST_F(ServerLinkTest, SignInEnrollsThenRefreshesIdentity) {
 
     ASSERT_EQ(server.received.size(), 3);
     const auto& login = server.received[0];
-    EXPECT_EQ(login.method + " " + login.path, "POST /auth/login");
+    EXPECT_EQ(login.line, "POST /auth/login");
     EXPECT_EQ(login.headers.value("content-type"), "application/json");
     EXPECT_EQ(login.body, R"({"email":"Ana@Studio.example ","password":" pw "})") << "sent as typed";
     const auto& enroll = server.received[1];
-    EXPECT_EQ(enroll.method + " " + enroll.path, "POST /v1/enroll-self");
+    EXPECT_EQ(enroll.line, "POST /v1/enroll-self");
     EXPECT_EQ(enroll.headers.value("x-auth-token"), "T-1");
     EXPECT_EQ(QJsonDocument::fromJson(enroll.body).object(),
               (QJsonObject{{"machine_uid", AppModel::hardwareUID()}, {"machine_name", machineName()}}));
     const auto& me = server.received[2];
-    EXPECT_EQ(me.method + " " + me.path, "GET /v1/me");
+    EXPECT_EQ(me.line, "GET /v1/me");
     EXPECT_EQ(me.headers.value("authorization"), "Bearer K-9");
     EXPECT_EQ(me.headers.value("x-agent-version"), AppModel::versaoAgente().toUtf8());
     EXPECT_EQ(me.headers.value("x-agent-platform"), "linux");
@@ -218,7 +218,7 @@ TEST_F(ServerLinkTest, AcceptedBatchIsSentWithItsHeadersAndMarkedSynced) {
     EXPECT_EQ(log.systemLines, QStringList{QString::fromUtf8("CorviAgent sync: 2 sessões enviadas")});
     ASSERT_EQ(server.received.size(), 1);
     const auto& r = server.received[0];
-    EXPECT_EQ(r.method + " " + r.path, "POST /v1/ingest");
+    EXPECT_EQ(r.line, "POST /v1/ingest");
     EXPECT_EQ(r.headers.value("content-type"), "application/json");
     EXPECT_EQ(r.headers.value("authorization"), "Bearer KEY-SECRET");
     EXPECT_EQ(r.headers.value("x-agent-version"), AppModel::versaoAgente().toUtf8());
