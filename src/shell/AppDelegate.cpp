@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QSessionManager>
 #include <QSettings>
+#include <QStandardPaths>
 #include <QSystemTrayIcon>
 #include <QTimer>
 
@@ -75,11 +76,8 @@ void AppDelegate::applicationDidFinishLaunching() {
     setupMenu();
 
     model_.setAccessibilityOK(services_.accessibility->trusted());
+    // The permission window (shown here, and by a 60-second reminder) comes with its own work.
     if (!model_.accessibilityOK()) services_.accessibility->trustedWithPrompt();
-    nagTimer_ = new QTimer(this);
-    nagTimer_->setInterval(60 * 1000);
-    // The reminder shows the permission window once it exists; until then it has nothing to do.
-    nagTimer_->start();
 
     sampler_ = std::make_unique<Sampler>(*store_, timing_.sampleInterval, *services_.window, *services_.idle,
                                          *services_.clock, std::move(services_.cpu));
@@ -108,8 +106,11 @@ void AppDelegate::handleSample(const Sample& sample) {
 }
 
 void AppDelegate::setupMenu() {
-    QSettings defaults(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("CorviAgent"),
-                       QStringLiteral("CorviAgent"));
+    // Named in full: Qt's own name for an INI file in the user scope ends in ".ini", and it
+    // fixes that folder at its first use in the process.
+    QSettings defaults(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+                           QStringLiteral("/CorviAgent/CorviAgent.conf"),
+                       QSettings::IniFormat);
     const QString positionKey = QStringLiteral("NSStatusItem Preferred Position Corvimetry");
     if (!defaults.contains(positionKey)) defaults.setValue(positionKey, 220);
 
@@ -159,7 +160,13 @@ void AppDelegate::quit() {
 }
 
 bool AppDelegate::autoriza(GuardedAction action) {
-    return gate_->autoriza(action);
+    // One prompt at a time: a request that arrives while one is open (a SIGTERM during the
+    // pause prompt, say) is refused rather than stacked on top, and can be made again.
+    if (prompting_) return false;
+    prompting_ = true;
+    const bool granted = gate_->autoriza(action);
+    prompting_ = false;
+    return granted;
 }
 
 bool AppDelegate::applicationShouldTerminate() {
@@ -170,12 +177,7 @@ bool AppDelegate::applicationShouldTerminate() {
 }
 
 void AppDelegate::requestTermination() {
-    // A second request while the first one's prompt is open would stack another prompt.
-    if (terminationAsked_) return;
-    terminationAsked_ = true;
-    const bool now = applicationShouldTerminate();
-    terminationAsked_ = false;
-    if (now) QCoreApplication::quit();
+    if (applicationShouldTerminate()) QCoreApplication::quit();
 }
 
 void AppDelegate::applicationWillTerminate() {

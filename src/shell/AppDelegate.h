@@ -18,7 +18,6 @@
 #include "shell/PasscodePrompt.h"
 
 class QSessionManager;
-class QTimer;
 
 namespace corvi {
 
@@ -101,9 +100,8 @@ class AppDelegate : public QObject {
     std::unique_ptr<Syncer> syncer_;
     StatusMenu* statusMenu_ = nullptr;  // a child
     std::optional<QString> pendingUpdateVersion_;
-    QTimer* nagTimer_ = nullptr;
     bool quitAuthorized_ = false;
-    bool terminationAsked_ = false;
+    bool prompting_ = false;
 };
 
 }  // namespace corvi

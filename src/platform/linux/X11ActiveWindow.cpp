@@ -148,8 +148,8 @@ std::optional<X11ActiveWindow::Facts> X11ActiveWindow::read(xcb_connection_t* c,
         s.sent(xcb_get_property(c, 0, w, a.kdeDesktopFile, XCB_GET_PROPERTY_TYPE_ANY, 0, kShortLongs));
     xcb_res_query_client_ids_cookie_t resCookie{};
     if (s.hasResourceExtension()) {
-        xcb_res_client_id_spec_t spec{w, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
-        resCookie = s.sent(xcb_res_query_client_ids(c, 1, &spec));
+        xcb_res_client_id_spec_t query{w, XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID};
+        resCookie = s.sent(xcb_res_query_client_ids(c, 1, &query));
     }
 
     const Property pNetName = awaitProperty(s, c, netName);
@@ -163,10 +163,10 @@ std::optional<X11ActiveWindow::Facts> X11ActiveWindow::read(xcb_connection_t* c,
         s.willWait(resCookie.sequence);
         xcb_generic_error_t* error = nullptr;
         if (auto* reply = xcb_res_query_client_ids_reply(c, resCookie, &error)) {
+            // Only the pid was asked for, so any value that carries one is it.
             for (auto it = xcb_res_query_client_ids_ids_iterator(reply); it.rem;
                  xcb_res_client_id_value_next(&it)) {
-                if ((it.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) &&
-                    xcb_res_client_id_value_value_length(it.data) >= 1) {
+                if (xcb_res_client_id_value_value_length(it.data) >= 1) {
                     resPid = static_cast<std::int32_t>(*xcb_res_client_id_value_value(it.data));
                     break;
                 }
