@@ -208,14 +208,12 @@ TEST_F(RefServerTest, AgentSignsInEnrollsAndDrainsABacklog) {
         store.openSession(row);
     }
     Syncer syncer(store, model, 60);
-    auto tick = [&] {
+    const std::tuple<int, int, qint64> ticks[] = {{1200, 700, 500}, {700, 200, 1000}, {200, 0, 1200}};
+    for (const auto& [before, after, onServer] : ticks) {
         syncer.tick();
+        EXPECT_EQ(model.pending(), before);
         ASSERT_TRUE(QTest::qWaitFor([&] { return !syncer.inFlight(); }, 10000));
-    };
-    const std::pair<int, qint64> ticks[] = {{700, 500}, {200, 1000}, {0, 1200}};  // pending after, on server
-    for (const auto& [pending, onServer] : ticks) {
-        tick();
-        EXPECT_EQ(model.pending(), pending);
+        EXPECT_EQ(model.pending(), after);
         EXPECT_EQ(server->database().sessionCount(), onServer) << "oldest first, 500 per tick";
         EXPECT_TRUE(model.lastSyncOK());
     }
@@ -229,7 +227,8 @@ TEST_F(RefServerTest, AgentSignsInEnrollsAndDrainsABacklog) {
     grown.idleAtEnd = 2.0 / 3.0;
     grown.samples = 40;
     store.updateSession(1, grown);
-    tick();
+    syncer.tick();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !syncer.inFlight(); }, 10000));
     EXPECT_EQ(model.pending(), 0);
     EXPECT_EQ(server->database().sessionCount(), 1200);
     const auto machine = server->database().machineForKey(tokenDigest(model.apiKey()));
