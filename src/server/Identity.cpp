@@ -49,6 +49,12 @@ std::optional<qint64> integer(const QJsonValue& v) {
     return v.toInteger(qint64(d));
 }
 
+// `key` of a 200 answer's JSON object; undefined for any other answer.
+QJsonValue answerField(const HttpResult& result, const char* key) {
+    const auto answer = result.jsonObjectIf200();
+    return answer ? answer->value(QLatin1String(key)) : QJsonValue(QJsonValue::Undefined);
+}
+
 std::optional<Passcode> passcodeFrom(const QJsonValue& value) {
     if (!value.isObject()) return std::nullopt;
     const QJsonObject o = value.toObject();
@@ -71,9 +77,7 @@ void enroll(QPointer<AppModel> model, const QString& base, const QString& token,
                                       {QStringLiteral("machine_name"), machineName()}});
     HttpClient::shared().send(request, "POST", body, serverTimeouts().signInMs, model,
                               [model, base, done](const HttpResult& result) {
-                                  const auto answer = result.jsonObjectIf200();
-                                  const QJsonValue key =
-                                      answer ? answer->value(QLatin1String("api_key")) : QJsonValue();
+                                  const QJsonValue key = answerField(result, "api_key");
                                   if (!key.isString()) {
                                       done(false, enrollFailed(*model));
                                       return;
@@ -110,9 +114,7 @@ void AppModel::loginAndEnroll(const QString& server, const QString& email, const
     QPointer<AppModel> self(this);
     HttpClient::shared().send(jsonPost(*url), "POST", body, serverTimeouts().signInMs, this,
                               [self, base, done = std::move(done)](const HttpResult& result) {
-                                  const auto answer = result.jsonObjectIf200();
-                                  const QJsonValue token =
-                                      answer ? answer->value(QLatin1String("token")) : QJsonValue();
+                                  const QJsonValue token = answerField(result, "token");
                                   if (!token.isString()) {
                                       done(false, wrongCredentials(*self));
                                       return;

@@ -73,6 +73,26 @@ QString columnText(sqlite3_stmt* stmt, int column) {
     return text ? QString::fromUtf8(text) : QString();
 }
 
+// One prepared statement, finalized on every path; null when there is no database or the
+// text does not prepare.
+class Statement {
+  public:
+    Statement(sqlite3* db, const char* sql) {
+        if (db && sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) {
+            sqlite3_finalize(stmt_);
+            stmt_ = nullptr;
+        }
+    }
+    ~Statement() { sqlite3_finalize(stmt_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    operator sqlite3_stmt*() const { return stmt_; }
+
+  private:
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
 }  // namespace
 
 Store::Store() : Store(dataFolder() + QStringLiteral("/corvi.sqlite")) {}
@@ -125,11 +145,8 @@ bool Store::exec(const char* sql) {
 }
 
 std::int64_t Store::openSession(const SessionRow& row) {
-    sqlite3_stmt* stmt = nullptr;
-    if (!db_ || sqlite3_prepare_v2(db_, kInsert, -1, &stmt, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(stmt);
-        return -1;
-    }
+    const Statement stmt(db_, kInsert);
+    if (!stmt) return -1;
     sqlite3_bind_double(stmt, 1, row.startTS);
     sqlite3_bind_double(stmt, 2, row.endTS);
     bindText(stmt, 3, row.bundleID);
@@ -142,20 +159,15 @@ std::int64_t Store::openSession(const SessionRow& row) {
     sqlite3_bind_double(stmt, 10, row.idleAtEnd);
     sqlite3_bind_int(stmt, 11, clampToInt32(row.samples));
 
-    const std::int64_t id = sqlite3_step(stmt) == SQLITE_DONE ? sqlite3_last_insert_rowid(db_) : -1;
-    sqlite3_finalize(stmt);
-    return id;
+    return sqlite3_step(stmt) == SQLITE_DONE ? sqlite3_last_insert_rowid(db_) : -1;
 }
 
 void Store::updateSession(std::int64_t id, const SessionRow& row) {
     if (id < 1) return;
     if (inFlight_.contains(id)) rewritten_.insert(id);
 
-    sqlite3_stmt* stmt = nullptr;
-    if (!db_ || sqlite3_prepare_v2(db_, kUpdate, -1, &stmt, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(stmt);
-        return;
-    }
+    const Statement stmt(db_, kUpdate);
+    if (!stmt) return;
     sqlite3_bind_double(stmt, 1, row.endTS);
     sqlite3_bind_double(stmt, 2, averageCPU(row));
     sqlite3_bind_double(stmt, 3, row.maxCPU);
@@ -163,7 +175,6 @@ void Store::updateSession(std::int64_t id, const SessionRow& row) {
     sqlite3_bind_int(stmt, 5, clampToInt32(row.samples));
     sqlite3_bind_int64(stmt, 6, id);
     sqlite3_step(stmt);
-    sqlite3_finalize(stmt);
 }
 
 std::vector<Unsynced> Store::fetchUnsynced(int limit) {
@@ -172,11 +183,8 @@ std::vector<Unsynced> Store::fetchUnsynced(int limit) {
     rewritten_.clear();
 
     std::vector<Unsynced> rows;
-    sqlite3_stmt* stmt = nullptr;
-    if (!db_ || sqlite3_prepare_v2(db_, kFetchUnsynced, -1, &stmt, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(stmt);
-        return rows;
-    }
+    const Statement stmt(db_, kFetchUnsynced);
+    if (!stmt) return rows;
     // SQLite reads a negative LIMIT as "no limit"; at most a negative number of rows is none.
     sqlite3_bind_int(stmt, 1, limit < 0 ? 0 : limit);
     while (sqlite3_step(stmt) == SQLITE_ROW) {
@@ -196,7 +204,6 @@ std::vector<Unsynced> Store::fetchUnsynced(int limit) {
         inFlight_.insert(u.id);
         rows.push_back(std::move(u));
     }
-    sqlite3_finalize(stmt);
     return rows;
 }
 
@@ -214,14 +221,9 @@ void Store::markSynced(const std::vector<std::int64_t>& ids) {
 }
 
 int Store::pendingCount() {
-    sqlite3_stmt* stmt = nullptr;
-    if (!db_ || sqlite3_prepare_v2(db_, kPendingCount, -1, &stmt, nullptr) != SQLITE_OK) {
-        sqlite3_finalize(stmt);
-        return 0;
-    }
-    const int count = sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : 0;
-    sqlite3_finalize(stmt);
-    return count;
+    const Statement stmt(db_, kPendingCount);
+    if (!stmt) return 0;
+    return sqlite3_step(stmt) == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : 0;
 }
 
 }  // namespace corvi

@@ -1,21 +1,18 @@
 #include <gtest/gtest.h>
 
-#include <QFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include "platform/HostIdentity.h"
+#include "support/TestFiles.h"
 
 namespace {
 
 class HostIdentityTest : public ::testing::Test {
   protected:
     QString file(const QString& name, const QByteArray& content) {
-        const QString path = dir.filePath(name);
-        QFile f(path);
-        EXPECT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write(content);
-        return path;
+        EXPECT_TRUE(corvi::test::writeFile(dir.filePath(name), content));
+        return dir.filePath(name);
     }
     QTemporaryDir dir;
 };

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <QByteArray>
 #include <QHash>
-#include <QList>
-#include <QPair>
 #include <QTcpServer>
 #include <QTcpSocket>
 
@@ -15,31 +12,23 @@ struct Script {
     int status = 200;
     QByteArray body;
     Mode mode = Mode::answer;
-    QList<QPair<QByteArray, QByteArray>> headers;
+    QByteArray location;  // sent as "Location" when set
 
-    static Script json(int status, const QByteArray& body) {
-        return {status, body, Mode::answer, {{"Content-Type", "application/json"}}};
-    }
+    static Script json(int status, const QByteArray& body) { return {status, body, Mode::answer, {}}; }
+    static Script redirect(const QByteArray& to) { return {301, "{}", Mode::answer, to}; }
+    static Script misbehave(Mode mode) { return {200, {}, mode, {}}; }
 };
 
 struct ReceivedRequest {
-    QByteArray method;
-    QByteArray path;
-    QList<QPair<QByteArray, QByteArray>> headers;  // in the order received
+    QByteArray line;                        // method and path: "POST /auth/login"
+    QHash<QByteArray, QByteArray> headers;  // names in lower case
     QByteArray body;
-    QByteArray header(const QByteArray& name) const {
-        for (const auto& h : headers)
-            if (h.first.compare(name, Qt::CaseInsensitive) == 0) return h.second;
-        return {};
-    }
 };
 
-// A raw HTTP/1.1 server on loopback that answers each path as scripted (404 for others)
-// and records what it received. Misbehaves on request: stays silent, sends 10 MB, hangs up.
+// A raw HTTP/1.1 server on loopback that answers each path as scripted (404 for others) and
+// records what it received. Misbehaves on request: stays silent, sends 10 MB, hangs up.
 class ScriptedServer : public QTcpServer {
   public:
-    static constexpr qint64 hugeSize = 10 * 1024 * 1024;
-
     ScriptedServer() {
         connect(this, &QTcpServer::newConnection, this, [this] {
             while (QTcpSocket* s = nextPendingConnection()) {
@@ -56,6 +45,13 @@ class ScriptedServer : public QTcpServer {
     QString base() const { return QStringLiteral("http://127.0.0.1:%1").arg(serverPort()); }
     void script(const QByteArray& path, const Script& s) { scripts_.insert(path, s); }
 
+    // An address on a port nothing listens on.
+    static QString downBase() {
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost, 0);
+        return QStringLiteral("http://127.0.0.1:%1").arg(probe.serverPort());
+    }
+
     QList<ReceivedRequest> received;
 
   private:
@@ -64,43 +60,34 @@ class ScriptedServer : public QTcpServer {
         buffer += s->readAll();
         const qsizetype end = buffer.indexOf("\r\n\r\n");
         if (end < 0) return;
-        ReceivedRequest r;
         const QList<QByteArray> lines = buffer.left(end).split('\n');
-        const QList<QByteArray> first = lines.value(0).trimmed().split(' ');
-        r.method = first.value(0);
-        r.path = first.value(1);
-        qsizetype length = 0;
-        for (qsizetype i = 1; i < lines.size(); ++i) {
-            const QByteArray line = lines[i].trimmed();
-            const qsizetype colon = line.indexOf(':');
-            if (colon <= 0) continue;
-            r.headers.append({line.left(colon).trimmed(), line.mid(colon + 1).trimmed()});
-            if (r.headers.last().first.compare("Content-Length", Qt::CaseInsensitive) == 0)
-                length = r.headers.last().second.toLongLong();
-        }
+        const QList<QByteArray> first = lines.value(0).split(' ');
+        ReceivedRequest r{first.value(0) + ' ' + first.value(1), {}, {}};
+        for (const QByteArray& line : lines.mid(1))
+            if (const qsizetype colon = line.indexOf(':'); colon > 0)
+                r.headers.insert(line.left(colon).trimmed().toLower(), line.mid(colon + 1).trimmed());
+        const qsizetype length = r.headers.value("content-length").toLongLong();
         if (buffer.size() < end + 4 + length) return;
         r.body = buffer.mid(end + 4, length);
         buffer.remove(0, end + 4 + length);
         received.append(r);
-        respond(s, scripts_.value(r.path, Script{404, "{}", Script::Mode::answer, {}}));
+        respond(s, scripts_.value(first.value(1), Script::json(404, "{}")));
     }
 
     static void respond(QTcpSocket* s, const Script& script) {
         using Mode = Script::Mode;
         if (script.mode == Mode::silent) return;
-        if (script.mode == Mode::closeAtOnce) {
-            s->disconnectFromHost();
-            return;
+        if (script.mode != Mode::closeAtOnce) {
+            QByteArray head = "HTTP/1.1 " + QByteArray::number(script.status) +
+                              " Scripted\r\nConnection: close\r\nContent-Type: application/json\r\n";
+            if (!script.location.isEmpty()) head += "Location: " + script.location + "\r\n";
+            QByteArray body = script.body;
+            if (script.mode != Mode::answer)
+                body = "{\"token\":\"" + QByteArray(10 * 1024 * 1024, 'x') + "\"}";
+            if (script.mode != Mode::hugeWithoutLength)
+                head += "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
+            s->write(head + "\r\n" + body);
         }
-        QByteArray head =
-            "HTTP/1.1 " + QByteArray::number(script.status) + " Scripted\r\nConnection: close\r\n";
-        for (const auto& h : script.headers) head += h.first + ": " + h.second + "\r\n";
-        QByteArray body = script.body;
-        if (script.mode == Mode::hugeWithLength || script.mode == Mode::hugeWithoutLength)
-            body = "{\"token\":\"" + QByteArray(hugeSize, 'x') + "\"}";
-        if (script.mode != Mode::hugeWithoutLength)
-            head += "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
-        s->write(head + "\r\n" + body);
         s->disconnectFromHost();
     }
 

@@ -71,11 +71,7 @@ void XClient::setCardinal(Window w, const char* name, std::uint32_t value) {
 }
 
 void XClient::setClass(Window w, const QByteArray& instance, const QByteArray& windowClass) {
-    QByteArray data = instance;
-    data += '\0';
-    data += windowClass;
-    data += '\0';
-    setText(w, "WM_CLASS", "STRING", data);
+    setText(w, "WM_CLASS", "STRING", instance + '\0' + windowClass + '\0');
 }
 
 void XClient::deleteProperty(Window w, const char* name) {

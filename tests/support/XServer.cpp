@@ -8,14 +8,10 @@
 
 namespace corvi::test {
 XServer::XServer(bool windowManager, int width, int height, const QStringList& serverArgs) {
-    const QStringList args{QStringLiteral("-displayfd"),
-                           QStringLiteral("1"),
-                           QStringLiteral("-screen"),
-                           QStringLiteral("0"),
-                           QStringLiteral("%1x%2x24").arg(width).arg(height),
-                           QStringLiteral("-nolisten"),
-                           QStringLiteral("tcp"),
-                           QStringLiteral("-noreset")};
+    const QStringList args = QStringLiteral("-displayfd 1 -screen 0 %1x%2x24 -nolisten tcp -noreset")
+                                 .arg(width)
+                                 .arg(height)
+                                 .split(u' ');
     bool number = false;
     const int n = startForFirstLine(xvfb_, QStringLiteral("Xvfb"), args + serverArgs).toInt(&number);
     if (!number) return;

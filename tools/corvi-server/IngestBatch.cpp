@@ -32,30 +32,27 @@ class SessionReader {
     QString error;
 
     void integer(const char* key, qint64& out) {
-        if (error.isEmpty() && !asInteger(o_.value(QLatin1String(key)), out))
-            error = prefix_ + QLatin1String(key) + QStringLiteral(" must be an integer");
+        if (error.isEmpty() && !asInteger(o_.value(QLatin1String(key)), out)) mustBe(key, "an integer");
     }
     void number(const char* key, double& out) {
         const QJsonValue v = o_.value(QLatin1String(key));
-        if (!error.isEmpty()) return;
-        if (!v.isDouble())
-            error = prefix_ + QLatin1String(key) + QStringLiteral(" must be a number");
-        else
-            out = v.toDouble();
+        if (!v.isDouble()) mustBe(key, "a number");
+        if (error.isEmpty()) out = v.toDouble();
     }
     void text(const char* key, QString& out) {
         const QJsonValue v = o_.value(QLatin1String(key));
-        if (!error.isEmpty()) return;
-        if (!v.isString())
-            error = prefix_ + QLatin1String(key) + QStringLiteral(" must be a string");
-        else
-            out = v.toString();
+        if (!v.isString()) mustBe(key, "a string");
+        if (error.isEmpty()) out = v.toString();
     }
     void fail(const QString& why) {
         if (error.isEmpty()) error = prefix_ + why;
     }
 
   private:
+    void mustBe(const char* key, const char* what) {
+        fail(QLatin1String(key) + QStringLiteral(" must be ") + QLatin1String(what));
+    }
+
     const QJsonObject& o_;
     QString prefix_;
 };

@@ -22,8 +22,14 @@ class Statement {
         const QByteArray utf8 = v.toUtf8();
         sqlite3_bind_text(stmt_, i, utf8.constData(), static_cast<int>(utf8.size()), SQLITE_TRANSIENT);
     }
-    void bindBlob(int i, const QByteArray& v) {
+    void bind(int i, const QByteArray& v) {
         sqlite3_bind_blob(stmt_, i, v.constData(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+    }
+    // Binds the values to parameters 1, 2, ... in order.
+    template <typename... T>
+    void bindAll(const T&... values) {
+        int i = 0;
+        (bind(++i, values), ...);
     }
     bool row() { return ok() && sqlite3_step(stmt_) == SQLITE_ROW; }
     bool done() { return ok() && sqlite3_step(stmt_) == SQLITE_DONE; }
@@ -100,36 +106,29 @@ bool RefDatabase::upsertUser(const QString& email, const PasswordHash& password,
                 "INSERT INTO users (email, employee_name, salt, hash, iterations) VALUES (?,?,?,?,?)"
                 " ON CONFLICT(email) DO UPDATE SET employee_name=excluded.employee_name, salt=excluded.salt,"
                 " hash=excluded.hash, iterations=excluded.iterations;");
-    s.bind(1, email);
-    s.bind(2, employeeName);
-    s.bindBlob(3, password.salt);
-    s.bindBlob(4, password.hash);
-    s.bind(5, qint64(password.iterations));
+    s.bindAll(email, employeeName, password.salt, password.hash, qint64(password.iterations));
     return s.done();
 }
 
 std::optional<UserRecord> RefDatabase::userByEmail(const QString& email) {
     Statement s(db_, "SELECT id, email, employee_name, salt, hash, iterations FROM users WHERE email=?;");
-    s.bind(1, email);
+    s.bindAll(email);
     if (!s.row()) return std::nullopt;
     return UserRecord{s.integer(0), s.text(1), s.text(2), {s.blob(3), s.blob(4), int(s.integer(5))}};
 }
 
 bool RefDatabase::addToken(const QString& digest, qint64 userId, double expiresAt) {
     Statement purge(db_, "DELETE FROM tokens WHERE expires_at < ?;");
-    purge.bind(1, expiresAt - 24 * 3600.0);
+    purge.bindAll(expiresAt - 24 * 3600.0);
     purge.done();
     Statement s(db_, "INSERT INTO tokens (digest, user_id, expires_at) VALUES (?,?,?);");
-    s.bind(1, digest);
-    s.bind(2, userId);
-    s.bind(3, expiresAt);
+    s.bindAll(digest, userId, expiresAt);
     return s.done();
 }
 
 std::optional<qint64> RefDatabase::userForToken(const QString& digest, double now) {
     Statement s(db_, "SELECT user_id FROM tokens WHERE digest=? AND expires_at >= ?;");
-    s.bind(1, digest);
-    s.bind(2, now);
+    s.bindAll(digest, now);
     if (!s.row()) return std::nullopt;
     return s.integer(0);
 }
@@ -139,32 +138,23 @@ qint64 RefDatabase::enroll(const QString& uid, const QString& name, qint64 userI
     if (uid != unknownMachine) {
         Statement update(db_,
                          "UPDATE machines SET name=?, user_id=?, key_digest=?, enrolled_at=? WHERE uid=?;");
-        update.bind(1, name);
-        update.bind(2, userId);
-        update.bind(3, keyDigest);
-        update.bind(4, now);
-        update.bind(5, uid);
+        update.bindAll(name, userId, keyDigest, now, uid);
         if (!update.done()) return -1;
         if (sqlite3_changes(db_) > 0) {
             Statement id(db_, "SELECT id FROM machines WHERE uid=?;");
-            id.bind(1, uid);
+            id.bindAll(uid);
             return id.row() ? id.integer(0) : -1;
         }
     }
     Statement insert(
         db_, "INSERT INTO machines (uid, name, user_id, key_digest, enrolled_at) VALUES (?,?,?,?,?);");
-    insert.bind(1, uid);
-    insert.bind(2, name);
-    insert.bind(3, userId);
-    insert.bind(4, keyDigest);
-    insert.bind(5, now);
+    insert.bindAll(uid, name, userId, keyDigest, now);
     return insert.done() ? sqlite3_last_insert_rowid(db_) : -1;
 }
 
 bool RefDatabase::renameMachine(const QString& uid, const QString& name) {
     Statement s(db_, "UPDATE machines SET name=? WHERE uid=?;");
-    s.bind(1, name);
-    s.bind(2, uid);
+    s.bindAll(name, uid);
     return s.done();
 }
 
@@ -172,7 +162,7 @@ std::optional<MachineIdentity> RefDatabase::machineForKey(const QString& keyDige
     Statement s(db_,
                 "SELECT m.id, m.name, u.employee_name FROM machines m JOIN users u ON u.id = m.user_id"
                 " WHERE m.key_digest=?;");
-    s.bind(1, keyDigest);
+    s.bindAll(keyDigest);
     if (!s.row()) return std::nullopt;
     return MachineIdentity{s.integer(0), s.text(1), s.text(2)};
 }
@@ -193,26 +183,13 @@ bool RefDatabase::upsertSessions(qint64 machineId, const QList<IngestSession>& s
         ok = s.ok();
         for (const IngestSession& x : sessions) {
             if (!ok) break;
-            s.bind(1, machineId);
-            s.bind(2, x.clientId);
-            s.bind(3, x.start);
-            s.bind(4, x.end);
-            s.bind(5, x.bundleId);
-            s.bind(6, x.appName);
-            s.bind(7, x.windowTitle);
-            s.bind(8, x.category);
-            s.bind(9, x.state);
-            s.bind(10, x.avgCpu);
-            s.bind(11, x.maxCpu);
-            s.bind(12, x.idleAtEnd);
-            s.bind(13, x.samples);
-            s.bind(14, now);
+            s.bindAll(machineId, x.clientId, x.start, x.end, x.bundleId, x.appName, x.windowTitle, x.category,
+                      x.state, x.avgCpu, x.maxCpu, x.idleAtEnd, x.samples, now);
             ok = s.done();
             s.reset();
         }
         Statement seen(db_, "UPDATE machines SET last_seen=? WHERE id=?;");
-        seen.bind(1, now);
-        seen.bind(2, machineId);
+        seen.bindAll(now, machineId);
         ok = ok && seen.done();
     }
     if (!ok) {
@@ -233,8 +210,7 @@ std::optional<IngestSession> RefDatabase::session(qint64 machineId, qint64 clien
         db_,
         "SELECT client_id, start_ts, end_ts, bundle_id, app_name, window_title, category, state, avg_cpu,"
         " max_cpu, idle_at_end, samples FROM sessions WHERE machine_id=? AND client_id=?;");
-    s.bind(1, machineId);
-    s.bind(2, clientId);
+    s.bindAll(machineId, clientId);
     if (!s.row()) return std::nullopt;
     return IngestSession{s.integer(0), s.real(1), s.real(2), s.text(3), s.text(4),  s.text(5),
                          s.text(6),    s.text(7), s.real(8), s.real(9), s.real(10), s.integer(11)};
@@ -253,9 +229,7 @@ bool RefDatabase::setPasscode(const std::optional<PasswordHash>& record) {
     }
     Statement s(db_,
                 "INSERT OR REPLACE INTO settings (name, salt, hash, iterations) VALUES ('passcode',?,?,?);");
-    s.bindBlob(1, record->salt);
-    s.bindBlob(2, record->hash);
-    s.bind(3, qint64(record->iterations));
+    s.bindAll(record->salt, record->hash, qint64(record->iterations));
     return s.done();
 }
 
@@ -277,7 +251,7 @@ QList<DayHours> RefDatabase::hoursBy(const char* column, int days) {
                            " GROUP BY day, k ORDER BY day DESC, k;";
     QList<DayHours> out;
     Statement s(db_, sql.constData());
-    s.bind(1, qint64(days));
+    s.bindAll(qint64(days));
     while (s.row()) out.append({s.text(0), s.text(1), s.real(2)});
     return out;
 }
