@@ -11,8 +11,8 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
-#include "server/AgentTestSupport.h"
-#include "server/HttpTestClient.h"
+#include "support/EventLoop.h"
+#include "support/HttpTestClient.h"
 #include "support/DBusDaemon.h"
 #include "support/TestFiles.h"
 #include "support/XClient.h"

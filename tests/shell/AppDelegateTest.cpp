@@ -16,7 +16,7 @@
 #include "capture/Sampler.h"
 #include "model/RecordingLoginItem.h"
 #include "platform/Paths.h"
-#include "server/AgentTestSupport.h"
+#include "support/EventLoop.h"
 #include "shell/AppDelegate.h"
 #include "shell/StatusMenu.h"
 #include "store/Store.h"

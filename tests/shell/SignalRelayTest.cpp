@@ -2,7 +2,7 @@
 
 #include <csignal>
 
-#include "server/AgentTestSupport.h"
+#include "support/EventLoop.h"
 #include "shell/SignalRelay.h"
 
 namespace corvi {

@@ -26,8 +26,8 @@
 #include <vector>
 
 #include "BenchUtil.h"
-#include "server/AgentTestSupport.h"
-#include "server/HttpTestClient.h"
+#include "support/EventLoop.h"
+#include "support/HttpTestClient.h"
 #include "shell/AppDelegate.h"
 #include "support/DBusDaemon.h"
 #include "support/XClient.h"
