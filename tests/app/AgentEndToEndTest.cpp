@@ -11,9 +11,10 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
+#include "support/DBusDaemon.h"
 #include "support/EventLoop.h"
 #include "support/HttpTestClient.h"
-#include "support/DBusDaemon.h"
+#include "support/ReferenceServer.h"
 #include "support/TestFiles.h"
 #include "support/XClient.h"
 #include "support/XServer.h"
@@ -95,12 +96,10 @@ class AgentEndToEnd : public ::testing::Test {
 
         tray.setProcessEnvironment(env);
         tray.start("trayer", {"--edge", "top", "--SetDockType", "true", "--widthtype", "request"});
-        server.start(CORVI_SERVER_BIN, {"--port", "0", "--db", dir.filePath("server.sqlite"), "--user",
-                                        "ana@studio.example:s3cret:Ana Souza", "--passcode", passcode});
-        ASSERT_TRUE(waitFor([&] { return server.canReadLine(); }, 10000)) << "the server did not start";
-        const QString line = QString::fromUtf8(server.readLine()).trimmed();
-        ASSERT_TRUE(line.startsWith("listening on ")) << line.toStdString();
-        base = line.mid(13);
+        base = test::startReferenceServer(server, CORVI_SERVER_BIN,
+                                          {"--db", dir.filePath("server.sqlite"), "--user",
+                                           "ana@studio.example:s3cret:Ana Souza", "--passcode", passcode});
+        ASSERT_FALSE(base.isEmpty()) << "the server did not start";
 
         // Signs in and enrolls by HTTP, as the settings would.
         const auto login = test::httpCall("POST", base + "/auth/login", {},

@@ -26,10 +26,11 @@
 #include <vector>
 
 #include "BenchUtil.h"
-#include "support/EventLoop.h"
-#include "support/HttpTestClient.h"
 #include "shell/AppDelegate.h"
 #include "support/DBusDaemon.h"
+#include "support/EventLoop.h"
+#include "support/HttpTestClient.h"
+#include "support/ReferenceServer.h"
 #include "support/XClient.h"
 #include "support/XServer.h"
 
@@ -241,13 +242,13 @@ int main(int argc, char** argv) {
     simulatedHour(dir.filePath("simulated"));
 
     QProcess server;
-    server.start(QStringLiteral(CORVI_SERVER_BIN), {"--port", "0", "--db", dir.filePath("server.sqlite"),
-                                                    "--user", "bench@example.com:bench:Bench"});
-    if (!test::waitFor([&] { return server.canReadLine(); }, 10000)) {
+    const QString base = test::startReferenceServer(
+        server, QStringLiteral(CORVI_SERVER_BIN),
+        {"--db", dir.filePath("server.sqlite"), "--user", "bench@example.com:bench:Bench"});
+    if (base.isEmpty()) {
         std::fprintf(stderr, "the reference server did not start\n");
         return 1;
     }
-    const QString base = QString::fromUtf8(server.readLine()).trimmed().section(' ', 2, 2);
     const QString home = dir.filePath("real");
     if (!signIn(base, home)) {
         std::fprintf(stderr, "could not enroll with the reference server\n");

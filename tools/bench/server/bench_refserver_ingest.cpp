@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "bench/BenchUtil.h"
+#include "support/ReferenceServer.h"
 
 namespace {
 
@@ -63,17 +64,13 @@ int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     QTemporaryDir dir;
     QProcess server;
-    server.setProgram(QStringLiteral(CORVI_SERVER_PROGRAM));
-    server.setArguments(
-        {"--port", "0", "--db", dir.filePath("bench.sqlite"), "--user", "bench@corvi.example:pw:Bench"});
-    server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    server.start();
-    if (!server.waitForReadyRead(15000)) {
+    const QString base = corvi::test::startReferenceServer(
+        server, QStringLiteral(CORVI_SERVER_PROGRAM),
+        {"--db", dir.filePath("bench.sqlite"), "--user", "bench@corvi.example:pw:Bench"});
+    if (base.isEmpty()) {
         std::fprintf(stderr, "the reference server did not start\n");
         return 1;
     }
-    const QByteArray line = server.readLine().trimmed();
-    const QString base = QString::fromUtf8(line.mid(line.indexOf("http://")));
 
     QNetworkAccessManager setup;
     const QByteArray token =

@@ -10,6 +10,7 @@
 #include "model/AppModel.h"
 #include "server/Syncer.h"
 #include "store/Store.h"
+#include "support/ReferenceServer.h"
 
 namespace {
 
@@ -45,17 +46,13 @@ int main(int argc, char** argv) {
     corvi::bench::report("upload body size, 500 sessions", double(bytes) / 1024.0, "KiB");
 
     QProcess server;
-    server.setProgram(QStringLiteral(CORVI_SERVER_PROGRAM));
-    server.setArguments(
-        {"--port", "0", "--db", dir.filePath("server.sqlite"), "--user", "bench@corvi.example:pw:Bench"});
-    server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    server.start();
-    if (!server.waitForReadyRead(15000)) {
+    const QString base = corvi::test::startReferenceServer(
+        server, QStringLiteral(CORVI_SERVER_PROGRAM),
+        {"--db", dir.filePath("server.sqlite"), "--user", "bench@corvi.example:pw:Bench"});
+    if (base.isEmpty()) {
         std::fprintf(stderr, "the reference server did not start\n");
         return 1;
     }
-    const QByteArray line = server.readLine().trimmed();
-    const QString base = QString::fromUtf8(line.mid(line.indexOf("http://")));
 
     corvi::AppModel model(dir.filePath("config.json"));
     bool signedIn = false, finished = false;
