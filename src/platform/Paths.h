@@ -5,7 +5,7 @@
 namespace corvi {
 
 // The agent's data folder, where config.json and corvi.sqlite live. Created (with missing
-// parents, mode 0700) on every call; a failure to create it is left to the open that follows.
+// parents, mode 0700) on every call; without a home it can be made in, a folder in /tmp.
 QString dataFolder();
 
 }  // namespace corvi

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <QDir>
+#include <QFileInfo>
 
 #include "platform/Paths.h"
 
@@ -35,10 +36,16 @@ QString dataFolder() {
         const QString home = homeFolder();
         base = home.isEmpty() ? QString() : home + QStringLiteral("/.local/share");
     }
-    const QString folder = base.isEmpty() ? QStringLiteral("/tmp/CorviAgent-%1").arg(getuid())
-                                          : base + QStringLiteral("/CorviAgent");
-    makeFolder(folder);
-    return folder;
+    if (!base.isEmpty()) {
+        const QString folder = base + QStringLiteral("/CorviAgent");
+        makeFolder(folder);
+        if (QFileInfo(folder).isDir()) return folder;
+    }
+    // No home, or one the folder cannot be made in (a service account's /nonexistent): every
+    // session and setting would be lost at its first write.
+    const QString fallback = QStringLiteral("/tmp/CorviAgent-%1").arg(getuid());
+    makeFolder(fallback);
+    return fallback;
 }
 
 }  // namespace corvi

@@ -1,0 +1,68 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+
+#include "platform/Paths.h"
+#include "support/TestFiles.h"
+
+namespace {
+
+int modeOf(const QString& path) {
+    struct stat st {};
+    return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? int(st.st_mode & 07777) : -1;
+}
+
+TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpAndIsPrivate) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(QDir().mkpath(dir.filePath("home")));
+    ASSERT_TRUE(corvi::test::writeFile(dir.filePath("file"), "not a folder"));
+    const QString tmpFallback = QStringLiteral("/tmp/CorviAgent-%1").arg(getuid());
+    const bool tmpExisted = QFileInfo::exists(tmpFallback);
+
+    struct Case {
+        const char* name;
+        QByteArray dataHome;  // empty: unset
+        QByteArray home;
+        QString expected;
+        QString firstCreated;  // every folder from here down is new and must be 0700
+    };
+    const Case cases[] = {
+        {"data home", dir.filePath("data").toUtf8(), dir.filePath("home").toUtf8(),
+         dir.filePath("data/CorviAgent"), dir.filePath("data")},
+        {"home only",
+         {},
+         dir.filePath("home").toUtf8(),
+         dir.filePath("home/.local/share/CorviAgent"),
+         dir.filePath("home/.local")},
+        {"relative data home",
+         "rel",
+         dir.filePath("home").toUtf8(),
+         dir.filePath("home/.local/share/CorviAgent"),
+         {}},
+        {"home that is a file",
+         {},
+         dir.filePath("file").toUtf8(),
+         tmpFallback,
+         tmpExisted ? QString() : tmpFallback},
+        {"data home that is a file",
+         dir.filePath("file").toUtf8(),
+         dir.filePath("home").toUtf8(),
+         tmpFallback,
+         {}},
+    };
+    for (const Case& c : cases) {
+        corvi::test::ScopedEnv dataHome("XDG_DATA_HOME", c.dataHome);
+        corvi::test::ScopedEnv home("HOME", c.home);
+        EXPECT_EQ(corvi::dataFolder(), c.expected) << c.name;
+        EXPECT_TRUE(QFileInfo(c.expected).isDir()) << c.name;
+        if (c.firstCreated.isEmpty()) continue;
+        for (QString p = c.expected; p.startsWith(c.firstCreated); p = QFileInfo(p).path())
+            EXPECT_EQ(modeOf(p), 0700) << c.name << ": " << p.toStdString();
+    }
+    if (!tmpExisted) QDir().rmdir(tmpFallback);
+}
+
+}  // namespace
