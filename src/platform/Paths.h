@@ -8,4 +8,8 @@ namespace corvi {
 // parents, mode 0700) on every call; without a home it can be made in, a folder in /tmp.
 QString dataFolder();
 
+// The fallback folder under `tmp` ("/tmp"): "CorviAgent-<uid>" when it is this user's own
+// private folder, else a fresh private one beside it.
+QString tmpDataFolder(const QString& tmp);
+
 }  // namespace corvi

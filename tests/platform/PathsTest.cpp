@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <QTemporaryDir>
+#include <functional>
 
 #include "platform/Paths.h"
 #include "support/TestFiles.h"
@@ -63,6 +64,39 @@ TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpAndIsPrivate) {
             EXPECT_EQ(modeOf(p), 0700) << c.name << ": " << p.toStdString();
     }
     if (!tmpExisted) QDir().rmdir(tmpFallback);
+}
+
+TEST(DataFolderTest, TmpFolderThatIsNotPrivatelyOursIsNotUsed) {
+    QTemporaryDir tmp;
+    const QString own = tmp.filePath(QStringLiteral("CorviAgent-%1").arg(getuid()));
+    struct Case {
+        const char* name;
+        std::function<bool()> prepare;  // false: this machine cannot arrange it
+        bool usesOwnName;
+    };
+    // A folder made here, then given the mode `mode` and the owner `uid`.
+    const auto made = [&](mode_t mode, uid_t uid) {
+        return QDir().mkdir(own) && ::chmod(QFile::encodeName(own).constData(), mode) == 0 &&
+               ::chown(QFile::encodeName(own).constData(), uid, getgid()) == 0;
+    };
+    const Case cases[] = {
+        {"absent: made private", [] { return true; }, true},
+        {"already ours and private", [&] { return made(0700, getuid()); }, true},
+        {"open to others", [&] { return made(0777, getuid()); }, false},
+        {"a link to elsewhere", [&] { return QFile::link(tmp.path(), own); }, false},
+        {"someone else's", [&] { return made(0700, getuid() + 1); }, false},
+    };
+    for (const Case& c : cases) {
+        QFile::remove(own);
+        QDir(own).removeRecursively();
+        if (!c.prepare()) continue;  // giving a folder away needs root
+        const QString folder = corvi::tmpDataFolder(tmp.path());
+        EXPECT_EQ(folder == own, c.usesOwnName) << c.name;
+        EXPECT_EQ(modeOf(folder), 0700) << c.name;
+        struct stat st {};
+        ASSERT_EQ(::lstat(QFile::encodeName(folder).constData(), &st), 0) << c.name;
+        EXPECT_TRUE(S_ISDIR(st.st_mode) && st.st_uid == getuid()) << c.name;
+    }
 }
 
 }  // namespace

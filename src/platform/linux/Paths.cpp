@@ -2,6 +2,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include <QDir>
 #include <QFileInfo>
 
@@ -43,9 +45,21 @@ QString dataFolder() {
     }
     // No home, or one the folder cannot be made in (a service account's /nonexistent): every
     // session and setting would be lost at its first write.
-    const QString fallback = QStringLiteral("/tmp/CorviAgent-%1").arg(getuid());
-    makeFolder(fallback);
-    return fallback;
+    return tmpDataFolder(QStringLiteral("/tmp"));
+}
+
+QString tmpDataFolder(const QString& tmp) {
+    const QString folder = tmp + QStringLiteral("/CorviAgent-%1").arg(getuid());
+    const QByteArray path = QFile::encodeName(folder);
+    ::mkdir(path.constData(), 0700);
+    // Anyone can make this name first in a shared /tmp; the API key is not kept in a folder
+    // that is someone else's, a link, or open to others. Then a fresh private one is used.
+    struct stat st {};
+    if (::lstat(path.constData(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == getuid() &&
+        (st.st_mode & 077) == 0)
+        return folder;
+    QByteArray unique = path + "-XXXXXX";
+    return ::mkdtemp(unique.data()) ? QFile::decodeName(unique) : folder;
 }
 
 }  // namespace corvi
