@@ -92,7 +92,19 @@ void AppDelegate::applicationDidFinishLaunching() {
     syncer_->start();
 
     // Queued, so the handler sees the value the model has just stored.
-    connect(&model_, &AppModel::aboutToChange, this, &AppDelegate::refreshIcon, Qt::QueuedConnection);
+    // Delivered on a later turn of the loop, so the handler sees the stored value; the several
+    // fields a sample or an upload sets in one go cost one refresh.
+    connect(&model_, &AppModel::aboutToChange, this, [this] {
+        if (refreshQueued_) return;
+        refreshQueued_ = true;
+        QMetaObject::invokeMethod(
+            this,
+            [this] {
+                refreshQueued_ = false;
+                refreshIcon();
+            },
+            Qt::QueuedConnection);
+    });
     model_.refreshIdentity();
     refreshIcon();
     Log::line(QStringLiteral("CorviAgent iniciado. DB: ") + store_->path());

@@ -102,6 +102,7 @@ class AppDelegate : public QObject {
     std::optional<QString> pendingUpdateVersion_;
     bool quitAuthorized_ = false;
     bool prompting_ = false;
+    bool refreshQueued_ = false;
 };
 
 }  // namespace corvi
