@@ -12,6 +12,7 @@
 #include "model/AppModel.h"
 #include "platform/Display.h"
 #include "platform/Paths.h"
+#include "shell/AgentBus.h"
 #include "shell/AppDelegate.h"
 #include "shell/InstanceLock.h"
 #include "shell/SignalRelay.h"
@@ -29,7 +30,10 @@ const char* const usage =
     "  --help                  print this text and exit\n"
     "  --sign-in SERVER EMAIL  sign in at SERVER with the company account EMAIL (the\n"
     "                          password is read from standard input), enroll this\n"
-    "                          computer and keep the server and its key for the agent\n";
+    "                          computer and keep the server and its key for the agent\n"
+    "                          (the running agent does it when there is one)\n"
+    "\n"
+    "Started while the agent runs, it asks the running agent to show its settings.\n";
 
 // One line from standard input, not echoed when it is a terminal.
 QString readPassword() {
@@ -50,23 +54,47 @@ QString readPassword() {
     return QString::fromStdString(line);
 }
 
-int signIn(int argc, char** argv, const QString& server, const QString& email) {
-    const QString password = readPassword();
+int reportSignIn(bool ok, const QString& text) {
+    if (ok)
+        std::printf("Enrolled with %s.\n", text.toUtf8().constData());
+    else
+        std::fprintf(stderr, "corviagent: %s\n",
+                     (text.isEmpty() ? QStringLiteral("sign-in failed") : text).toUtf8().constData());
+    return ok ? 0 : 1;
+}
+
+// Signs in and enrolls with no agent running: this process owns config.json for the moment.
+int signIn(int argc, char** argv, const QString& server, const QString& email, const QString& password) {
     QCoreApplication app(argc, argv);
     corvi::AppModel model;
     model.load();
-    int status = 1;
+    std::optional<int> status;
     model.loginAndEnroll(server, email, password, [&](bool ok, std::optional<QString> message) {
-        if (ok)
-            std::printf("Enrolled with %s.\n", model.serverURL().toUtf8().constData());
-        else
-            std::fprintf(stderr, "corviagent: %s\n",
-                         message.value_or(QStringLiteral("sign-in failed")).toUtf8().constData());
-        status = ok ? 0 : 1;
+        status = reportSignIn(ok, ok ? model.serverURL() : message.value_or(QString()));
         app.quit();
     });
-    app.exec();
-    return status;
+    // A refusal can come before the loop runs (an address that does not parse); quit() then
+    // would be lost.
+    if (!status) app.exec();
+    return status.value_or(1);
+}
+
+// Another start while the agent runs: the running agent does the work.
+int askRunningAgent(int argc, char** argv, const corvi::InstanceLock& lock, const QString& server,
+                    const QString& email) {
+    const QString password = server.isEmpty() ? QString() : readPassword();
+    QCoreApplication app(argc, argv);
+    if (!server.isEmpty()) {
+        if (const auto answer = corvi::AgentBus::askSignIn(server, email, password))
+            return reportSignIn(answer->first, answer->second);
+    } else if (corvi::AgentBus::askOpenSettings()) {
+        return 0;
+    }
+    if (lock.holderPid() > 0)
+        std::fprintf(stderr, "corviagent: already running for this user (pid %ld).\n", lock.holderPid());
+    else
+        std::fprintf(stderr, "corviagent: already running for this user.\n");
+    return 1;
 }
 
 }  // namespace
@@ -94,14 +122,10 @@ int main(int argc, char** argv) {
 
     // Taken before anything opens the database or the configuration.
     corvi::InstanceLock lock(corvi::dataFolder() + QStringLiteral("/corviagent.lock"));
-    if (!lock.acquired()) {
-        if (lock.holderPid() > 0)
-            std::fprintf(stderr, "corviagent: already running for this user (pid %ld).\n", lock.holderPid());
-        else
-            std::fprintf(stderr, "corviagent: already running for this user.\n");
-        return 1;
-    }
-    if (!signInServer.isEmpty()) return signIn(argc, argv, signInServer, signInEmail);
+    if (!lock.acquired()) return askRunningAgent(argc, argv, lock, signInServer, signInEmail);
+    if (!signInServer.isEmpty()) return signIn(argc, argv, signInServer, signInEmail, readPassword());
+    // Before anything slow: a SIGTERM while the agent starts waits for the gate.
+    corvi::SignalRelay::catchEarly({SIGTERM, SIGINT});
 
     QString why;
     if (!corvi::displayReachable(&why)) {
@@ -115,8 +139,8 @@ int main(int argc, char** argv) {
     // A tray agent: closing a prompt or a window never ends it.
     app.setQuitOnLastWindowClosed(false);
 
-    corvi::AppDelegate delegate;
     corvi::SignalRelay relay({SIGTERM, SIGINT});
+    corvi::AppDelegate delegate;
     QObject::connect(&relay, &corvi::SignalRelay::received, &delegate,
                      &corvi::AppDelegate::requestTermination, Qt::QueuedConnection);
     QTimer::singleShot(0, &delegate, &corvi::AppDelegate::applicationDidFinishLaunching);

@@ -94,6 +94,7 @@ class AppModel : public QObject {
     // applyLaunchAtLogin acts on (not owned; default: the platform's).
     void setLanguageSource(LanguageSource source) { languageSource_ = std::move(source); }
     void setLoginItem(LoginItem* item) { loginItem_ = item; }
+    LoginItem* loginItem() const { return loginItem_; }
 
     // Server link (defined with the server code).
     QString base() const;

@@ -1,12 +1,14 @@
 #include "shell/AppDelegate.h"
 
 #include <QApplication>
+#include <QDesktopServices>
 #include <QSessionManager>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QSystemTrayIcon>
 #include <QTimer>
 
+#include "BuildConfig.h"
 #include "capture/Sampler.h"
 #include "platform/Accessibility.h"
 #include "platform/ActiveWindow.h"
@@ -15,8 +17,12 @@
 #include "platform/CpuTimeSource.h"
 #include "platform/IdleMonitor.h"
 #include "platform/Log.h"
+#include "platform/LoginItem.h"
 #include "server/Syncer.h"
+#include "shell/AgentBus.h"
 #include "shell/PasscodePrompt.h"
+#include "shell/PermissionWindowController.h"
+#include "shell/SettingsPopoverController.h"
 #include "shell/StatusMenu.h"
 #include "store/Store.h"
 #include "ui/Appearance.h"
@@ -32,6 +38,7 @@ AgentServices AgentServices::system() {
     s.adminAuth = makeAdminAuth();
     s.passcodePrompt = std::make_unique<PasscodePrompt>();
     s.clock = std::make_unique<SystemClock>();
+    s.openUrl = [](const QUrl& url) { QDesktopServices::openUrl(url); };
     return s;
 }
 
@@ -42,6 +49,7 @@ AppDelegate::AppDelegate(AgentServices services, AgentTiming timing)
       timing_(timing),
       store_(std::make_unique<Store>()),
       gate_(std::make_unique<Gate>(model_, *services_.passcodePrompt, *services_.adminAuth)) {
+    if (!services_.openUrl) services_.openUrl = [](const QUrl&) {};
     if (auto* app = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
         connect(app, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
         connect(app, &QGuiApplication::commitDataRequest, this, &AppDelegate::commitDataRequest,
@@ -72,16 +80,39 @@ QString AppDelegate::activityLabel(ActivityState state) {
 void AppDelegate::applicationDidFinishLaunching() {
     model_.load();
     model_.applyLaunchAtLogin();
-    // The settings popover and the permission window are created here once they exist.
+    QPointer<AppDelegate> self(this);
+    SettingsHooks hooks;
+    hooks.defaultServer = QString::fromUtf8(build::defaultServer);
+    hooks.webAddress = QString::fromUtf8(build::webAddress);
+    hooks.grant = [self] {
+        if (self) self->grantPermission();
+    };
+    hooks.machineWideAutostart = [self] {
+        return self && self->model_.loginItem() && self->model_.loginItem()->systemWideEntryPresent();
+    };
+    hooks.openUrl = services_.openUrl;
+    settings_ = std::make_unique<SettingsPopoverController>(model_, std::move(hooks), [self] {
+        return self && self->autoriza(GuardedAction::settings);
+    });
+    permission_ = std::make_unique<PermissionWindowController>(model_, *services_.accessibility, [self] {
+        if (self) self->grantPermission();
+    });
     setupMenu();
 
     model_.setAccessibilityOK(services_.accessibility->trusted());
-    // The permission window (shown here, and by a 60-second reminder) comes with its own work.
-    if (!model_.accessibilityOK()) services_.accessibility->trustedWithPrompt();
+    if (!model_.accessibilityOK()) {
+        services_.accessibility->trustedWithPrompt();
+        permission_->show();
+    }
+    nagTimer_ = new QTimer(this);
+    nagTimer_->setInterval(int(timing_.permissionReminder * 1000));
+    connect(nagTimer_, &QTimer::timeout, this, [this] {
+        if (!model_.accessibilityOK() && !permission_->isOnScreen()) permission_->show();
+    });
+    nagTimer_->start();
 
     sampler_ = std::make_unique<Sampler>(*store_, timing_.sampleInterval, *services_.window, *services_.idle,
                                          *services_.clock, std::move(services_.cpu));
-    QPointer<AppDelegate> self(this);
     sampler_->onUpdate = [self](const Sample& sample) {
         if (self) self->handleSample(sample);
     };
@@ -91,23 +122,62 @@ void AppDelegate::applicationDidFinishLaunching() {
     syncer_ = std::make_unique<Syncer>(*store_, model_, timing_.syncInterval);
     syncer_->start();
 
-    // Queued, so the handler sees the value the model has just stored.
     // Delivered on a later turn of the loop, so the handler sees the stored value; the several
     // fields a sample or an upload sets in one go cost one refresh.
+    wasConfigured_ = model_.configured();
     connect(&model_, &AppModel::aboutToChange, this, [this] {
         if (refreshQueued_) return;
         refreshQueued_ = true;
-        QMetaObject::invokeMethod(
-            this,
-            [this] {
-                refreshQueued_ = false;
-                refreshIcon();
-            },
-            Qt::QueuedConnection);
+        QMetaObject::invokeMethod(this, &AppDelegate::modelChanged, Qt::QueuedConnection);
     });
     model_.refreshIdentity();
     refreshIcon();
     Log::line(QStringLiteral("CorviAgent iniciado. DB: ") + store_->path());
+    publishOnBus();
+    // A new install is never silently unenrolled: the sign-in form shows once by itself.
+    // A window of its own, centred: a popup would vanish at the first click elsewhere.
+    if (!model_.configured()) settings_->present(nullptr);
+}
+
+void AppDelegate::modelChanged() {
+    refreshQueued_ = false;
+    refreshIcon();
+    // Just enrolled: what waits goes up now rather than at the next minute.
+    const bool configured = model_.configured();
+    if (configured && !wasConfigured_ && syncer_) syncer_->tick();
+    wasConfigured_ = configured;
+}
+
+void AppDelegate::publishOnBus() {
+    bus_ = new AgentBus(this);
+    bus_->onOpenSettings = [this] { presentSettings(); };
+    bus_->onSignIn = [this](const QString& server, const QString& email, const QString& password,
+                            AgentBus::SignInDone done) {
+        const bool pt = model_.lang() == u"pt";
+        // Binding the agent to another account is a change of settings.
+        if (model_.configured() && !autoriza(GuardedAction::settings)) {
+            done(false, pt ? QStringLiteral("Autorização negada.") : QStringLiteral("Authorization refused."));
+            return;
+        }
+        QPointer<AppDelegate> self(this);
+        model_.loginAndEnroll(server, email, password, [self, pt, done](bool ok, std::optional<QString> message) {
+            if (!self) return done(false, QString());
+            done(ok, ok ? self->model_.serverURL()
+                        : message.value_or(pt ? QStringLiteral("Não foi possível entrar.")
+                                              : QStringLiteral("Could not sign in.")));
+        });
+    };
+    if (!bus_->publish()) Log::line(QStringLiteral("CorviAgent: sem o barramento de sessão; uma segunda execução não abre os Ajustes"));
+}
+
+void AppDelegate::presentSettings() {
+    if (settings_) settings_->present(statusMenu_ ? statusMenu_->statusItem() : nullptr);
+}
+
+void AppDelegate::grantPermission() {
+    services_.accessibility->trustedWithPrompt();
+    const QUrl help(QString::fromUtf8(build::webAddress) + QStringLiteral("/help/linux-permission"), QUrl::StrictMode);
+    if (help.isValid() && !help.host().isEmpty()) services_.openUrl(help);
 }
 
 void AppDelegate::handleSample(const Sample& sample) {
@@ -154,7 +224,11 @@ void AppDelegate::menuWillOpen() {
 }
 
 void AppDelegate::openSettings() {
-    // The settings popover opens here, behind the gate, once it exists.
+    // After the menu has closed, so the popover (or the gate's prompt) is not stacked on it.
+    QPointer<AppDelegate> self(this);
+    QTimer::singleShot(0, this, [self] {
+        if (self && self->settings_ && self->statusMenu_) self->settings_->toggle(self->statusMenu_->statusItem());
+    });
 }
 
 void AppDelegate::togglePause() {

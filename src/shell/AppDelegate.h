@@ -3,6 +3,8 @@
 #include <QObject>
 #include <QPointer>
 #include <QString>
+#include <QUrl>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -18,11 +20,15 @@
 #include "shell/PasscodePrompt.h"
 
 class QSessionManager;
+class QTimer;
 
 namespace corvi {
 
 struct Sample;
+class AgentBus;
+class PermissionWindowController;
 class Sampler;
+class SettingsPopoverController;
 class StatusMenu;
 class Store;
 class Syncer;
@@ -39,12 +45,14 @@ struct AgentServices {
     std::unique_ptr<AdminAuth> adminAuth;
     std::unique_ptr<PasscodePrompt> passcodePrompt;
     std::unique_ptr<Clock> clock;
+    std::function<void(const QUrl&)> openUrl;  // the default browser
     static AgentServices system();
 };
 
 struct AgentTiming {
     double sampleInterval = 3.0;
     double syncInterval = 60.0;
+    double permissionReminder = 60.0;
 };
 
 class AppDelegate : public QObject {
@@ -77,6 +85,12 @@ class AppDelegate : public QObject {
     void installUpdate();
     void quit();
 
+    // Opens the settings from outside the tray: a second start, the first run.
+    void presentSettings();
+    // The permission window's step 1 and the Status page's Grant button: the platform's own
+    // request, then the service's help page for this platform.
+    void grantPermission();
+
     // The label the menu shows for an activity state (Portuguese in both languages).
     static QString activityLabel(ActivityState state);
 
@@ -85,11 +99,16 @@ class AppDelegate : public QObject {
     Sampler* sampler() const { return sampler_.get(); }
     Syncer* syncer() const { return syncer_.get(); }
     StatusMenu* statusMenu() const { return statusMenu_; }
+    SettingsPopoverController* settings() const { return settings_.get(); }
+    PermissionWindowController* permission() const { return permission_.get(); }
+    QTimer* nagTimer() const { return nagTimer_; }
     bool quitAuthorized() const { return quitAuthorized_; }
 
   private:
     void handleSample(const Sample& sample);
     void commitDataRequest(QSessionManager& manager);
+    void publishOnBus();
+    void modelChanged();
 
     AgentServices services_;
     AgentTiming timing_;
@@ -98,11 +117,16 @@ class AppDelegate : public QObject {
     std::unique_ptr<Gate> gate_;
     std::unique_ptr<Sampler> sampler_;
     std::unique_ptr<Syncer> syncer_;
+    std::unique_ptr<SettingsPopoverController> settings_;
+    std::unique_ptr<PermissionWindowController> permission_;
     StatusMenu* statusMenu_ = nullptr;  // a child
+    QTimer* nagTimer_ = nullptr;        // a child
+    AgentBus* bus_ = nullptr;           // a child
     std::optional<QString> pendingUpdateVersion_;
     bool quitAuthorized_ = false;
     bool prompting_ = false;
     bool refreshQueued_ = false;
+    bool wasConfigured_ = false;
 };
 
 }  // namespace corvi

@@ -14,13 +14,16 @@ class SignalRelay : public QObject {
     explicit SignalRelay(std::initializer_list<int> signums, QObject* parent = nullptr);
     ~SignalRelay() override;
 
+    // Installs the handlers before there is an event loop to wake: a signal that arrives
+    // while the agent starts waits in the pipe for the relay made later.
+    static void catchEarly(std::initializer_list<int> signums);
+
   signals:
     void received(int signum);
 
   private:
     void drain();
 
-    int fds_[2] = {-1, -1};
     QSocketNotifier* notifier_ = nullptr;
 };
 
