@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QEvent>
+#include <QFocusEvent>
 #include <QFontMetricsF>
 #include <QLayout>
 #include <QPainter>
@@ -142,7 +143,7 @@ void CapsuleButton::paintEvent(QPaintEvent*) {
         const qreal r = height() / 2.0;
         p.drawRoundedRect(QRectF(rect()), r, r);
     }
-    if (hasFocus()) {
+    if (hasFocus() && keyboardFocus_) {
         p.setPen(QPen(text_(), 1, Qt::DotLine));
         p.setBrush(Qt::NoBrush);
         const qreal r = (height() - 2) / 2.0;
@@ -151,6 +152,12 @@ void CapsuleButton::paintEvent(QPaintEvent*) {
     p.setFont(font());
     p.setPen(text_());
     p.drawText(rect(), Qt::AlignCenter | Qt::TextSingleLine, text());
+}
+
+void CapsuleButton::focusInEvent(QFocusEvent* event) {
+    // The ring marks where the keyboard is, not the window's first focus.
+    keyboardFocus_ = event->reason() == Qt::TabFocusReason || event->reason() == Qt::BacktabFocusReason;
+    QAbstractButton::focusInEvent(event);
 }
 
 Dot::Dot(int diameter, QWidget* parent) : QWidget(parent) {

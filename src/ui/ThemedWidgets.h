@@ -93,12 +93,14 @@ class CapsuleButton : public QAbstractButton {
 
   protected:
     void paintEvent(QPaintEvent* event) override;
+    void focusInEvent(QFocusEvent* event) override;
 
   private:
     Paint text_;
     Paint fill_;
     int padV_ = 0;
     int padH_ = 0;
+    bool keyboardFocus_ = false;
 };
 
 // A filled circle.
