@@ -24,6 +24,10 @@ PermissionWindowController::~PermissionWindowController() {
     delete window_;
 }
 
+QTimer* PermissionWindowController::pollTimer() const {
+    return pollTimer_ && pollTimer_->isActive() ? pollTimer_ : nullptr;
+}
+
 bool PermissionWindowController::isOnScreen() const {
     return window_ && window_->isVisible();
 }
@@ -49,29 +53,23 @@ void PermissionWindowController::show() {
     startPolling();
 }
 
-void PermissionWindowController::stopPolling() {
-    if (!pollTimer_) return;
-    // Later: this may run inside the timer's own tick.
-    pollTimer_->stop();
-    pollTimer_->deleteLater();
-    pollTimer_ = nullptr;
-}
-
 void PermissionWindowController::startPolling() {
-    stopPolling();
-    // A child: the timer goes with the controller, so a late tick never reaches a dead one.
-    pollTimer_ = new QTimer(this);
-    pollTimer_->setInterval(pollMs);
-    connect(pollTimer_, &QTimer::timeout, this, [this] {
-        const bool granted = accessibility_.trusted();
-        model_.setAccessibilityOK(granted);
-        if (granted) close();
-    });
+    // One timer, restarted: a second show() never leaves two polling.
+    if (!pollTimer_) {
+        // A child: it goes with the controller, so a late tick never reaches a dead one.
+        pollTimer_ = new QTimer(this);
+        pollTimer_->setInterval(pollMs);
+        connect(pollTimer_, &QTimer::timeout, this, [this] {
+            const bool granted = accessibility_.trusted();
+            model_.setAccessibilityOK(granted);
+            if (granted) close();
+        });
+    }
     pollTimer_->start();
 }
 
 void PermissionWindowController::close() {
-    stopPolling();
+    if (pollTimer_) pollTimer_->stop();
     if (window_) window_->close();
 }
 

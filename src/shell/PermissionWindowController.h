@@ -30,14 +30,14 @@ class PermissionWindowController : public QObject {
 
     QWidget* window() const { return window_; }
     PermissionView* view() const { return view_; }
-    QTimer* pollTimer() const { return pollTimer_; }
+    // The running poll, or null.
+    QTimer* pollTimer() const;
     bool isOnScreen() const;
 
     static constexpr int pollMs = 2000;
 
   private:
     void startPolling();
-    void stopPolling();
 
     AppModel& model_;
     Accessibility& accessibility_;
