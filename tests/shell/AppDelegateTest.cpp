@@ -10,6 +10,7 @@
 #include <QSettings>
 #include <QSystemTrayIcon>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QTimer>
 
 #include "StandIns.h"
@@ -17,7 +18,12 @@
 #include "model/RecordingLoginItem.h"
 #include "platform/Paths.h"
 #include "support/EventLoop.h"
+#include "BuildConfig.h"
 #include "shell/AppDelegate.h"
+#include "shell/PermissionWindowController.h"
+#include "shell/SettingsPopoverController.h"
+#include "ui/PermissionView.h"
+#include "ui/ThemedWidgets.h"
 #include "shell/StatusMenu.h"
 #include "store/Store.h"
 #include "support/RecordingLog.h"
@@ -56,7 +62,7 @@ class AppDelegateTest : public ::testing::Test {
         delegate.sampler()->tick();
     }
 
-    std::unique_ptr<AppDelegate> makeDelegate(double sampleInterval = 3600) {
+    std::unique_ptr<AppDelegate> makeDelegate(double sampleInterval = 3600, double reminder = 3600) {
         AgentServices s;
         s.window = std::unique_ptr<ActiveWindow>(window = new test::StandInWindow);
         s.idle = std::unique_ptr<IdleMonitor>(idle = new test::StandInIdle);
@@ -65,7 +71,8 @@ class AppDelegateTest : public ::testing::Test {
         s.adminAuth = std::unique_ptr<AdminAuth>(admin = new test::ScriptedAdminAuth);
         s.passcodePrompt = std::make_unique<test::ScriptedPrompt>();
         s.clock = std::unique_ptr<Clock>(clock = new test::StepClock);
-        return std::make_unique<AppDelegate>(std::move(s), AgentTiming{sampleInterval, 3600});
+        s.openUrl = [this](const QUrl& url) { opened << url.toString(); };
+        return std::make_unique<AppDelegate>(std::move(s), AgentTiming{sampleInterval, 3600, reminder});
     }
 
     test::RecordingLog log;
@@ -75,6 +82,7 @@ class AppDelegateTest : public ::testing::Test {
     test::StandInCpu* cpu = nullptr;
     test::ScriptedAdminAuth* admin = nullptr;
     test::StepClock* clock = nullptr;
+    QStringList opened;
 };
 
 TEST_F(AppDelegateTest, LaunchLoadsTheConfigBeforeTheLoginItemAndTheFirstSample) {
@@ -211,6 +219,38 @@ TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
     tick(*delegate);
     EXPECT_TRUE(delegate->sampler()->current().has_value());
     EXPECT_EQ(storedSessions().size(), 2u);
+}
+
+TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSignInForm) {
+    for (bool configured : {false, true}) {
+        SCOPED_TRACE(configured ? "configured" : "first run");
+        if (configured)
+            test::writeFile(dataFolder() + "/config.json",
+                            R"({"server_url": "http://127.0.0.1:1", "api_key": "k", "language": "en"})");
+        auto delegate = makeDelegate(3600, 0.2);
+        access->granted = configured;
+        delegate->applicationDidFinishLaunching();
+        PermissionWindowController* permission = delegate->permission();
+        SettingsPopoverController* settings = delegate->settings();
+        ASSERT_TRUE(permission && settings);
+        EXPECT_EQ(settings->isShown(), !configured) << "the sign-in form";
+        EXPECT_TRUE(admin->asked.isEmpty());
+        if (configured) {
+            settle(500);
+            EXPECT_FALSE(permission->window()) << "a window shown with the permission granted";
+            continue;
+        }
+        EXPECT_FALSE(settings->popover()->windowFlags().testFlag(Qt::Popup)) << "a first-run popup";
+        ASSERT_TRUE(permission->isOnScreen());
+        permission->window()->close();
+        EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000)) << "the reminder did not show it";
+
+        // The menu's entry closes the shown settings; the window's step 1 opens the help page.
+        delegate->statusMenu()->ajustesItem()->trigger();
+        EXPECT_TRUE(waitFor([&] { return !settings->isShown(); }, 1000));
+        QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
+        EXPECT_EQ(opened, QStringList{QString(build::webAddress) + "/help/linux-permission"});
+    }
 }
 
 // Launched with no tray host, then with one.
