@@ -54,6 +54,7 @@ void SettingsPopoverController::toggle(const QSystemTrayIcon* button) {
 
 void SettingsPopoverController::present(const QSystemTrayIcon* button) {
     if (isShown()) {
+        if (popover_->isMinimized()) popover_->showNormal();
         popover_->raise();
         popover_->activateWindow();
         return;

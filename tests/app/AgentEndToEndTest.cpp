@@ -65,9 +65,9 @@ void stop(QProcess& p) {
 
 // One run of the agent, its standard error collected.
 struct Agent {
-    explicit Agent(const QProcessEnvironment& env) {
+    explicit Agent(const QProcessEnvironment& env, const QStringList& args = {}) {
         p.setProcessEnvironment(env);
-        p.start(CORVI_AGENT_BIN, {});
+        p.start(CORVI_AGENT_BIN, args);
     }
     ~Agent() { stop(p); }
     std::string log() { return (text += QString::fromUtf8(p.readAllStandardError())).toStdString(); }
@@ -240,6 +240,41 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
                                                  " ORDER BY client_id");
     ASSERT_EQ(mine.size(), lastOfFirstRun.toLongLong());
     EXPECT_EQ(mine, theirs);
+}
+
+// Never enrolled: the form shows by itself; a second start shows the settings again, and the
+// command-line sign-in is done by the running agent, which then uploads with its new key.
+TEST_F(AgentEndToEnd, SecondStartShowsTheSettingsAndSignsInTheRunningAgent) {
+    ASSERT_TRUE(test::writeFile(data + "/config.json", R"({"language": "en", "launch_at_login": false})"));
+    test::XClient client(x.display());
+    ASSERT_TRUE(client.ok());
+    const auto poster = client.createWindow();
+    client.setText(poster, "_NET_WM_NAME", "UTF8_STRING", "poster.psd");
+    ASSERT_TRUE(client.activate(poster));
+    Agent agent(env);
+    ASSERT_TRUE(agent.waitForLog("CorviAgent iniciado. DB: " + db)) << agent.log();
+    const auto settingsShown = [&] { return !xdotool({"search", "--onlyvisible", "--name", "^Corvimetry$"}).isEmpty(); };
+    ASSERT_TRUE(waitFor(settingsShown, 5000)) << "no sign-in form on the first run";
+    xdotool({"search", "--onlyvisible", "--name", "^Corvimetry$", "windowactivate", "--sync"});
+    xdotool({"key", "alt+F4"});  // closed as a person closes it, through the window manager
+    ASSERT_TRUE(waitFor([&] { return !settingsShown(); }, 3000));
+
+    {
+        Agent second(env);
+        ASSERT_TRUE(second.exited(8000));
+        EXPECT_EQ(second.p.exitCode(), 0) << second.log();
+    }
+    EXPECT_TRUE(waitFor(settingsShown, 5000)) << "the running agent did not show its settings";
+
+    Agent signIn(env, {"--sign-in", base, "ana@studio.example"});
+    signIn.p.write("s3cret\n");
+    signIn.p.closeWriteChannel();
+    ASSERT_TRUE(signIn.exited(20000));
+    EXPECT_EQ(signIn.p.exitCode(), 0) << signIn.log();
+    EXPECT_EQ(QString::fromUtf8(signIn.p.readAllStandardOutput()).trimmed(), "Enrolled with " + base + ".");
+    EXPECT_TRUE(agent.waitForLog(" sessões enviadas")) << agent.log();
+    EXPECT_TRUE(test::readFile(data + "/config.json").contains("\"api_key\""));
+    EXPECT_FALSE(query(dir.filePath("server.sqlite"), "SELECT client_id FROM sessions").isEmpty());
 }
 
 }  // namespace

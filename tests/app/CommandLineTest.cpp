@@ -21,6 +21,9 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
         {"help", {"--help"}, 0, "Usage: corviagent"},
         {"unknown option", {"--frobnicate"}, 2, "unknown option --frobnicate"},
         {"no display", {}, 1, "no X11 display"},
+        // Refused before the event loop runs: it must still end.
+        {"sign-in to an address that does not parse", {"--sign-in", "not a server", "ana@studio.example"}, 1,
+         "Invalid address."},
     };
     QTemporaryDir dir;
     for (const Case& c : cases) {
@@ -29,8 +32,12 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.remove("DISPLAY");
         env.insert("XDG_DATA_HOME", dir.path());
+        env.insert("LC_ALL", "C.UTF-8");
+        env.remove("LANGUAGE");
         agent.setProcessEnvironment(env);
         agent.start(CORVI_AGENT_BIN, c.args);
+        agent.write("password\n");
+        agent.closeWriteChannel();
         ASSERT_TRUE(agent.waitForFinished(10000));
         EXPECT_EQ(agent.exitCode(), c.status);
         const QByteArray said = c.status == 0 ? agent.readAllStandardOutput() : agent.readAllStandardError();
