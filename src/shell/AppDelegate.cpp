@@ -144,7 +144,12 @@ void AppDelegate::modelChanged() {
     refreshIcon();
     // Just enrolled: what waits goes up now rather than at the next minute.
     const bool configured = model_.configured();
-    if (configured && !wasConfigured_ && syncer_) syncer_->tick();
+    if (configured && !wasConfigured_) {
+        if (syncer_) syncer_->tick();
+        // Enrolled from elsewhere (the command line) while the form was open: the form no
+        // longer applies, and what follows it is behind the gate.
+        if (settings_ && settings_->isShown() && !model_.settingsUnlocked()) settings_->popover()->close();
+    }
     wasConfigured_ = configured;
 }
 

@@ -273,6 +273,7 @@ TEST_F(AgentEndToEnd, SecondStartShowsTheSettingsAndSignsInTheRunningAgent) {
     EXPECT_EQ(signIn.p.exitCode(), 0) << signIn.log();
     EXPECT_EQ(QString::fromUtf8(signIn.p.readAllStandardOutput()).trimmed(), "Enrolled with " + base + ".");
     EXPECT_TRUE(agent.waitForLog(" sessões enviadas")) << agent.log();
+    EXPECT_TRUE(waitFor([&] { return !settingsShown(); }, 3000)) << "the sign-in form stayed open";
     EXPECT_TRUE(test::readFile(data + "/config.json").contains("\"api_key\""));
     EXPECT_FALSE(query(dir.filePath("server.sqlite"), "SELECT client_id FROM sessions").isEmpty());
 }
