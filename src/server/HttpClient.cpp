@@ -99,6 +99,8 @@ void HttpClient::send(QNetworkRequest request, const QByteArray& method, const Q
             result.transportError = QStringLiteral("connection closed before the answer");
         } else if (isTransportFailure(reply->error()) || !status.isValid()) {
             result.transportError = reply->errorString();
+            // Nothing else here cancels a request: the transfer timeout did.
+            result.timedOut = reply->error() == QNetworkReply::OperationCanceledError;
         } else {
             result.status = status.toInt();
             result.body = reply->readAll();

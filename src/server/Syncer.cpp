@@ -87,8 +87,9 @@ void Syncer::finish(const HttpResult& result, const std::vector<std::int64_t>& i
     }
     model_.setLastSyncOK(false);
     model_.setServerReachable(false);
-    const QString reason = !result.transportError.isEmpty() ? result.transportError
-                                                            : QStringLiteral("HTTP %1").arg(result.status);
+    const QString reason = result.timedOut                    ? QStringLiteral("tempo esgotado")
+                           : !result.transportError.isEmpty() ? result.transportError
+                                                              : QStringLiteral("HTTP %1").arg(result.status);
     Log::line(QStringLiteral("CorviAgent sync falhou: ") + reason);
 }
 

@@ -240,7 +240,7 @@ TEST_F(ServerLinkTest, EveryFailedUploadKeepsTheBatchUnsynced) {
         {"401", Script::json(401, R"({"error":"unknown API key"})"), "HTTP 401"},
         {"201", Script::json(201, R"({"accepted":3})"), "HTTP 201"},
         {"redirect", Script::redirect("/v1/ingest2"), "HTTP 301"},
-        {"never answers", Script::misbehave(Mode::silent), nullptr},
+        {"never answers", Script::misbehave(Mode::silent), "tempo esgotado"},
         {"10 MB", Script::misbehave(Mode::hugeWithLength), nullptr},
         {"10 MB, no length", Script::misbehave(Mode::hugeWithoutLength), nullptr},
         {"hangs up", Script::misbehave(Mode::closeAtOnce), nullptr},
