@@ -55,7 +55,8 @@ QByteArray Syncer::body(const std::vector<Unsynced>& batch) {
 
 void Syncer::tick() {
     model_.setPending(store_.pendingCount());
-    if (inFlight_ || !model_.configured()) return;
+    // A key no header can carry is never sent: as good as none.
+    if (inFlight_ || !model_.configured() || !isHeaderSafe(model_.apiKey())) return;
     const std::vector<Unsynced> batch = store_.fetchUnsynced(batchSize);
     if (batch.empty()) return;
     const auto url = endpointUrl(model_.base(), QStringLiteral("/v1/ingest"));

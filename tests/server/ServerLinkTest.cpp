@@ -135,6 +135,7 @@ TEST_F(ServerLinkTest, FailedSignInLeavesTheModelAsItWas) {
         {"login 201", "en", Script::json(201, R"({"token":"T"})"), key, {}, 1, wrong},
         {"login redirect", "en", Script::redirect("/auth/login2"), key, {}, 1, wrong},
         {"token a number", "en", Script::json(200, R"({"token":42})"), key, {}, 1, wrong},
+        {"token with CR LF", "en", Script::json(200, R"({"token":"T\r\nX: 1"})"), key, {}, 1, wrong},
         {"login JSON array", "en", Script::json(200, R"([{"token":"T"}])"), key, {}, 1, wrong},
         {"login invalid JSON", "en", Script::json(200, R"({"token":"T")"), key, {}, 1, wrong},
         {"login never answers", "en", Script::misbehave(Mode::silent), key, {}, 1, wrong},
@@ -145,6 +146,8 @@ TEST_F(ServerLinkTest, FailedSignInLeavesTheModelAsItWas) {
         {"enroll 500", "pt", token, Script::json(500, R"({"api_key":"K"})"), {}, 2, failedPt},
         {"enroll redirect", "en", token, Script::redirect("/v1/enroll-self"), {}, 2, failed},
         {"key a number", "en", token, Script::json(200, R"({"api_key":7})"), {}, 2, failed},
+        {"key with NUL", "pt", token, Script::json(200, R"({"api_key":"K\u0000"})"), {}, 2, failedPt},
+        {"key with a tab", "en", token, Script::json(200, R"({"api_key":"K\tX"})"), {}, 2, failed},
         {"enroll invalid JSON", "en", token, Script::json(200, "api_key=K"), {}, 2, failed},
         {"enroll never answers", "en", token, Script::misbehave(Mode::silent), {}, 2, failed},
         {"enroll 10 MB", "en", token, Script::misbehave(Mode::hugeWithLength), {}, 2, failed},
@@ -301,8 +304,9 @@ TEST_F(ServerLinkTest, NothingIsSentWithoutRowsOrAUsableAddressAndKey) {
     EXPECT_FALSE(syncer.inFlight()) << "no rows";
     EXPECT_EQ(model->pending(), 0);
     addRows(2);
-    const std::pair<QString, QString> cases[] = {
-        {"", ""}, {server.base(), ""}, {"", "K"}, {"http://a b", "K"}};
+    const QString b = server.base(), lineBreak = "K\r\nX: 1", nul = QStringLiteral("K\u0000");
+    const std::pair<QString, QString> cases[] = {{"", ""},       {b, ""}, {"", "K"}, {"http://a b", "K"},
+                                                 {b, lineBreak}, {b, nul}};
     for (const auto& [url, key] : cases) {
         model->setServerURL(url);
         model->setApiKey(key);
