@@ -10,6 +10,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
+#include <cmath>
+#include <limits>
 
 #include "ScriptedServer.h"
 #include "model/AppModel.h"
@@ -373,6 +375,15 @@ TEST_F(ServerLinkTest, AnswersAfterTheOwnerIsGoneDoNothing) {
     EXPECT_EQ(calls, 0);
     EXPECT_EQ(store.pendingCount(), 2);
     EXPECT_TRUE(log.systemLines.isEmpty());
+}
+
+TEST(SyncerBodyTest, TitleGoesAsItCameAndNoNumberIsNonFinite) {
+    const double inf = std::numeric_limits<double>::infinity(), nan = std::nan("");
+    const Unsynced row{1, inf, -inf, "b", "a", QStringLiteral("\ufeffT"), "other", "idle", nan, inf, nan, 1};
+    const QJsonObject sent = QJsonDocument::fromJson(Syncer::body({row}))["sessions"][0].toObject();
+    EXPECT_EQ(sent["window_title"].toString(), QStringLiteral("\ufeffT"));
+    for (const char* key : {"start", "end", "avg_cpu", "max_cpu", "idle_at_end"})
+        EXPECT_EQ(sent[key], QJsonValue(0.0)) << key;
 }
 
 // What the agent makes of a typed server address: blanks and one "/" trimmed, then a strict
