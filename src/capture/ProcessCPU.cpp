@@ -1,5 +1,6 @@
 #include "capture/ProcessCPU.h"
 
+#include <cmath>
 #include <utility>
 
 namespace corvi {
@@ -20,7 +21,9 @@ double ProcessCPU::percent(std::int32_t pid, double now) {
     const double step = now - prev.wallTime;
     if (!(step > 0)) return 0;
     const std::uint64_t delta = *total >= prev.cpuNanos ? *total - prev.cpuNanos : 0;
-    return static_cast<double>(delta) / 1e9 / step * 100;
+    // A step too small for the division gives infinity: a failed reading, not a share.
+    const double share = static_cast<double>(delta) / 1e9 / step * 100;
+    return std::isfinite(share) ? share : 0;
 }
 
 }  // namespace corvi

@@ -4,6 +4,8 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QPointer>
+#include <algorithm>
+#include <cstring>
 
 namespace corvi {
 namespace {
@@ -14,6 +16,34 @@ bool isTransportFailure(QNetworkReply::NetworkError e) {
     const int code = int(e);
     return (code >= 1 && code < 200) || e == QNetworkReply::ProtocolFailure;
 }
+
+// A request body that can be read once and never rewound. Qt's HTTP/1 layer sends a request
+// again when its connection closes before an answer, rewinding the body first; with this
+// body that resend fails instead, so every request goes out once. GET carries an empty one.
+class OnceBody : public QIODevice {
+  public:
+    OnceBody(const QByteArray& data, QObject* parent) : QIODevice(parent), data_(data) {
+        open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+    }
+    bool isSequential() const override { return false; }
+    qint64 size() const override { return data_.size(); }
+    bool reset() override { return false; }
+    bool seek(qint64 pos) override { return pos == read_ && QIODevice::seek(pos); }
+
+  protected:
+    qint64 readData(char* out, qint64 max) override {
+        const qint64 n = std::min(max, qint64(data_.size()) - read_);
+        if (n <= 0) return n == 0 ? 0 : -1;
+        std::memcpy(out, data_.constData() + read_, size_t(n));
+        read_ += n;
+        return n;
+    }
+    qint64 writeData(const char*, qint64) override { return -1; }
+
+  private:
+    const QByteArray data_;
+    qint64 read_ = 0;
+};
 
 }  // namespace
 
@@ -38,9 +68,11 @@ void HttpClient::send(QNetworkRequest request, const QByteArray& method, const Q
                       int timeoutMs, QObject* context, Done done) {
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     request.setTransferTimeout(timeoutMs);
-    QNetworkReply* reply = body.isNull() && method == "GET"
-                               ? manager_->get(request)
-                               : manager_->sendCustomRequest(request, method, body);
+    // A fresh connection for each request, so none is written to one the server is closing.
+    request.setRawHeader("Connection", "close");
+    auto* once = new OnceBody(body, nullptr);
+    QNetworkReply* reply = manager_->sendCustomRequest(request, method, once);
+    once->setParent(reply);
 
     auto tooLarge = std::make_shared<bool>(false);
     auto guard = [reply, tooLarge](qint64 size) {
@@ -62,8 +94,13 @@ void HttpClient::send(QNetworkRequest request, const QByteArray& method, const Q
         const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
         if (*tooLarge) {
             result.transportError = QStringLiteral("response larger than 1 MiB");
+        } else if (reply->error() == QNetworkReply::ContentReSendError) {
+            // Qt gave up a resend the body refused: the connection closed unanswered.
+            result.transportError = QStringLiteral("connection closed before the answer");
         } else if (isTransportFailure(reply->error()) || !status.isValid()) {
             result.transportError = reply->errorString();
+            // Nothing else here cancels a request: the transfer timeout did.
+            result.timedOut = reply->error() == QNetworkReply::OperationCanceledError;
         } else {
             result.status = status.toInt();
             result.body = reply->readAll();

@@ -17,6 +17,7 @@ struct HttpResult {
     int status = -1;         // -1: no HTTP response
     QByteArray body;         // empty when the body was cut off
     QString transportError;  // the error's description; empty when an HTTP response came
+    bool timedOut = false;   // the transport error is the request's timeout
 
     // The body as a JSON object when the status is exactly 200 and the body parses as one.
     std::optional<QJsonObject> jsonObjectIf200() const;

@@ -78,7 +78,7 @@ void enroll(QPointer<AppModel> model, const QString& base, const QString& token,
     HttpClient::shared().send(request, "POST", body, serverTimeouts().signInMs, model,
                               [model, base, done](const HttpResult& result) {
                                   const QJsonValue key = answerField(result, "api_key");
-                                  if (!key.isString()) {
+                                  if (!key.isString() || !isHeaderSafe(key.toString())) {
                                       done(false, enrollFailed(*model));
                                       return;
                                   }
@@ -115,7 +115,7 @@ void AppModel::loginAndEnroll(const QString& server, const QString& email, const
     HttpClient::shared().send(jsonPost(*url), "POST", body, serverTimeouts().signInMs, this,
                               [self, base, done = std::move(done)](const HttpResult& result) {
                                   const QJsonValue token = answerField(result, "token");
-                                  if (!token.isString()) {
+                                  if (!token.isString() || !isHeaderSafe(token.toString())) {
                                       done(false, wrongCredentials(*self));
                                       return;
                                   }
@@ -124,7 +124,8 @@ void AppModel::loginAndEnroll(const QString& server, const QString& email, const
 }
 
 void AppModel::refreshIdentity() {
-    if (!configured()) {
+    // A key no header can carry is never sent: as good as none.
+    if (!configured() || !isHeaderSafe(apiKey_)) {
         setServerReachable(false);
         return;
     }

@@ -29,4 +29,10 @@ std::optional<QUrl> endpointUrl(const QString& base, const QString& path) {
     return url;
 }
 
+bool isHeaderSafe(const QString& value) {
+    for (QChar c : value)
+        if (c.category() == QChar::Other_Control) return false;
+    return true;
+}
+
 }  // namespace corvi

@@ -14,4 +14,8 @@ QString normalizedBase(const QString& serverURL);
 // host and has no blank anywhere. None otherwise.
 std::optional<QUrl> endpointUrl(const QString& base, const QString& path);
 
+// Whether a value from the server or the configuration file may go into a request header:
+// a control character (CR, LF, NUL, …) would let it end the header and add others.
+bool isHeaderSafe(const QString& value);
+
 }  // namespace corvi

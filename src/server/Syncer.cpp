@@ -6,6 +6,7 @@
 #include <QJsonObject>
 #include <QNetworkRequest>
 #include <QTimer>
+#include <cmath>
 
 #include "model/AppModel.h"
 #include "platform/Log.h"
@@ -34,28 +35,42 @@ void Syncer::start() {
     tick();
 }
 
+namespace {
+
+// JSON has no infinities and Qt would write null; a number the server cannot take is 0.
+double finite(double value) {
+    return std::isfinite(value) ? value : 0.0;
+}
+
+}  // namespace
+
 QByteArray Syncer::body(const std::vector<Unsynced>& batch) {
     // Qt writes doubles in their shortest round-trip form, so times keep full precision.
     QJsonArray sessions;
     for (const Unsynced& u : batch)
         sessions.append(QJsonObject{{QStringLiteral("client_id"), qint64(u.id)},
-                                    {QStringLiteral("start"), u.start},
-                                    {QStringLiteral("end"), u.end},
+                                    {QStringLiteral("start"), finite(u.start)},
+                                    {QStringLiteral("end"), finite(u.end)},
                                     {QStringLiteral("bundle_id"), u.bundleID},
                                     {QStringLiteral("app_name"), u.appName},
                                     {QStringLiteral("window_title"), u.windowTitle},
                                     {QStringLiteral("category"), u.category},
                                     {QStringLiteral("state"), u.state},
-                                    {QStringLiteral("avg_cpu"), u.avgCPU},
-                                    {QStringLiteral("max_cpu"), u.maxCPU},
-                                    {QStringLiteral("idle_at_end"), u.idleAtEnd},
+                                    {QStringLiteral("avg_cpu"), finite(u.avgCPU)},
+                                    {QStringLiteral("max_cpu"), finite(u.maxCPU)},
+                                    {QStringLiteral("idle_at_end"), finite(u.idleAtEnd)},
                                     {QStringLiteral("samples"), qint64(u.samples)}});
-    return QJsonDocument(QJsonObject{{QStringLiteral("sessions"), sessions}}).toJson(QJsonDocument::Compact);
+    QByteArray json =
+        QJsonDocument(QJsonObject{{QStringLiteral("sessions"), sessions}}).toJson(QJsonDocument::Compact);
+    // Parsers that decode a string's raw UTF-8 drop a leading U+FEFF (Qt's does); escaped, it
+    // arrives. Those bytes occur only inside strings, so the text stays the same JSON.
+    return json.replace("\xEF\xBB\xBF", "\\ufeff");
 }
 
 void Syncer::tick() {
     model_.setPending(store_.pendingCount());
-    if (inFlight_ || !model_.configured()) return;
+    // A key no header can carry is never sent: as good as none.
+    if (inFlight_ || !model_.configured() || !isHeaderSafe(model_.apiKey())) return;
     const std::vector<Unsynced> batch = store_.fetchUnsynced(batchSize);
     if (batch.empty()) return;
     const auto url = endpointUrl(model_.base(), QStringLiteral("/v1/ingest"));
@@ -87,8 +102,9 @@ void Syncer::finish(const HttpResult& result, const std::vector<std::int64_t>& i
     }
     model_.setLastSyncOK(false);
     model_.setServerReachable(false);
-    const QString reason = !result.transportError.isEmpty() ? result.transportError
-                                                            : QStringLiteral("HTTP %1").arg(result.status);
+    const QString reason = result.timedOut                    ? QStringLiteral("tempo esgotado")
+                           : !result.transportError.isEmpty() ? result.transportError
+                                                              : QStringLiteral("HTTP %1").arg(result.status);
     Log::line(QStringLiteral("CorviAgent sync falhou: ") + reason);
 }
 

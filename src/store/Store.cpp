@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <QFile>
+#include <QStringDecoder>
+#include <cmath>
 #include <limits>
 
 #include "platform/Log.h"
@@ -68,9 +70,19 @@ void bindText(sqlite3_stmt* stmt, int index, const QString& text) {
     sqlite3_bind_text(stmt, index, utf8.constData(), -1, kTransient);
 }
 
+// Read back exactly as written: a title may begin with U+FEFF, which fromUtf8 would drop.
 QString columnText(sqlite3_stmt* stmt, int column) {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
-    return text ? QString::fromUtf8(text) : QString();
+    if (!text) return {};
+    QStringDecoder decoder(QStringDecoder::Utf8,
+                           QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
+    return decoder(QByteArrayView(text, sqlite3_column_bytes(stmt, column)));
+}
+
+// SQLite stores NaN as NULL (refused by the schema) and the wire has no infinities; a value
+// that is not finite is the neutral 0.
+void bindReal(sqlite3_stmt* stmt, int index, double value) {
+    sqlite3_bind_double(stmt, index, std::isfinite(value) ? value : 0.0);
 }
 
 // One prepared statement, finalized on every path; null when there is no database or the
@@ -147,16 +159,16 @@ bool Store::exec(const char* sql) {
 std::int64_t Store::openSession(const SessionRow& row) {
     const Statement stmt(db_, kInsert);
     if (!stmt) return -1;
-    sqlite3_bind_double(stmt, 1, row.startTS);
-    sqlite3_bind_double(stmt, 2, row.endTS);
+    bindReal(stmt, 1, row.startTS);
+    bindReal(stmt, 2, row.endTS);
     bindText(stmt, 3, row.bundleID);
     bindText(stmt, 4, row.appName);
     bindText(stmt, 5, row.windowTitle);
     bindText(stmt, 6, rawValue(row.category));
     bindText(stmt, 7, rawValue(row.state));
-    sqlite3_bind_double(stmt, 8, averageCPU(row));
-    sqlite3_bind_double(stmt, 9, row.maxCPU);
-    sqlite3_bind_double(stmt, 10, row.idleAtEnd);
+    bindReal(stmt, 8, averageCPU(row));
+    bindReal(stmt, 9, row.maxCPU);
+    bindReal(stmt, 10, row.idleAtEnd);
     sqlite3_bind_int(stmt, 11, clampToInt32(row.samples));
 
     return sqlite3_step(stmt) == SQLITE_DONE ? sqlite3_last_insert_rowid(db_) : -1;
@@ -168,10 +180,10 @@ void Store::updateSession(std::int64_t id, const SessionRow& row) {
 
     const Statement stmt(db_, kUpdate);
     if (!stmt) return;
-    sqlite3_bind_double(stmt, 1, row.endTS);
-    sqlite3_bind_double(stmt, 2, averageCPU(row));
-    sqlite3_bind_double(stmt, 3, row.maxCPU);
-    sqlite3_bind_double(stmt, 4, row.idleAtEnd);
+    bindReal(stmt, 1, row.endTS);
+    bindReal(stmt, 2, averageCPU(row));
+    bindReal(stmt, 3, row.maxCPU);
+    bindReal(stmt, 4, row.idleAtEnd);
     sqlite3_bind_int(stmt, 5, clampToInt32(row.samples));
     sqlite3_bind_int64(stmt, 6, id);
     sqlite3_step(stmt);

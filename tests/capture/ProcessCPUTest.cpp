@@ -36,6 +36,7 @@ TEST(ProcessCPU, ArithmeticAndBookkeeping) {
         {"failed query forgets",
          {{7, 0, 100, 0}, {7, fails, 103, 0}, {7, 3 * sec, 106, 0}, {7, 9 * sec / 2, 109, 50}}},
         {"failure of an unknown pid", {{7, fails, 100, 0}}},
+        {"share beyond a double reads 0", {{7, 0, 0, 0}, {7, 9 * sec, 4.9e-324, 0}}},
         {"pids kept apart, two cores not capped",
          {{7, 0, 100, 0}, {8, 0, 101, 0}, {7, 3 * sec / 2, 103, 50}, {8, 4 * sec, 103, 200}}},
     };

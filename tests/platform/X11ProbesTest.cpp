@@ -5,6 +5,7 @@
 
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QThread>
 #include <functional>
 
@@ -109,7 +110,9 @@ TEST_F(X11ProbesTest, ActiveWindowIsDescribedByItsProperties) {
          "Gimp-2.10", "Gimp-2.10", QString::fromUtf8(utf8)},
         {"Latin-1 WM_NAME", {{wm, "STRING", "caf\xe9"}, windowClass("xterm", "XTerm")}, "XTerm", "XTerm", "café"},
         {"COMPOUND_TEXT WM_NAME, Latin-1 and Greek", {{wm, "COMPOUND_TEXT", "caf\xe9 \x1b\x2d\x46\xe1"}}, "unknown", self, "café α"},
-        {"_NET_WM_NAME of a wrong type hides WM_NAME", {{net, "CARDINAL", QByteArray(8, 1), 32}, {wm, "STRING", "no"}}, "unknown", self, ""},
+        {"_NET_WM_NAME of a wrong type gives way to WM_NAME", {{net, "CARDINAL", QByteArray(8, 1), 32}, {wm, "STRING", "yes"}}, "unknown", self, "yes"},
+        {"STRING _NET_WM_NAME that is not UTF-8 gives way to a Latin-1 WM_NAME", {{net, "STRING", "caf\xe9"}, {wm, "STRING", "caf\xe9"}}, "unknown", self, "café"},
+        {"leading U+FEFF kept", {{net, "UTF8_STRING", "\xef\xbb\xbfT\xc3\xadtulo"}}, "unknown", self, u'\ufeff' + QStringLiteral("Título")},
         {"invalid UTF-8 title", {{net, "UTF8_STRING", "ok \xff\xfe then bad"}}, "unknown", self, ""},
         {"1 MiB title cut at 64 KiB on a character boundary", {{net, "UTF8_STRING", oneMiB}}, "unknown", self,
          QString(X11ActiveWindow::kTitleBytes - 1, u'a')},
@@ -131,6 +134,51 @@ TEST_F(X11ProbesTest, ActiveWindowIsDescribedByItsProperties) {
         EXPECT_EQ(info->pid, getpid()) << "the X client's own pid, from X-Resource";
         EXPECT_EQ(info->windowTitle, c.title);
         client_->destroyWindow(w);
+    }
+}
+
+TEST_F(X11ProbesTest, TitlesAsRealToolsWriteThem) {
+    const QString utf8 = QString::fromUtf8("Relat\xc3\xb3rio \xe2\x9c\x93");
+    struct Case {
+        const char* row;
+        QStringList command;  // "%w": the active window; none: the tool makes its own
+        QString title;
+    };
+    const Case cases[] = {
+        {"xdotool writes both names as STRING", {"xdotool", "set_window", "--name", utf8, "%w"}, utf8},
+        {"xterm in a C locale puts UTF-8 in a STRING WM_NAME",
+         {"xterm", "-T", utf8, "-e", "sleep", "30"},
+         utf8},
+        {"xprop, UTF-8 in a STRING WM_NAME",
+         {"xprop", "-id", "%w", "-f", "WM_NAME", "8s", "-set", "WM_NAME", utf8},
+         utf8},
+        {"xprop, UTF8_STRING with a leading U+FEFF",
+         {"xprop", "-id", "%w", "-f", "_NET_WM_NAME", "8u", "-set", "_NET_WM_NAME", u'\ufeff' + utf8},
+         u'\ufeff' + utf8},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.row);
+        const bool ownWindow = c.command.contains("%w");
+        const XClient::Window w = ownWindow ? activeWindow({}) : 0;
+        QProcess tool;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("DISPLAY", server_->display());
+        env.insert("LC_ALL", "C");
+        tool.setProcessEnvironment(env);
+        tool.start(c.command.first(), c.command.mid(1).replaceInStrings("%w", QString::number(w)));
+        ASSERT_TRUE(tool.waitForStarted());
+        if (ownWindow) {
+            ASSERT_TRUE(tool.waitForFinished() && tool.exitCode() == 0);
+        }
+        const auto pid = static_cast<std::int32_t>(ownWindow ? getpid() : tool.processId());
+        EXPECT_TRUE(QTest::qWaitFor([&] {
+            const auto info = probe_->current();
+            return info && info->pid == pid && !info->windowTitle.isEmpty();
+        }));
+        EXPECT_EQ(probe_->focusedWindowTitle(pid), c.title);
+        tool.kill();
+        tool.waitForFinished();
+        if (ownWindow) client_->destroyWindow(w);
     }
 }
 

@@ -8,7 +8,7 @@ namespace corvi::test {
 
 // How the scripted server answers one path.
 struct Script {
-    enum class Mode { answer, silent, hugeWithLength, hugeWithoutLength, closeAtOnce };
+    enum class Mode { answer, keepAlive, silent, hugeWithLength, hugeWithoutLength, closeAtOnce };
     int status = 200;
     QByteArray body;
     Mode mode = Mode::answer;
@@ -17,6 +17,7 @@ struct Script {
     static Script json(int status, const QByteArray& body) { return {status, body, Mode::answer, {}}; }
     static Script redirect(const QByteArray& to) { return {301, "{}", Mode::answer, to}; }
     static Script misbehave(Mode mode) { return {200, {}, mode, {}}; }
+    static Script keptAlive(const QByteArray& body) { return {200, body, Mode::keepAlive, {}}; }
 };
 
 struct ReceivedRequest {
@@ -26,7 +27,8 @@ struct ReceivedRequest {
 };
 
 // A raw HTTP/1.1 server on loopback that answers each path as scripted (404 for others) and
-// records what it received. Misbehaves on request: stays silent, sends 10 MB, hangs up.
+// records what it received. Keeps the connection open, or misbehaves, on request: stays
+// silent, sends 10 MB, hangs up.
 class ScriptedServer : public QTcpServer {
   public:
     ScriptedServer() {
@@ -78,15 +80,18 @@ class ScriptedServer : public QTcpServer {
         using Mode = Script::Mode;
         if (script.mode == Mode::silent) return;
         if (script.mode != Mode::closeAtOnce) {
+            const bool keep = script.mode == Mode::keepAlive;
             QByteArray head = "HTTP/1.1 " + QByteArray::number(script.status) +
-                              " Scripted\r\nConnection: close\r\nContent-Type: application/json\r\n";
+                              " Scripted\r\nConnection: " + (keep ? "keep-alive" : "close") +
+                              "\r\nContent-Type: application/json\r\n";
             if (!script.location.isEmpty()) head += "Location: " + script.location + "\r\n";
             QByteArray body = script.body;
-            if (script.mode != Mode::answer)
+            if (script.mode != Mode::answer && !keep)
                 body = "{\"token\":\"" + QByteArray(10 * 1024 * 1024, 'x') + "\"}";
             if (script.mode != Mode::hugeWithoutLength)
                 head += "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
             s->write(head + "\r\n" + body);
+            if (keep) return;
         }
         s->disconnectFromHost();
     }

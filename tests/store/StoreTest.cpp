@@ -3,6 +3,7 @@
 
 #include <QFileInfo>
 #include <QTemporaryDir>
+#include <cmath>
 #include <limits>
 
 #include "store/Store.h"
@@ -28,6 +29,11 @@ SessionRow session(double start, const char* title = "Untitled-1", std::int64_t 
             .maxCPU = sumCPU,
             .samples = samples,
             .idleAtEnd = 0};
+}
+
+SessionRow withTitle(SessionRow row, const QString& title) {
+    row.windowTitle = title;
+    return row;
 }
 
 std::vector<std::int64_t> idsOf(const std::vector<Unsynced>& rows) {
@@ -96,12 +102,19 @@ TEST_F(StoreTest, StoredRowReadsBackFieldByField) {
         std::int64_t samples;
     };
     const std::int64_t huge = std::int64_t{1} << 40;
+    const double inf = std::numeric_limits<double>::infinity(), nan = std::nan("");
+    const auto stored = [](double v) { return std::isfinite(v) ? v : 0.0; };
     const Case cases[] = {
         {"unicode texts and every field",
          {1.5, 1700000000.25, "org.gimp.GIMP", "GNU Image Manipulation Program", "Relatório — “final” 🎨",
           AppCategory::browser, ActivityState::rendering, 12, 180.5, 3, 181},
          4,
          3},
+        {"leading U+FEFF in the title kept", withTitle(session(1), u'\ufeff' + QStringLiteral("T")), 0, 1},
+        {"non-finite numbers stored as 0",
+         {inf, -inf, "x", "x", "x", AppCategory::other, ActivityState::idle, nan, inf, 2, nan},
+         0,
+         2},
         {"empty title, locked",
          {2, 2, "locked", "—", "", AppCategory::other, ActivityState::locked, 0, 0, 1, 0},
          0,
@@ -119,16 +132,16 @@ TEST_F(StoreTest, StoredRowReadsBackFieldByField) {
         ASSERT_EQ(rows.size(), 1u) << c.name;
         const Unsynced& u = rows.front();
         EXPECT_EQ(u.id, id) << c.name;
-        EXPECT_EQ(u.start, c.row.startTS) << c.name;
-        EXPECT_EQ(u.end, c.row.endTS) << c.name;
+        EXPECT_EQ(u.start, stored(c.row.startTS)) << c.name;
+        EXPECT_EQ(u.end, stored(c.row.endTS)) << c.name;
         EXPECT_EQ(u.bundleID, c.row.bundleID) << c.name;
         EXPECT_EQ(u.appName, c.row.appName) << c.name;
         EXPECT_EQ(u.windowTitle, c.row.windowTitle) << c.name;
         EXPECT_EQ(u.category, rawValue(c.row.category)) << c.name;
         EXPECT_EQ(u.state, rawValue(c.row.state)) << c.name;
         EXPECT_EQ(u.avgCPU, c.avgCPU) << c.name;
-        EXPECT_EQ(u.maxCPU, c.row.maxCPU) << c.name;
-        EXPECT_EQ(u.idleAtEnd, c.row.idleAtEnd) << c.name;
+        EXPECT_EQ(u.maxCPU, stored(c.row.maxCPU)) << c.name;
+        EXPECT_EQ(u.idleAtEnd, stored(c.row.idleAtEnd)) << c.name;
         EXPECT_EQ(u.samples, c.samples) << c.name;
         store.markSynced({id});
     }

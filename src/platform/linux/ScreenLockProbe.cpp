@@ -33,24 +33,18 @@ ScreenLockProbe::ScreenLockProbe(QDBusConnection sessionBus, QDBusConnection sys
 bool ScreenLockProbe::locked() {
     if (found_ >= 0) {
         const Answer a = ask(found_);
-        if (a == Answer::Locked || a == Answer::Unlocked) return a == Answer::Locked;
-        // The locker went away or stopped answering: look again, but not before it is due.
+        if (a != Answer::None) return a == Answer::Locked;
+        // It stopped answering: this tick's answer comes from a new search at once.
         found_ = -1;
-        searched_ = true;
-        lastSearch_ = std::chrono::steady_clock::now();
+    } else if (searched_ && std::chrono::steady_clock::now() - lastSearch_ < reprobeInterval_) {
         return false;
     }
-    const auto now = std::chrono::steady_clock::now();
-    if (searched_ && now - lastSearch_ < reprobeInterval_) return false;
     searched_ = true;
-    lastSearch_ = now;
-    bool silent[2] = {false, false};  // session, system
+    lastSearch_ = std::chrono::steady_clock::now();
+    // Each locker has its own timeout, so one that hangs costs its timeout and no more.
     for (int i = 0; i < kServiceCount; ++i) {
-        bool& busSilent = silent[kServices[i].systemBus ? 1 : 0];
-        if (busSilent) continue;
         const Answer a = ask(i);
-        busSilent = a == Answer::Silent;
-        if (a == Answer::None || a == Answer::Silent) continue;
+        if (a == Answer::None) continue;
         found_ = i;
         return a == Answer::Locked;
     }
@@ -72,10 +66,6 @@ ScreenLockProbe::Answer ScreenLockProbe::ask(int index) {
                                               QString::fromLatin1(s.interface), QStringLiteral("GetActive"));
     }
     const QDBusMessage reply = bus.call(call, QDBus::Block, kCallTimeoutMs);
-    if (reply.type() == QDBusMessage::ErrorMessage &&
-        (reply.errorName() == QStringLiteral("org.freedesktop.DBus.Error.NoReply") ||
-         reply.errorName() == QStringLiteral("org.freedesktop.DBus.Error.Timeout")))
-        return Answer::Silent;
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) return Answer::None;
     QVariant value = reply.arguments().constFirst();
     if (value.canConvert<QDBusVariant>()) value = value.value<QDBusVariant>().variant();

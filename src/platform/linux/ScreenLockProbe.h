@@ -7,10 +7,9 @@ namespace corvi {
 
 // Whether the screen is locked, asked of whichever locker runs: the screen-saver services on
 // the session bus (freedesktop, GNOME, MATE, Cinnamon), then logind's LockedHint on the
-// system bus. The first that answers is remembered, so a tick costs one call of at most
-// kCallTimeoutMs; while none answers, the search is repeated only every `reprobeInterval`.
-// A bus that lets one call time out is not asked again in the same search, so a hung bus
-// costs a tick at most one timeout per bus.
+// system bus, in that order, each call waiting at most kCallTimeoutMs. The first that answers
+// is remembered, so a tick costs one call; when it fails to answer, the same tick searches
+// again. While none answers, the search is repeated only every `reprobeInterval`.
 class ScreenLockProbe {
   public:
     static constexpr int kCallTimeoutMs = 250;
@@ -21,7 +20,7 @@ class ScreenLockProbe {
     bool locked();
 
   private:
-    enum class Answer { Locked, Unlocked, None, Silent };
+    enum class Answer { Locked, Unlocked, None };
     Answer ask(int service);
 
     QDBusConnection session_;

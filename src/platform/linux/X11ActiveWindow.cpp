@@ -5,6 +5,7 @@
 
 #include <QFile>
 #include <QStringDecoder>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -43,8 +44,9 @@ Property awaitProperty(X11Session& s, xcb_connection_t* c, xcb_get_property_cook
     return p;
 }
 
-// Strict UTF-8; a text cut by the length cap loses its incomplete last character first.
-QString strictUtf8(QByteArray bytes, bool truncated) {
+// Strict UTF-8, a leading U+FEFF kept as text; a text cut by the length cap loses its
+// incomplete last character first. None when the bytes are not UTF-8.
+std::optional<QString> utf8Of(QByteArray bytes, bool truncated) {
     if (truncated) {
         qsizetype i = bytes.size();
         int back = 0;
@@ -55,9 +57,15 @@ QString strictUtf8(QByteArray bytes, bool truncated) {
             if (need > back) bytes.truncate(i - 1);
         }
     }
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QStringDecoder decoder(QStringDecoder::Utf8,
+                           QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
     QString text = decoder(bytes);
-    return decoder.hasError() ? QString() : text;
+    if (decoder.hasError()) return std::nullopt;
+    return text;
+}
+
+QString strictUtf8(const QByteArray& bytes, bool truncated) {
+    return utf8Of(bytes, truncated).value_or(QString());
 }
 
 QString textOf(X11Session& s, const Property& p) {
@@ -66,6 +74,24 @@ QString textOf(X11Session& s, const Property& p) {
     if (p.isText(XCB_ATOM_STRING)) return QString::fromLatin1(p.bytes());
     if (p.isText(a.compoundText)) return s.decodeCompoundText(p.bytes());
     return {};
+}
+
+// The first usable title, as window managers show it. Tools write _NET_WM_NAME as STRING
+// too, and clients in a C locale put UTF-8 bytes in a STRING WM_NAME.
+QString titleOf(X11Session& s, const Property& netName, const Property& wmName) {
+    const X11Session::Atoms& a = s.atoms();
+    if (netName.isText(a.utf8String) || netName.isText(XCB_ATOM_STRING)) {
+        const std::optional<QString> title = utf8Of(netName.bytes(), netName.truncated());
+        if (title && !title->isEmpty()) return *title;
+    }
+    if (wmName.isText(XCB_ATOM_STRING)) {
+        const QByteArray bytes = wmName.bytes();
+        const std::optional<QString> utf8 = utf8Of(bytes, wmName.truncated());
+        const bool multiByte =
+            utf8 && std::any_of(utf8->begin(), utf8->end(), [](QChar c) { return c.unicode() >= 0x80; });
+        return multiByte ? *utf8 : QString::fromLatin1(bytes);
+    }
+    return textOf(s, wmName);
 }
 
 // "instance\0class\0": the class part.
@@ -179,12 +205,7 @@ std::optional<X11ActiveWindow::Facts> X11ActiveWindow::read(xcb_connection_t* c,
     if (xcb_connection_has_error(c)) return std::nullopt;
 
     Facts f;
-    // A _NET_WM_NAME that is there decides, even when it is not usable text.
-    if (pNetName.present())
-        f.title =
-            pNetName.isText(a.utf8String) ? strictUtf8(pNetName.bytes(), pNetName.truncated()) : QString();
-    else
-        f.title = textOf(s, pWmName);
+    f.title = titleOf(s, pNetName, pWmName);
     f.windowClass = windowClassOf(s, pClass);
     f.gtkApplicationId = textOf(s, pGtk).trimmed();
     f.kdeDesktopFile = desktopFileId(textOf(s, pKde));
