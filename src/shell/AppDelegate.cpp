@@ -196,14 +196,16 @@ void AppDelegate::applicationWillTerminate() {
     if (sampler_) sampler_->flushCurrent();
 }
 
+bool AppDelegate::logoutShouldTerminate(bool mayAsk) {
+    // Without a chance to ask, logout may not end the agent unless it was granted before.
+    if (!mayAsk) return quitAuthorized_;
+    return applicationShouldTerminate();
+}
+
 void AppDelegate::commitDataRequest(QSessionManager& manager) {
-    if (!manager.allowsInteraction()) {
-        // Without a chance to ask, logout may not end the agent unless it was granted before.
-        if (!quitAuthorized_) manager.cancel();
-        return;
-    }
-    const bool granted = applicationShouldTerminate();
-    manager.release();
+    const bool mayAsk = manager.allowsInteraction();
+    const bool granted = logoutShouldTerminate(mayAsk);
+    if (mayAsk) manager.release();
     if (!granted) manager.cancel();
 }
 

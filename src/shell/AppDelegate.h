@@ -62,6 +62,9 @@ class AppDelegate : public QObject {
     void requestTermination();
     // Passes the gate once per run; true means terminate now.
     bool applicationShouldTerminate();
+    // A logout's request to end the agent (`mayAsk`: the session manager lets the prompt show).
+    // True when the logout may end the agent.
+    bool logoutShouldTerminate(bool mayAsk);
     // Last work before exit: the open session is written once more.
     void applicationWillTerminate();
 
