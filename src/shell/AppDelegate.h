@@ -45,6 +45,8 @@ struct AgentServices {
 struct AgentTiming {
     double sampleInterval = 3.0;
     double syncInterval = 60.0;
+    // How long a logout's grant to quit lasts.
+    double logoutGrace = 30.0;
 };
 
 class AppDelegate : public QObject {

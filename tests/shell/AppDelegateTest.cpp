@@ -16,10 +16,10 @@
 #include "capture/Sampler.h"
 #include "model/RecordingLoginItem.h"
 #include "platform/Paths.h"
-#include "support/EventLoop.h"
 #include "shell/AppDelegate.h"
 #include "shell/StatusMenu.h"
 #include "store/Store.h"
+#include "support/EventLoop.h"
 #include "support/RecordingLog.h"
 #include "support/TestFiles.h"
 
@@ -65,7 +65,7 @@ class AppDelegateTest : public ::testing::Test {
         s.adminAuth = std::unique_ptr<AdminAuth>(admin = new test::ScriptedAdminAuth);
         s.passcodePrompt = std::make_unique<test::ScriptedPrompt>();
         s.clock = std::unique_ptr<Clock>(clock = new test::StepClock);
-        return std::make_unique<AppDelegate>(std::move(s), AgentTiming{sampleInterval, 3600});
+        return std::make_unique<AppDelegate>(std::move(s), AgentTiming{sampleInterval, 3600, 0.3});
     }
 
     test::RecordingLog log;
@@ -211,6 +211,21 @@ TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
     tick(*delegate);
     EXPECT_TRUE(delegate->sampler()->current().has_value());
     EXPECT_EQ(storedSessions().size(), 2u);
+}
+
+// A logout that another program cancels must not leave every later quit granted.
+TEST_F(AppDelegateTest, ALogoutGrantLastsOnlyForThatLogout) {
+    auto delegate = makeDelegate();
+    delegate->applicationDidFinishLaunching();
+    admin->answers = {false, true, false};
+    EXPECT_FALSE(delegate->logoutShouldTerminate(false)) << "granted without asking";
+    EXPECT_FALSE(delegate->logoutShouldTerminate(true));
+    EXPECT_TRUE(delegate->logoutShouldTerminate(true));
+    EXPECT_TRUE(delegate->logoutShouldTerminate(false)) << "the logout's own SIGTERM asked again";
+    EXPECT_TRUE(waitFor([&] { return !delegate->quitAuthorized(); }, 2000))
+        << "the grant outlived the logout";
+    delegate->requestTermination();
+    EXPECT_EQ(admin->asked, QStringList(3, "tech.stonefold.corvimetry.quit"));
 }
 
 // Launched with no tray host, then with one.
