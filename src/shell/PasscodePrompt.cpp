@@ -19,6 +19,9 @@ bool askOnce(const QString& titulo, const QString& text, bool warning, QString& 
     dialog.setObjectName(QStringLiteral("passcodePrompt"));
     dialog.setWindowTitle(titulo);
     dialog.setModal(true);
+    // An alert: the title only in the title bar, and a size of its own that nothing changes.
+    dialog.setWindowFlags(Qt::Dialog | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
+                          Qt::WindowCloseButtonHint | Qt::MSWindowsFixedSizeDialogHint);
 
     auto* icon = new QLabel(&dialog);
     icon->setObjectName(QStringLiteral("icon"));
@@ -30,11 +33,6 @@ bool askOnce(const QString& titulo, const QString& text, bool warning, QString& 
             .pixmap(extent, extent));
     icon->setAlignment(Qt::AlignTop);
 
-    auto* heading = new QLabel(titulo, &dialog);
-    heading->setObjectName(QStringLiteral("title"));
-    QFont bold = heading->font();
-    bold.setBold(true);
-    heading->setFont(bold);
     auto* informative = new QLabel(text, &dialog);
     informative->setObjectName(QStringLiteral("informativeText"));
     informative->setWordWrap(true);
@@ -52,16 +50,18 @@ bool askOnce(const QString& titulo, const QString& text, bool warning, QString& 
     QObject::connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
 
     auto* texts = new QVBoxLayout;
-    texts->addWidget(heading);
     texts->addWidget(informative);
     texts->addWidget(field);
     auto* row = new QHBoxLayout;
     row->addWidget(icon);
     row->addLayout(texts, 1);
     auto* layout = new QVBoxLayout(&dialog);
+    layout->setSizeConstraint(QLayout::SetFixedSize);
     layout->addLayout(row);
     layout->addWidget(buttons);
 
+    // Made at its fixed size rather than at a default one the window manager then keeps.
+    dialog.adjustSize();
     field->setFocus();
     // The agent has no window of its own: bring the prompt in front of whatever is active.
     dialog.show();

@@ -33,9 +33,14 @@ QString iconOf(QDialog& dialog) {
 // What the person sees on one dialog, in one line; the default button is starred.
 QString seenOn(QDialog& dialog) {
     auto* field = dialog.findChild<QLineEdit*>("passcodeField");
-    QStringList seen{dialog.windowTitle(), dialog.findChild<QLabel*>("title")->text(),
-                     dialog.findChild<QLabel*>("informativeText")->text(), iconOf(dialog)};
-    seen << (dialog.focusWidget() == field ? "focused" : "unfocused")
+    QStringList seen{dialog.windowTitle(), dialog.findChild<QLabel*>("informativeText")->text(),
+                     iconOf(dialog)};
+    for (QLabel* label : dialog.findChildren<QLabel*>())
+        if (label->text() == dialog.windowTitle()) seen << "heading";
+    const bool fixed = dialog.minimumSize() == dialog.maximumSize() &&
+                       dialog.size() == dialog.minimumSize() &&
+                       !(dialog.windowFlags() & Qt::WindowMaximizeButtonHint);
+    seen << (fixed ? "fixed" : "resizable") << (dialog.focusWidget() == field ? "focused" : "unfocused")
          << (field->echoMode() == QLineEdit::Password ? "masked" : "plain")
          << QString("%1x%2").arg(field->width()).arg(field->height());
     for (QPushButton* b : dialog.findChildren<QPushButton*>())
@@ -80,8 +85,8 @@ TEST(PasscodePrompt, AttemptsAsAPersonMakesThem) {
         {{"x", "[Cancelar]"}, false}, {{"[close]"}, false},
         {{"x", "[close]"}, false},
     };
-    const QString first = "Title | Title | Reason | information | focused | masked | 240x24 | OK* | Cancelar";
-    const QString again = "Title | Title | Wrong | warning | focused | masked | 240x24 | OK* | Cancelar";
+    const QString first = "Title | Reason | information | fixed | focused | masked | 240x24 | OK* | Cancelar";
+    const QString again = "Title | Wrong | warning | fixed | focused | masked | 240x24 | OK* | Cancelar";
     for (const auto& c : cases) {
         SCOPED_TRACE(c.steps.join(", ").toStdString());
         QStringList seen;
