@@ -7,14 +7,21 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QStyle>
 #include <QVBoxLayout>
+#include <atomic>
+#include <thread>
 
 namespace corvi {
 namespace {
 
-// One attempt: true when the person pressed OK, with the typed text in `typed`.
-bool askOnce(const QString& titulo, const QString& text, bool warning, QString& typed) {
+enum Outcome { cancelled = QDialog::Rejected, matched = QDialog::Accepted, mismatched };
+
+// One attempt. The typed text is derived on a thread of its own while the dialog waits with
+// OK disabled: the event loop, and with it the sampler's timer, runs on, however many rounds
+// the record asks for.
+Outcome askOnce(const Passcode& passcode, const QString& titulo, const QString& text, bool warning) {
     QDialog dialog;
     dialog.setObjectName(QStringLiteral("passcodePrompt"));
     dialog.setWindowTitle(titulo);
@@ -46,8 +53,27 @@ bool askOnce(const QString& titulo, const QString& text, bool warning, QString& 
     QPushButton* ok = buttons->addButton(QStringLiteral("OK"), QDialogButtonBox::AcceptRole);
     buttons->addButton(QStringLiteral("Cancelar"), QDialogButtonBox::RejectRole);
     ok->setDefault(true);
-    QObject::connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
     QObject::connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+
+    // Joined before the dialog goes: Cancel makes the derivation stop between rounds, and a
+    // result it posted to the dialog meanwhile is dropped with it.
+    std::atomic<bool> abandoned{false};
+    std::thread worker;
+    const auto join = qScopeGuard([&] {
+        abandoned = true;
+        if (worker.joinable()) worker.join();
+    });
+    QObject::connect(buttons, &QDialogButtonBox::accepted, &dialog, [&] {
+        if (worker.joinable()) return;
+        ok->setEnabled(false);
+        field->setEnabled(false);
+        dialog.setCursor(Qt::BusyCursor);
+        worker = std::thread([&dialog, &abandoned, passcode, typed = field->text()] {
+            const Outcome outcome = passcode.confere(typed, &abandoned) ? matched : mismatched;
+            QMetaObject::invokeMethod(
+                &dialog, [&dialog, outcome] { dialog.done(outcome); }, Qt::QueuedConnection);
+        });
+    });
 
     auto* texts = new QVBoxLayout;
     texts->addWidget(informative);
@@ -67,9 +93,7 @@ bool askOnce(const QString& titulo, const QString& text, bool warning, QString& 
     dialog.show();
     dialog.raise();
     dialog.activateWindow();
-    if (dialog.exec() != QDialog::Accepted) return false;
-    typed = field->text();
-    return true;
+    return static_cast<Outcome>(dialog.exec());
 }
 
 }  // namespace
@@ -77,9 +101,8 @@ bool askOnce(const QString& titulo, const QString& text, bool warning, QString& 
 bool PasscodePrompt::pede(const QString& reason, const Passcode& passcode, const QString& titulo,
                           const QString& erro) {
     for (int attempt = 1; attempt <= attempts; ++attempt) {
-        QString typed;
-        if (!askOnce(titulo, attempt == 1 ? reason : erro, attempt > 1, typed)) return false;
-        if (passcode.confere(typed)) return true;
+        const Outcome outcome = askOnce(passcode, titulo, attempt == 1 ? reason : erro, attempt > 1);
+        if (outcome != mismatched) return outcome == matched;
     }
     return false;
 }
