@@ -82,7 +82,7 @@ class AppModel : public QObject {
     QString lang() const;
     IconState iconState() const;
 
-    // Never fails visibly; never writes the file.
+    // Never fails visibly (a file it cannot read is logged); never writes the file.
     void load();
     // True when the file was written; it is replaced atomically or left as it was. While a
     // file that load could not read is still there, nothing is written (see configUnread).
