@@ -64,7 +64,8 @@ QString tmpDataFolder(const QString& tmp) {
     const QString own = tmp + QStringLiteral("/CorviAgent-%1").arg(getuid());
     // Anyone can make these names first in a shared /tmp; the API key is not kept in a folder
     // that is someone else's, a link, or open to others. The first of a fixed series that is
-    // privately ours is taken, so a restart finds the same folder, its sessions and its key.
+    // privately ours is taken, so a restart finds the same folder, its sessions and its key
+    // ($XDG_RUNTIME_DIR would not do: it is removed at logout).
     for (int n = 0; n < 100; ++n) {
         const QString folder = n == 0 ? own : own + QStringLiteral("-%1").arg(n);
         const QByteArray path = QFile::encodeName(folder);
