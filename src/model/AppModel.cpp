@@ -129,8 +129,12 @@ AppModel::IconState AppModel::iconState() const {
 
 void AppModel::load() {
     const std::optional<QByteArray> bytes = configfile::read(configURL_);
-    if (!bytes) return;
-    const QJsonDocument doc = QJsonDocument::fromJson(*bytes);
+    // An empty file holds nothing to lose, like a missing one.
+    const bool empty = bytes ? bytes->isEmpty() : !QFileInfo::exists(configURL_);
+    const QJsonDocument doc = bytes ? QJsonDocument::fromJson(*bytes) : QJsonDocument();
+    configUnread_ = !empty && !doc.isObject();
+    if (configUnread_)
+        Log::line(QStringLiteral("CorviAgent: config.json ilegível, mantido sem alterações: ") + configURL_);
     if (!doc.isObject()) return;
     const QJsonObject o = doc.object();
 
@@ -145,7 +149,14 @@ void AppModel::load() {
     loading_ = false;
 }
 
-void AppModel::save() {
+bool AppModel::save() {
+    // The unread file may hold the only copy of the API key, so it is never replaced, not even
+    // by a fresh enrollment (which then reports failure); saving resumes once it is removed, or
+    // repaired and loaded at the next start.
+    if (configUnread_) {
+        if (QFileInfo::exists(configURL_)) return false;
+        configUnread_ = false;
+    }
     QJsonObject o{
         {QStringLiteral("server_url"), serverURL_},
         {QStringLiteral("api_key"), apiKey_},
@@ -158,7 +169,9 @@ void AppModel::save() {
                  QJsonObject{{QStringLiteral("salt"), passcode_->salt},
                              {QStringLiteral("hash"), passcode_->hash},
                              {QStringLiteral("iterations"), passcode_->iterations}});
-    configfile::replaceAtomically(configURL_, QJsonDocument(o).toJson(QJsonDocument::Indented));
+    const QByteArray text = QJsonDocument(o).toJson(QJsonDocument::Indented);
+    // What load would refuse is not written: it would be lost at the next start.
+    return text.size() <= configfile::maxBytes && configfile::replaceAtomically(configURL_, text);
 }
 
 void AppModel::applyLaunchAtLogin() {

@@ -82,10 +82,14 @@ class AppModel : public QObject {
     QString lang() const;
     IconState iconState() const;
 
-    // Never fails visibly; never writes the file.
+    // Never fails visibly (a file it cannot read is logged); never writes the file.
     void load();
-    // Failures are ignored; the file is replaced atomically or left as it was.
-    void save();
+    // True when the file was written; it is replaced atomically or left as it was. While a
+    // file that load could not read is still there, nothing is written (see configUnread).
+    bool save();
+    // The last load found a file it could not read (too large, not a regular file, not a JSON
+    // object); a save would destroy what it holds.
+    bool configUnread() const { return configUnread_; }
     // Makes the user's login item match launchAtLogin; errors go to the log.
     void applyLaunchAtLogin();
 
@@ -131,6 +135,7 @@ class AppModel : public QObject {
     QString configURL_;
 
     bool loading_ = false;
+    bool configUnread_ = false;
     LanguageSource languageSource_;
     LoginItem* loginItem_ = nullptr;
 };

@@ -30,8 +30,8 @@ std::optional<QByteArray> read(const QString& path) {
     std::optional<QByteArray> result;
     struct stat st {};
     if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= maxBytes) {
-        // Read up to one byte past the cap, in case the file grows while we read.
-        QByteArray buffer(maxBytes + 1, '\0');
+        // One byte past the size tells a file that grew while we read it: refused as torn.
+        QByteArray buffer(st.st_size + 1, '\0');
         qint64 total = 0;
         bool failed = false;
         while (total < buffer.size()) {
@@ -41,7 +41,7 @@ std::optional<QByteArray> read(const QString& path) {
             if (n <= 0) break;
             total += n;
         }
-        if (!failed && total <= maxBytes) {
+        if (!failed && total <= st.st_size) {
             buffer.truncate(total);
             result = std::move(buffer);
         }

@@ -9,8 +9,10 @@ namespace corvi {
 // Reading and replacing a small private file.
 namespace configfile {
 
-// Larger files are refused unread: a real configuration is a few hundred bytes.
-inline constexpr qint64 maxBytes = 1024 * 1024;
+// The one size rule for both directions: larger files are refused unread, and the model never
+// writes one. It fits what the agent can be handed: the API key and the passcode record each
+// come in a server answer of at most 1 MiB.
+inline constexpr qint64 maxBytes = 4 * 1024 * 1024;
 
 // The whole content of a regular file of at most maxBytes; none otherwise (missing, not a
 // regular file, too large, unreadable). Never blocks on a FIFO or a device.

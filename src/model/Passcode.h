@@ -2,6 +2,7 @@
 
 #include <QString>
 #include <QtGlobal>
+#include <atomic>
 
 namespace corvi {
 
@@ -13,8 +14,9 @@ struct Passcode {
     qint64 iterations = 0;
 
     // True when `typed` (its UTF-8 bytes exactly as given) derives the stored hash. Every
-    // malformed record answers false.
-    bool confere(const QString& typed) const;
+    // malformed record answers false. Any 32-bit round count is derived, however long that
+    // takes: callers derive off the main thread, and may set `cancelled` to stop early (false).
+    bool confere(const QString& typed, const std::atomic<bool>* cancelled = nullptr) const;
 
     bool operator==(const Passcode&) const = default;
 };

@@ -8,8 +8,9 @@ namespace corvi {
 // parents, mode 0700) on every call; without a home it can be made in, a folder in /tmp.
 QString dataFolder();
 
-// The fallback folder under `tmp` ("/tmp"): "CorviAgent-<uid>" when it is this user's own
-// private folder, else a fresh private one beside it.
+// The fallback folder under `tmp` ("/tmp"): the first of "CorviAgent-<uid>",
+// "CorviAgent-<uid>-1", "-2" … that is this user's own private folder (made when absent).
+// dataFolder logs the folder it falls back to.
 QString tmpDataFolder(const QString& tmp);
 
 }  // namespace corvi

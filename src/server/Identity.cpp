@@ -82,9 +82,16 @@ void enroll(QPointer<AppModel> model, const QString& base, const QString& token,
                                       done(false, enrollFailed(*model));
                                       return;
                                   }
+                                  const QString oldBase = model->serverURL(), oldKey = model->apiKey();
                                   model->setServerURL(base);
                                   model->setApiKey(key.toString());
-                                  model->save();
+                                  if (!model->save()) {
+                                      // A key kept only in memory is gone at the next start.
+                                      model->setServerURL(oldBase);
+                                      model->setApiKey(oldKey);
+                                      done(false, enrollFailed(*model));
+                                      return;
+                                  }
                                   model->refreshIdentity();
                                   done(true, std::nullopt);
                               });

@@ -275,14 +275,21 @@ void AppDelegate::applicationWillTerminate() {
     if (sampler_) sampler_->flushCurrent();
 }
 
+bool AppDelegate::logoutShouldTerminate(bool mayAsk) {
+    // Without a chance to ask, logout may not end the agent unless it was granted before.
+    if (!mayAsk || quitAuthorized_) return quitAuthorized_;
+    if (!applicationShouldTerminate()) return false;
+    // Qt signals no cancelled logout (XSMP's ShutdownCancelled has no signal), and a logout that
+    // goes on ends the agent through the session manager's Die, not through this gate: the
+    // grant need only cover the SIGTERM that follows the same logout, then it is forgotten.
+    QTimer::singleShot(qRound(timing_.logoutGrace * 1000), this, [this] { quitAuthorized_ = false; });
+    return true;
+}
+
 void AppDelegate::commitDataRequest(QSessionManager& manager) {
-    if (!manager.allowsInteraction()) {
-        // Without a chance to ask, logout may not end the agent unless it was granted before.
-        if (!quitAuthorized_) manager.cancel();
-        return;
-    }
-    const bool granted = applicationShouldTerminate();
-    manager.release();
+    const bool mayAsk = manager.allowsInteraction();
+    const bool granted = logoutShouldTerminate(mayAsk);
+    if (mayAsk) manager.release();
     if (!granted) manager.cancel();
 }
 

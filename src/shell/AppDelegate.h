@@ -53,6 +53,8 @@ struct AgentTiming {
     double sampleInterval = 3.0;
     double syncInterval = 60.0;
     double permissionReminder = 60.0;
+    // How long a logout's grant to quit lasts.
+    double logoutGrace = 30.0;
 };
 
 class AppDelegate : public QObject {
@@ -70,6 +72,9 @@ class AppDelegate : public QObject {
     void requestTermination();
     // Passes the gate once per run; true means terminate now.
     bool applicationShouldTerminate();
+    // A logout's request to end the agent (`mayAsk`: the session manager lets the prompt show).
+    // True when the logout may end the agent.
+    bool logoutShouldTerminate(bool mayAsk);
     // Last work before exit: the open session is written once more.
     void applicationWillTerminate();
 

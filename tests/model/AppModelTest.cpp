@@ -10,6 +10,7 @@
 #include <QMetaEnum>
 #include <QTemporaryDir>
 #include <csignal>
+#include <cstring>
 
 #include "model/AppModel.h"
 #include "model/RecordingLoginItem.h"
@@ -78,6 +79,8 @@ TEST_F(AppModelTest, LoadTakesWhatTheFileHoldsAndDefaultsTheRest) {
         {"invalid utf-8", "{\"server_url\": \"a\xff\xfe\"}", before},
         {"deeply nested arrays", "{\"x\": " + nested + "}", before},
         {"50 MB of json", huge, before},
+        {"2 MB of valid json", R"({"paused": true})" + QByteArray(2'000'000, ' '),
+         "||1|system|1|b2xk:b2xk:7"},
         {"empty object", "{}", defaults},
         {"only paused", R"({"paused": true})", "||1|system|1|b2xk:b2xk:7"},
         {"all keys",
@@ -116,6 +119,12 @@ TEST_F(AppModelTest, LoadTakesWhatTheFileHoldsAndDefaultsTheRest) {
         m.load();
         EXPECT_EQ(persisted(m), QString::fromUtf8(c.expected)) << c.row;
         EXPECT_EQ(readAll(path()), c.content.value_or(QByteArray())) << c.row << ": load wrote the file";
+        // A file that was there but not read may hold the only API key: no save replaces it.
+        const bool unread = c.content && !c.content->isEmpty() && std::strcmp(c.expected, before) == 0;
+        EXPECT_EQ(m.save(), !unread) << c.row;
+        if (unread) {
+            EXPECT_EQ(readAll(path()), *c.content) << c.row << ": an unread file was replaced";
+        }
     }
 }
 
@@ -124,6 +133,9 @@ TEST_F(AppModelTest, LoadRefusesWhatIsNotARegularFile) {
     AppModel m(path());
     m.load();  // must not block on the pipe
     EXPECT_EQ(m.language(), QStringLiteral("system"));
+    EXPECT_FALSE(m.save());
+    struct stat st {};
+    EXPECT_TRUE(::stat(QFile::encodeName(path()).constData(), &st) == 0 && S_ISFIFO(st.st_mode));
 }
 
 TEST_F(AppModelTest, SaveWritesEveryKeyPrettyPrintedAndPrivately) {
@@ -132,7 +144,7 @@ TEST_F(AppModelTest, SaveWritesEveryKeyPrettyPrintedAndPrivately) {
     m.setApiKey(QStringLiteral("k"));
     writeFile(path(), "{}");
     ::chmod(QFile::encodeName(path()).constData(), 0644);
-    m.save();
+    EXPECT_TRUE(m.save());
 
     EXPECT_EQ(readAll(path()),
               "{\n    \"api_key\": \"k\",\n    \"language\": \"system\",\n    \"launch_at_login\": true,\n"
@@ -142,9 +154,10 @@ TEST_F(AppModelTest, SaveWritesEveryKeyPrettyPrintedAndPrivately) {
     EXPECT_EQ(st.st_mode & 07777, 0600u);
     EXPECT_EQ(strays(dir.path()), QStringList());
 
-    const Passcode p{QStringLiteral("c2FsdA=="), QStringLiteral("aGFzaA=="), 4294967295LL};
+    // A record as large as the server may send (its answers reach 1 MiB) is read back.
+    const Passcode p{QStringLiteral("c2FsdA=="), QString(1024 * 1024, u'A'), 4294967295LL};
     m.setPasscode(p);
-    m.save();
+    EXPECT_TRUE(m.save());
     AppModel again(path());
     again.load();
     EXPECT_EQ(again.passcode(), p);
@@ -155,7 +168,7 @@ TEST_F(AppModelTest, SaveWritesEveryKeyPrettyPrintedAndPrivately) {
 TEST_F(AppModelTest, FailedSaveLeavesTheOldFileAndNoStrays) {
     AppModel m(path());
     m.setApiKey(QStringLiteral("old"));
-    m.save();
+    EXPECT_TRUE(m.save());
     const QByteArray old = readAll(path());
     ASSERT_FALSE(old.isEmpty());
 
@@ -167,11 +180,16 @@ TEST_F(AppModelTest, FailedSaveLeavesTheOldFileAndNoStrays) {
     struct rlimit small = saved;
     small.rlim_cur = 4096;
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    m.save();
+    EXPECT_FALSE(m.save());
     ::setrlimit(RLIMIT_FSIZE, &saved);
     std::signal(SIGXFSZ, previous);
     EXPECT_EQ(readAll(path()), old);
     EXPECT_EQ(strays(dir.path()), QStringList());
+
+    // More than load would read back is never written.
+    m.setApiKey(QString(4 * 1024 * 1024, u'k'));
+    EXPECT_FALSE(m.save());
+    EXPECT_EQ(readAll(path()), old);
 
     // A rename that fails: the target is a non-empty folder.
     const QString blocked = dir.filePath(QStringLiteral("blocked/config.json"));

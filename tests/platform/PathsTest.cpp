@@ -7,6 +7,8 @@
 #include <functional>
 
 #include "platform/Paths.h"
+#include "support/QtPrinters.h"
+#include "support/RecordingLog.h"
 #include "support/TestFiles.h"
 
 namespace {
@@ -57,7 +59,13 @@ TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpAndIsPrivate) {
     for (const Case& c : cases) {
         corvi::test::ScopedEnv dataHome("XDG_DATA_HOME", c.dataHome);
         corvi::test::ScopedEnv home("HOME", c.home);
+        corvi::test::RecordingLog log;
         EXPECT_EQ(corvi::dataFolder(), c.expected) << c.name;
+        EXPECT_EQ(corvi::dataFolder(), c.expected) << c.name;
+        // Once, naming the folder, when it is not the usual one.
+        const QStringList said = log.systemLines.filter("CorviAgent: pasta de dados em " + c.expected + " (");
+        EXPECT_EQ(log.systemLines.size(), c.expected == tmpFallback ? 1 : 0) << c.name;
+        EXPECT_EQ(said, log.systemLines) << c.name;
         EXPECT_TRUE(QFileInfo(c.expected).isDir()) << c.name;
         if (c.firstCreated.isEmpty()) continue;
         for (QString p = c.expected; p.startsWith(c.firstCreated); p = QFileInfo(p).path())
@@ -72,26 +80,31 @@ TEST(DataFolderTest, TmpFolderThatIsNotPrivatelyOursIsNotUsed) {
     struct Case {
         const char* name;
         std::function<bool()> prepare;  // false: this machine cannot arrange it
-        bool usesOwnName;
+        const char* suffix;             // after the own name, the same at every start
     };
     // A folder made here, then given the mode `mode` and the owner `uid`.
-    const auto made = [&](mode_t mode, uid_t uid) {
-        return QDir().mkdir(own) && ::chmod(QFile::encodeName(own).constData(), mode) == 0 &&
-               ::chown(QFile::encodeName(own).constData(), uid, getgid()) == 0;
+    const auto made = [&](mode_t mode, uid_t uid, const QString& name) {
+        return QDir().mkdir(name) && ::chmod(QFile::encodeName(name).constData(), mode) == 0 &&
+               ::chown(QFile::encodeName(name).constData(), uid, getgid()) == 0;
     };
     const Case cases[] = {
-        {"absent: made private", [] { return true; }, true},
-        {"already ours and private", [&] { return made(0700, getuid()); }, true},
-        {"open to others", [&] { return made(0777, getuid()); }, false},
-        {"a link to elsewhere", [&] { return QFile::link(tmp.path(), own); }, false},
-        {"someone else's", [&] { return made(0700, getuid() + 1); }, false},
+        {"absent: made private", [] { return true; }, ""},
+        {"already ours and private", [&] { return made(0700, getuid(), own); }, ""},
+        {"open to others", [&] { return made(0777, getuid(), own); }, "-1"},
+        {"a link to elsewhere", [&] { return QFile::link(tmp.path(), own); }, "-1"},
+        {"someone else's", [&] { return made(0700, getuid() + 1, own); }, "-1"},
+        {"the next one someone else's too",
+         [&] { return made(0700, getuid() + 1, own) && made(0700, getuid() + 1, own + "-1"); }, "-2"},
     };
     for (const Case& c : cases) {
-        QFile::remove(own);
-        QDir(own).removeRecursively();
+        for (const QString& name : {own, own + "-1", own + "-2"}) {
+            QFile::remove(name);
+            QDir(name).removeRecursively();
+        }
         if (!c.prepare()) continue;  // giving a folder away needs root
         const QString folder = corvi::tmpDataFolder(tmp.path());
-        EXPECT_EQ(folder == own, c.usesOwnName) << c.name;
+        EXPECT_EQ(folder, own + c.suffix) << c.name;
+        EXPECT_EQ(corvi::tmpDataFolder(tmp.path()), folder) << c.name;
         EXPECT_EQ(modeOf(folder), 0700) << c.name;
         struct stat st {};
         ASSERT_EQ(::lstat(QFile::encodeName(folder).constData(), &st), 0) << c.name;

@@ -9,6 +9,8 @@
 #include "platform/linux/PolkitAdminAuth.h"
 #include "support/BusStandIn.h"
 #include "support/DBusDaemon.h"
+#include "support/QtPrinters.h"
+#include "support/RecordingLog.h"
 
 namespace corvi {
 namespace {
@@ -81,34 +83,42 @@ TEST_F(PolkitAdminAuthTest, AsksForThisProcessWithInteractionAllowedAndNoDetails
     EXPECT_EQ(args[4].toString(), QString());
 }
 
-TEST_F(PolkitAdminAuthTest, YesOnlyWhenAuthorized) {
-    ASSERT_TRUE(authority.claim(QStringLiteral("org.freedesktop.PolicyKit1")));
+// Only a request nobody could answer is logged, with the reason; not the person's refusal.
+TEST_F(PolkitAdminAuthTest, YesOnlyWhenAuthorizedAndUnanswerableRequestsLogged) {
     struct Case {
         const char* row;
-        Mode mode;
+        Mode mode;  // silent before the name is claimed: no polkit on the bus
+        QString address;
         bool answer;
+        const char* logged;
     };
+    const QString why =
+        "CorviAgent: autorização de administrador indisponível (tech.stonefold.corvimetry.pause): ";
     const Case cases[] = {
-        {"authorized", grant, true},
-        {"not authorized", deny, false},
-        {"challenge (no authentication agent)", challenge, false},
-        {"error reply", fail, false},
-        {"no answer within the timeout", silent, false},
+        {"no polkit", silent, bus.address(), false,
+         "polkit respondeu org.freedesktop.DBus.Error.ServiceUnknown"},
+        {"no bus", grant, "unix:path=/nonexistent/bus", false, "barramento do sistema inacessível"},
+        {"authorized", grant, bus.address(), true, nullptr},
+        {"not authorized", deny, bus.address(), false, nullptr},
+        {"challenge (no authentication agent)", challenge, bus.address(), false,
+         "nenhum agente de autenticação do polkit"},
+        {"error reply", fail, bus.address(), false,
+         "polkit respondeu org.freedesktop.PolicyKit1.Error.Failed"},
+        {"no answer within the timeout", silent, bus.address(), false,
+         "polkit respondeu org.freedesktop.DBus.Error.NoReply"},
     };
     for (const Case& c : cases) {
+        if (c.mode == grant && c.answer) {
+            ASSERT_TRUE(authority.claim(QStringLiteral("org.freedesktop.PolicyKit1")));
+        }
         mode = c.mode;
-        PolkitAdminAuth auth(bus.address(), 300);
+        test::RecordingLog log;
+        PolkitAdminAuth auth(c.address, 300);
         EXPECT_EQ(auth.authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")), c.answer) << c.row;
+        EXPECT_EQ(log.systemLines, c.logged ? QStringList{why + QString::fromUtf8(c.logged)} : QStringList())
+            << c.row;
     }
     EXPECT_EQ(authority.received().size(), 5);
-}
-
-TEST_F(PolkitAdminAuthTest, NoWithoutPolkitOrWithoutABus) {
-    EXPECT_FALSE(
-        PolkitAdminAuth(bus.address(), 2000).authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")));
-    EXPECT_TRUE(authority.received().isEmpty());
-    EXPECT_FALSE(PolkitAdminAuth(QStringLiteral("unix:path=/nonexistent/bus"), 2000)
-                     .authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")));
 }
 
 }  // namespace

@@ -23,6 +23,7 @@
 #include "store/Store.h"
 #include "support/QtPrinters.h"
 #include "support/RecordingLog.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
@@ -170,6 +171,21 @@ TEST_F(ServerLinkTest, FailedSignInLeavesTheModelAsItWas) {
         EXPECT_TRUE(changes.isEmpty()) << c.name;
         EXPECT_EQ(server.received.size(), c.requests) << c.name;
     }
+}
+
+TEST_F(ServerLinkTest, EnrollmentThatCannotBeSavedFails) {
+    test::ReadOnly folder(dir.path());
+    if (!folder.holds()) GTEST_SKIP() << "this file system lets root write anyway";
+    server.script("/auth/login", Script::json(200, R"({"token":"T"})"));
+    server.script("/v1/enroll-self", Script::json(200, R"({"api_key":"K"})"));
+    QStringList messages;
+    model->loginAndEnroll(server.base(), "a@b", "pw", [&](bool ok, std::optional<QString> m) {
+        messages << (ok ? "ok" : m.value_or("-"));
+    });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !messages.isEmpty(); }));
+    EXPECT_EQ(messages, QStringList{"Failed to enroll this computer."});
+    EXPECT_EQ(model->serverURL() + " " + model->apiKey(), "http://old.example KEY-SECRET");
+    EXPECT_EQ(server.received.size(), 2) << "no identity is asked for an unsaved key";
 }
 
 TEST_F(ServerLinkTest, IdentityAnswersUpdateReachabilityLabelAndPasscode) {

@@ -17,7 +17,6 @@
 #include "capture/Sampler.h"
 #include "model/RecordingLoginItem.h"
 #include "platform/Paths.h"
-#include "support/EventLoop.h"
 #include "BuildConfig.h"
 #include "shell/AppDelegate.h"
 #include "shell/PermissionWindowController.h"
@@ -26,6 +25,7 @@
 #include "ui/ThemedWidgets.h"
 #include "shell/StatusMenu.h"
 #include "store/Store.h"
+#include "support/EventLoop.h"
 #include "support/RecordingLog.h"
 #include "support/TestFiles.h"
 
@@ -72,7 +72,7 @@ class AppDelegateTest : public ::testing::Test {
         s.passcodePrompt = std::make_unique<test::ScriptedPrompt>();
         s.clock = std::unique_ptr<Clock>(clock = new test::StepClock);
         s.openUrl = [this](const QUrl& url) { opened << url.toString(); };
-        return std::make_unique<AppDelegate>(std::move(s), AgentTiming{sampleInterval, 3600, reminder});
+        return std::make_unique<AppDelegate>(std::move(s), AgentTiming{sampleInterval, 3600, reminder, 0.3});
     }
 
     test::RecordingLog log;
@@ -251,6 +251,21 @@ TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSig
         QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
         EXPECT_EQ(opened, QStringList{QString(build::webAddress) + "/help/linux-permission"});
     }
+}
+
+// A logout that another program cancels must not leave every later quit granted.
+TEST_F(AppDelegateTest, ALogoutGrantLastsOnlyForThatLogout) {
+    auto delegate = makeDelegate();
+    delegate->applicationDidFinishLaunching();
+    admin->answers = {false, true, false};
+    EXPECT_FALSE(delegate->logoutShouldTerminate(false)) << "granted without asking";
+    EXPECT_FALSE(delegate->logoutShouldTerminate(true));
+    EXPECT_TRUE(delegate->logoutShouldTerminate(true));
+    EXPECT_TRUE(delegate->logoutShouldTerminate(false)) << "the logout's own SIGTERM asked again";
+    EXPECT_TRUE(waitFor([&] { return !delegate->quitAuthorized(); }, 2000))
+        << "the grant outlived the logout";
+    delegate->requestTermination();
+    EXPECT_EQ(admin->asked, QStringList(3, "tech.stonefold.corvimetry.quit"));
 }
 
 // Launched with no tray host, then with one.

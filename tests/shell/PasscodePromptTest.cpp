@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QDialog>
+#include <QElapsedTimer>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
@@ -33,9 +34,14 @@ QString iconOf(QDialog& dialog) {
 // What the person sees on one dialog, in one line; the default button is starred.
 QString seenOn(QDialog& dialog) {
     auto* field = dialog.findChild<QLineEdit*>("passcodeField");
-    QStringList seen{dialog.windowTitle(), dialog.findChild<QLabel*>("title")->text(),
-                     dialog.findChild<QLabel*>("informativeText")->text(), iconOf(dialog)};
-    seen << (dialog.focusWidget() == field ? "focused" : "unfocused")
+    QStringList seen{dialog.windowTitle(), dialog.findChild<QLabel*>("informativeText")->text(),
+                     iconOf(dialog)};
+    for (QLabel* label : dialog.findChildren<QLabel*>())
+        if (label->text() == dialog.windowTitle()) seen << "heading";
+    const bool fixed = dialog.minimumSize() == dialog.maximumSize() &&
+                       dialog.size() == dialog.minimumSize() &&
+                       !(dialog.windowFlags() & Qt::WindowMaximizeButtonHint);
+    seen << (fixed ? "fixed" : "resizable") << (dialog.focusWidget() == field ? "focused" : "unfocused")
          << (field->echoMode() == QLineEdit::Password ? "masked" : "plain")
          << QString("%1x%2").arg(field->width()).arg(field->height());
     for (QPushButton* b : dialog.findChildren<QPushButton*>())
@@ -80,8 +86,8 @@ TEST(PasscodePrompt, AttemptsAsAPersonMakesThem) {
         {{"x", "[Cancelar]"}, false}, {{"[close]"}, false},
         {{"x", "[close]"}, false},
     };
-    const QString first = "Title | Title | Reason | information | focused | masked | 240x24 | OK* | Cancelar";
-    const QString again = "Title | Title | Wrong | warning | focused | masked | 240x24 | OK* | Cancelar";
+    const QString first = "Title | Reason | information | fixed | focused | masked | 240x24 | OK* | Cancelar";
+    const QString again = "Title | Wrong | warning | fixed | focused | masked | 240x24 | OK* | Cancelar";
     for (const auto& c : cases) {
         SCOPED_TRACE(c.steps.join(", ").toStdString());
         QStringList seen;
@@ -89,6 +95,54 @@ TEST(PasscodePrompt, AttemptsAsAPersonMakesThem) {
         QStringList expected(c.steps.size(), again);
         expected[0] = first;
         EXPECT_EQ(seen, expected);
+    }
+}
+
+// A record slow to derive is checked while the event loop runs on: timers keep firing, OK
+// waits, and Cancel stops the check at once, even one that would take hours.
+TEST(PasscodePrompt, ChecksWhileTheEventLoopRuns) {
+    const struct {
+        Passcode record;
+        bool cancel;
+    } cases[] = {
+        {{"c2FsdA==", "aniJMg0GIN5YZXQLxzYalg==", 5'000'000}, false},
+        {{"c2FsdA==", "aniJMg0GIN5YZXQLxzYalg==", 4'294'967'295}, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.cancel);
+        QElapsedTimer clock;
+        qint64 last = 0, longestGap = 0;
+        QTimer ticker;
+        QObject::connect(&ticker, &QTimer::timeout, [&] {
+            longestGap = std::max(longestGap, clock.elapsed() - last);
+            last = clock.elapsed();
+        });
+        bool sawChecking = false;
+        QTimer driver;
+        QObject::connect(&driver, &QTimer::timeout, [&] {
+            auto* dialog = qobject_cast<QDialog*>(QApplication::activeModalWidget());
+            if (!dialog) return;
+            if (!dialog->property("played").toBool()) {
+                dialog->setProperty("played", true);
+                QTest::keyClicks(dialog->findChild<QLineEdit*>("passcodeField"), "passwd");
+                QTest::keyClick(dialog->findChild<QLineEdit*>("passcodeField"), Qt::Key_Return);
+                return;
+            }
+            for (QPushButton* b : dialog->findChildren<QPushButton*>()) {
+                if (b->text() == u"OK" && !b->isEnabled()) sawChecking = true;
+                if (b->text() == u"Cancelar" && c.cancel) b->click();
+            }
+        });
+        clock.start();
+        ticker.start(10);
+        driver.start(50);
+        EXPECT_EQ(PasscodePrompt().pede("Reason", c.record, "Title", "Wrong"), !c.cancel);
+        longestGap = std::max(longestGap, clock.elapsed() - last);
+        EXPECT_LT(longestGap, 400) << "the event loop stopped while checking";
+        EXPECT_TRUE(sawChecking);
+        if (c.cancel) {
+            EXPECT_LT(clock.elapsed(), 5000) << "Cancel waited for the check";
+        }
     }
 }
 

@@ -1,5 +1,11 @@
 #pragma once
 
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -32,6 +38,39 @@ class ScopedEnv {
   private:
     const char* name_;
     QByteArray saved_;
+};
+
+// Makes a file or folder refuse writes, even to root: root ignores mode bits, so it also
+// gets the immutable attribute (where the file system keeps it). Undone on destruction.
+class ReadOnly {
+  public:
+    explicit ReadOnly(const QString& path) : path_(QFile::encodeName(path)) {
+        struct stat st {};
+        ::stat(path_.constData(), &st);
+        mode_ = st.st_mode & 07777;
+        ::chmod(path_.constData(), S_ISDIR(st.st_mode) ? 0555 : 0444);
+        immutable_ = setImmutable(true);
+    }
+    ~ReadOnly() {
+        if (immutable_) setImmutable(false);
+        ::chmod(path_.constData(), mode_);
+    }
+    // Whether writing really is refused here (the kernel's own answer, immutability included).
+    bool holds() const { return ::access(path_.constData(), W_OK) != 0; }
+
+  private:
+    bool setImmutable(bool on) {
+        const int fd = ::open(path_.constData(), O_RDONLY | O_NONBLOCK);
+        int flags = 0;
+        bool ok = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+        ok = ok && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+        if (fd >= 0) ::close(fd);
+        return ok;
+    }
+    QByteArray path_;
+    mode_t mode_ = 0;
+    bool immutable_ = false;
 };
 
 }  // namespace corvi::test

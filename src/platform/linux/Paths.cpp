@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <mutex>
 
 #include <QDir>
 #include <QFileInfo>
 
+#include "platform/Log.h"
 #include "platform/Paths.h"
 
 namespace corvi {
@@ -45,21 +47,36 @@ QString dataFolder() {
     }
     // No home, or one the folder cannot be made in (a service account's /nonexistent): every
     // session and setting would be lost at its first write.
-    return tmpDataFolder(QStringLiteral("/tmp"));
+    const QString folder = tmpDataFolder(QStringLiteral("/tmp"));
+    const QString line = QStringLiteral("CorviAgent: pasta de dados em ") + folder + QStringLiteral(" (") +
+                         (base.isEmpty() ? QStringLiteral("sem pasta pessoal")
+                                         : base + QStringLiteral("/CorviAgent não pôde ser criada")) +
+                         u')';
+    // Asked for at every use: said once per process.
+    static std::mutex mutex;
+    static QString said;
+    const std::lock_guard lock(mutex);
+    if (said != line) Log::line(said = line);
+    return folder;
 }
 
 QString tmpDataFolder(const QString& tmp) {
-    const QString folder = tmp + QStringLiteral("/CorviAgent-%1").arg(getuid());
-    const QByteArray path = QFile::encodeName(folder);
-    ::mkdir(path.constData(), 0700);
-    // Anyone can make this name first in a shared /tmp; the API key is not kept in a folder
-    // that is someone else's, a link, or open to others. Then a fresh private one is used.
-    struct stat st {};
-    if (::lstat(path.constData(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == getuid() &&
-        (st.st_mode & 077) == 0)
-        return folder;
-    QByteArray unique = path + "-XXXXXX";
-    return ::mkdtemp(unique.data()) ? QFile::decodeName(unique) : folder;
+    const QString own = tmp + QStringLiteral("/CorviAgent-%1").arg(getuid());
+    // Anyone can make these names first in a shared /tmp; the API key is not kept in a folder
+    // that is someone else's, a link, or open to others. The first of a fixed series that is
+    // privately ours is taken, so a restart finds the same folder, its sessions and its key
+    // ($XDG_RUNTIME_DIR would not do: it is removed at logout).
+    for (int n = 0; n < 100; ++n) {
+        const QString folder = n == 0 ? own : own + QStringLiteral("-%1").arg(n);
+        const QByteArray path = QFile::encodeName(folder);
+        ::mkdir(path.constData(), 0700);
+        struct stat st {};
+        if (::lstat(path.constData(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == getuid() &&
+            (st.st_mode & 077) == 0)
+            return folder;
+    }
+    QByteArray unique = QFile::encodeName(own) + "-XXXXXX";
+    return ::mkdtemp(unique.data()) ? QFile::decodeName(unique) : own;
 }
 
 }  // namespace corvi

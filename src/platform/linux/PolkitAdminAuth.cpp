@@ -9,6 +9,7 @@
 #include <QVariantMap>
 #include <atomic>
 
+#include "platform/Log.h"
 #include "platform/linux/ProcStat.h"
 
 namespace corvi {
@@ -56,16 +57,30 @@ bool PolkitAdminAuth::authenticate(const QString& actionId) {
     call << QVariant::fromValue(subject) << actionId << QVariant::fromValue(details)
          << QVariant::fromValue(allowUserInteraction) << QString();
 
-    bool authorized = false;
-    if (bus.isConnected()) {
+    bool authorized = false, challenge = false;
+    QString unavailable;  // why the person could not be asked
+    if (!bus.isConnected()) {
+        unavailable = QStringLiteral("barramento do sistema inacessível");
+    } else {
         const QDBusMessage reply = bus.call(call, QDBus::Block, timeoutMs_);
-        if (reply.type() == QDBusMessage::ReplyMessage && reply.signature() == u"(bba{ss})") {
+        if (reply.type() == QDBusMessage::ErrorMessage) {
+            unavailable = QStringLiteral("polkit respondeu ") + reply.errorName();
+        } else if (reply.signature() != u"(bba{ss})") {
+            unavailable = QStringLiteral("resposta inesperada do polkit (") + reply.signature() + u')';
+        } else {
             const QDBusArgument result = reply.arguments().value(0).value<QDBusArgument>();
             result.beginStructure();
-            result >> authorized;
+            result >> authorized >> challenge;
+            // A challenge despite interaction allowed: no authentication agent runs here.
+            if (!authorized && challenge)
+                unavailable = QStringLiteral("nenhum agente de autenticação do polkit");
         }
     }
     if (!privateName.isEmpty()) QDBusConnection::disconnectFromBus(privateName);
+    // A refusal is the person's own answer; a request nobody could answer would look like one.
+    if (!unavailable.isEmpty())
+        Log::line(QStringLiteral("CorviAgent: autorização de administrador indisponível (") + actionId +
+                  QStringLiteral("): ") + unavailable);
     return authorized;
 }
 

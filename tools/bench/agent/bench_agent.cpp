@@ -4,7 +4,9 @@
 //    stepped, 3 s per tick, with a 1 ms timer);
 //  - CPU time of the real program over a stretch of real 3-second ticking, signed in to the
 //    reference server on loopback (so the minute's upload is counted too);
-//  - start-up time of the real program to its first stored sample.
+//  - start-up time of the real program to its first stored sample;
+//  - the real program's resident, proportional and private memory beside those of a bare Qt
+//    tray program (bare_tray) running on the same desktop at the same time.
 // Usage: bench_agent [--cpu-seconds N]   (default 600)
 #include <signal.h>
 #include <sqlite3.h>
@@ -54,6 +56,42 @@ double residentMB(qint64 pid) {
     for (const QByteArray& line : f.readAll().split('\n'))
         if (line.startsWith("VmRSS:")) return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
     return -1;
+}
+
+// A process's memory from /proc/<pid>/smaps_rollup, in MB: resident, proportional (shared
+// pages split among their users) and private (its own pages, clean or dirty).
+struct Memory {
+    double rss = -1, pss = -1, privateMB = -1;
+};
+
+Memory memoryOf(qint64 pid) {
+    QFile f(QStringLiteral("/proc/%1/smaps_rollup").arg(pid));
+    if (!f.open(QIODevice::ReadOnly)) return {};
+    Memory m{0, 0, 0};
+    for (const QByteArray& line : f.readAll().split('\n')) {
+        const QList<QByteArray> parts = line.simplified().split(' ');
+        if (parts.size() < 2) continue;
+        const double mb = parts[1].toDouble() / 1024.0;
+        if (parts[0] == "Rss:") m.rss = mb;
+        if (parts[0] == "Pss:") m.pss = mb;
+        if (parts[0] == "Private_Clean:" || parts[0] == "Private_Dirty:") m.privateMB += mb;
+    }
+    return m;
+}
+
+// The agent's memory against the bare tray's, both measured now.
+void memoryBesideBareTray(qint64 agent, qint64 bare) {
+    const Memory a = memoryOf(agent), b = memoryOf(bare);
+    bench::report("bare tray, resident", b.rss, "MB");
+    bench::report("bare tray, proportional (PSS)", b.pss, "MB");
+    bench::report("bare tray, private", b.privateMB, "MB");
+    bench::report("agent program, resident", a.rss, "MB");
+    bench::report("agent program, proportional (PSS)", a.pss, "MB");
+    bench::report("agent program, private", a.privateMB, "MB");
+    bench::report("agent / bare tray, resident", a.rss / b.rss, "x", "<= 1.2 x");
+    bench::report("agent / bare tray, proportional (PSS)", a.pss / b.pss, "x");
+    bench::report("agent / bare tray, private", a.privateMB / b.privateMB, "x");
+    bench::report("agent private above the bare tray", a.privateMB - b.privateMB, "MB", "<= 2 MB");
 }
 
 // User + system CPU seconds of a process so far.
@@ -177,6 +215,8 @@ void startUp(const QString& home) {
 }
 
 void realTicking(const QString& home, int seconds) {
+    QProcess bare;
+    bare.start(QStringLiteral(CORVI_BARE_TRAY_BIN), {});
     QProcess agent;
     agent.setProcessEnvironment(agentEnvironment(home));
     agent.start(QStringLiteral(CORVI_AGENT_BIN), {});
@@ -193,6 +233,10 @@ void realTicking(const QString& home, int seconds) {
     }
     test::settle(2000);
     bench::report("agent program, resident after start", residentMB(agent.processId()), "MB", "< 30 MB");
+    if (bare.state() == QProcess::Running)
+        memoryBesideBareTray(agent.processId(), bare.processId());
+    else
+        std::fprintf(stderr, "the bare tray program did not start\n");
     const double before = cpuSeconds(agent.processId());
     QElapsedTimer t;
     t.start();
@@ -206,6 +250,7 @@ void realTicking(const QString& home, int seconds) {
     bench::report("agent program, CPU seconds per hour", share / 100.0 * 3600, "s", "< 1.8 s");
     bench::report("agent program, share of one core", share, "%", "< 0.05 %");
     stop(agent);
+    stop(bare);
 }
 
 }  // namespace
@@ -233,6 +278,11 @@ int main(int argc, char** argv) {
     QTemporaryDir dir;
 
     // A window in front for every sample.
+    // A tray host, so the agent and the bare tray both embed their icons as on a desktop.
+    QProcess tray;
+    tray.start("trayer", {"--edge", "top", "--SetDockType", "true", "--widthtype", "request"});
+    test::settle(500);
+
     test::XClient client(x.display());
     const auto w = client.createWindow();
     client.setText(w, "_NET_WM_NAME", "UTF8_STRING", "poster.psd");
@@ -257,5 +307,6 @@ int main(int argc, char** argv) {
     startUp(home);
     realTicking(home, cpuSecondsArg);
     stop(server);
+    stop(tray);
     return 0;
 }
