@@ -14,24 +14,35 @@ namespace corvi {
 
 SettingsPopoverController::SettingsPopoverController(AppModel& model, SettingsHooks hooks,
                                                      std::function<bool()> authorize, QObject* parent)
-    : QObject(parent), model_(model), authorize_(std::move(authorize)) {
+    : QObject(parent), model_(model), hooks_(std::move(hooks)), authorize_(std::move(authorize)) {}
+
+QWidget* SettingsPopoverController::popover() {
+    if (popover_) return popover_;
+    // Made at the first opening: an agent whose settings are never opened keeps none of it.
     popover_ = new QWidget(nullptr, Qt::Popup | Qt::FramelessWindowHint);
     popover_->setWindowTitle(QStringLiteral("Corvimetry"));
     auto* layout = new QVBoxLayout(popover_);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSizeConstraint(QLayout::SetFixedSize);
-    view_ = new SettingsView(model_, std::move(hooks), popover_);
+    view_ = new SettingsView(model_, hooks_, popover_);
     layout->addWidget(view_);
     popover_->installEventFilter(this);
+    return popover_;
+}
+
+SettingsView* SettingsPopoverController::view() {
+    popover();
+    return view_;
 }
 
 SettingsPopoverController::~SettingsPopoverController() {
+    if (!popover_) return;
     popover_->removeEventFilter(this);
     delete popover_;
 }
 
 bool SettingsPopoverController::isShown() const {
-    return popover_->isVisible();
+    return popover_ && popover_->isVisible();
 }
 
 bool SettingsPopoverController::mayOpen() {
@@ -47,6 +58,7 @@ void SettingsPopoverController::toggle(const QSystemTrayIcon* button) {
         popover_->close();
         return;
     }
+    popover();
     if (!mayOpen()) return;
     const QRect icon = button->geometry();
     showAt(icon.isValid() && !icon.isEmpty() ? icon : QRect(QCursor::pos(), QSize(1, 1)), true);
@@ -65,6 +77,7 @@ void SettingsPopoverController::present(const QSystemTrayIcon* button) {
 }
 
 void SettingsPopoverController::showAt(const QRect& anchor, bool popup) {
+    popover();
     popover_->setWindowFlags(popup ? Qt::Popup | Qt::FramelessWindowHint
                                    : Qt::Window | Qt::WindowTitleHint | Qt::WindowCloseButtonHint |
                                          Qt::CustomizeWindowHint);

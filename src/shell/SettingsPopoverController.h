@@ -33,8 +33,9 @@ class SettingsPopoverController : public QObject {
     void present(const QSystemTrayIcon* button);
 
     bool isShown() const;
-    QWidget* popover() const { return popover_; }
-    SettingsView* view() const { return view_; }
+    // Made at the first use.
+    QWidget* popover();
+    SettingsView* view();
 
     // The popover has closed, however that happened.
     void popoverDidClose();
@@ -47,9 +48,10 @@ class SettingsPopoverController : public QObject {
     void showAt(const QRect& anchor, bool popup);
 
     AppModel& model_;
+    SettingsHooks hooks_;
     std::function<bool()> authorize_;
-    QWidget* popover_;
-    SettingsView* view_;
+    QWidget* popover_ = nullptr;
+    SettingsView* view_ = nullptr;
 };
 
 }  // namespace corvi
