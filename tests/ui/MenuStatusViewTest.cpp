@@ -13,14 +13,6 @@ namespace {
 
 using namespace corvi::test;
 
-QImage drawn(MenuStatusView& view) {
-    view.resize(view.sizeHint());
-    QImage img(view.size(), QImage::Format_ARGB32_Premultiplied);
-    img.fill(Qt::transparent);
-    view.render(&img, QPoint(), QRegion(), QWidget::DrawChildren);
-    return img;
-}
-
 // Columns with any ink between x0 and x1 (exclusive), across the whole height.
 std::vector<int> inkedColumns(const QImage& img, int x0, int x1) {
     std::vector<int> out;
@@ -46,7 +38,8 @@ TEST(MenuStatusView, DrawsDotTextAndReachabilityWithoutOverlap) {
         SCOPED_TRACE(c.name);
         MenuStatusView view;
         view.setState(c.dot, QString::fromUtf8(c.text), c.online);
-        const QImage img = drawn(view);
+        view.resize(view.sizeHint());
+        const QImage img = rendered(view);
         ASSERT_EQ(img.height(), 28);
         EXPECT_GE(img.width(), 180);
 
