@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QApplication>
-#include <QPalette>
 #include <QPixmap>
 #include <cmath>
 
