@@ -46,7 +46,6 @@ struct RecordingWriter final : SessionWriter {
 class SamplerTest : public ::testing::Test {
   protected:
     SamplerTest() {
-        clock.time = t0;
         auto source = std::make_unique<test::FakeCpu>();
         cpu = source.get();
         sampler = std::make_unique<Sampler>(store, 3.0, desktop, desktop, clock, std::move(source));
@@ -54,15 +53,11 @@ class SamplerTest : public ::testing::Test {
     }
 
     static Sample sample(double at, const char* title = "Untitled-1", double cpu = 0, double idle = 0) {
-        return {at,
-                "com.adobe.Photoshop",
-                "Adobe Photoshop",
-                QString::fromUtf8(title),
-                AppCategory::work,
-                idle,
-                cpu,
-                false,
-                ActivityState::working};
+        Sample s{
+            at, "com.adobe.Photoshop", "Adobe Photoshop", QString::fromUtf8(title), AppCategory::work, idle,
+            cpu};
+        s.state = ActivityState::working;
+        return s;
     }
     void tickLater() {
         clock.time += 3;
