@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <QEventLoop>
-#include <QTimer>
 #include <limits>
 #include <vector>
 
 #include "capture/Sampler.h"
+#include "support/EventLoop.h"
 #include "support/FakeDesktop.h"
 #include "support/QtPrinters.h"
 
@@ -44,16 +43,9 @@ struct RecordingWriter final : SessionWriter {
     int failingInserts = 0;
 };
 
-void runEventLoop(int ms) {
-    QEventLoop loop;
-    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
-    loop.exec();
-}
-
 class SamplerTest : public ::testing::Test {
   protected:
     SamplerTest() {
-        clock.time = t0;
         auto source = std::make_unique<test::FakeCpu>();
         cpu = source.get();
         sampler = std::make_unique<Sampler>(store, 3.0, desktop, desktop, clock, std::move(source));
@@ -61,15 +53,11 @@ class SamplerTest : public ::testing::Test {
     }
 
     static Sample sample(double at, const char* title = "Untitled-1", double cpu = 0, double idle = 0) {
-        return {at,
-                "com.adobe.Photoshop",
-                "Adobe Photoshop",
-                QString::fromUtf8(title),
-                AppCategory::work,
-                idle,
-                cpu,
-                false,
-                ActivityState::working};
+        Sample s{
+            at, "com.adobe.Photoshop", "Adobe Photoshop", QString::fromUtf8(title), AppCategory::work, idle,
+            cpu};
+        s.state = ActivityState::working;
+        return s;
     }
     void tickLater() {
         clock.time += 3;
@@ -100,8 +88,6 @@ TEST_F(SamplerTest, FirstTickOpensASessionOfOneSampleAndTheNextMeasuresCpu) {
     EXPECT_EQ(s.cpuPercent, 0);
     EXPECT_EQ(store.shape(), "I1");
     EXPECT_EQ(sampler->currentID(), 1);
-    EXPECT_EQ(sampler->current()->key(), s.key());
-    EXPECT_EQ(sampler->current()->samples, 1);
     EXPECT_EQ(sampler->current()->endTS, t0);
 
     cpu->totals[42] += 3 * sec / 2;
@@ -286,12 +272,12 @@ TEST_F(SamplerTest, TimerTicksAtOnceThenRepeatedlyAndStopsWithTheSampler) {
     EXPECT_EQ(ticks, 1);
     fast->start();  // a second start adds no timer and no tick
     EXPECT_EQ(ticks, 1);
-    runEventLoop(300);
+    test::settle(300);
     EXPECT_GE(ticks, 4);
 
     fast.reset();
     const int reads = desktop.reads;
-    runEventLoop(100);
+    test::settle(100);
     EXPECT_EQ(desktop.reads, reads);
 }
 

@@ -1,36 +1,31 @@
 #include <gtest/gtest.h>
 
-#include "capture/Sample.h"
-#include "capture/SessionRow.h"
 #include "capture/Vocabulary.h"
 
 namespace corvi {
 namespace {
 
-TEST(Vocabulary, RawStringsRoundTripAndNothingElseParses) {
-    for (auto c : {AppCategory::work, AppCategory::communication, AppCategory::browser, AppCategory::other})
-        EXPECT_EQ(appCategoryFromRaw(rawValue(c)), c) << rawValue(c).toStdString();
-    for (auto s : {ActivityState::working, ActivityState::rendering, ActivityState::communication,
-                   ActivityState::offtask, ActivityState::idle, ActivityState::locked})
-        EXPECT_EQ(activityStateFromRaw(rawValue(s)), s) << rawValue(s).toStdString();
-    EXPECT_EQ(rawValue(ActivityState::offtask), u"offtask");
+// The raw strings are what the database and the server hold: each one exact, nothing else parses.
+TEST(Vocabulary, RawStringsAreExactAndNothingElseParses) {
+    using C = AppCategory;
+    using S = ActivityState;
+    const std::pair<C, const char*> categories[] = {
+        {C::work, "work"}, {C::communication, "communication"}, {C::browser, "browser"}, {C::other, "other"}};
+    const std::pair<S, const char*> states[] = {
+        {S::working, "working"}, {S::rendering, "rendering"}, {S::communication, "communication"},
+        {S::offtask, "offtask"}, {S::idle, "idle"},           {S::locked, "locked"}};
+    for (const auto& [c, raw] : categories) {
+        EXPECT_EQ(rawValue(c), QString::fromUtf8(raw));
+        EXPECT_EQ(appCategoryFromRaw(QString::fromUtf8(raw)), c) << raw;
+    }
+    for (const auto& [s, raw] : states) {
+        EXPECT_EQ(rawValue(s), QString::fromUtf8(raw));
+        EXPECT_EQ(activityStateFromRaw(QString::fromUtf8(raw)), s) << raw;
+    }
     for (const char* bad : {"Working", "off-task", "", "idle ", "WORK"}) {
         EXPECT_FALSE(activityStateFromRaw(QString::fromUtf8(bad))) << bad;
         EXPECT_FALSE(appCategoryFromRaw(QString::fromUtf8(bad))) << bad;
     }
-}
-
-TEST(Vocabulary, SampleAndSessionShareOneKey) {
-    Sample s;
-    s.bundleID = "com.adobe.photoshop";
-    s.state = ActivityState::working;
-    s.windowTitle = "Untitled-1";
-    SessionRow r;
-    r.bundleID = s.bundleID;
-    r.state = s.state;
-    r.windowTitle = s.windowTitle;
-    EXPECT_EQ(s.key(), "com.adobe.photoshop|working|Untitled-1");
-    EXPECT_EQ(r.key(), s.key());
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QApplication>
-#include <QPalette>
 #include <QPixmap>
 #include <cmath>
 
@@ -13,17 +11,6 @@ namespace corvi {
 namespace {
 
 using namespace corvi::test;
-
-struct Dot {
-    const char* name;
-    QColor color;
-};
-
-const Dot dots[] = {
-    {"tracking", QColor(47, 158, 47)},
-    {"noPermission", Theme::yellowNS()},
-    {"paused", Theme::inactiveNS()},
-};
 
 // Logical points on the trace: each segment's quarter, middle and three-quarter points.
 std::vector<QPointF> pointsOnTrace() {
@@ -38,15 +25,17 @@ TEST(CorviIcon, DrawsTraceInTextColourAndDotInPlaceForEveryStateAppearanceAndRat
     for (bool dark : {false, true}) {
         usePalette(dark);
         ASSERT_EQ(Theme::isDark(), dark);
-        for (const Dot& dot : dots) {
+        for (const auto& [name, dot] : {std::pair{"tracking", QColor(47, 158, 47)},
+                                        {"noPermission", Theme::yellowNS()},
+                                        {"paused", Theme::inactiveNS()}}) {
             for (int r : {1, 2}) {
-                SCOPED_TRACE(std::string(dot.name) + (dark ? " dark " : " light ") + std::to_string(r) + "x");
-                const QImage img = CorviIcon::statusImage(dot.color, r);
+                SCOPED_TRACE(std::string(name) + (dark ? " dark " : " light ") + std::to_string(r) + "x");
+                const QImage img = CorviIcon::statusImage(dot, r);
                 ASSERT_EQ(img.size(), QSize(35 * r, 18 * r));
                 EXPECT_EQ(img.devicePixelRatio(), r);
 
                 // The dot: exact colour at its centre, an 8-wide disc in the square at (27, 5).
-                EXPECT_TRUE(sameRgb(straightColor(img, 31 * r, 9 * r), dot.color))
+                EXPECT_TRUE(sameRgb(straightColor(img, 31 * r, 9 * r), dot))
                     << describe(straightColor(img, 31 * r, 9 * r)).toStdString();
                 EXPECT_EQ(qAlpha(img.pixel(31 * r, 9 * r)), 255);
                 const QRect right(17 * r, 0, 18 * r, 18 * r);  // past the trace's end cap

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QApplication>
-#include <QImage>
-#include <QPalette>
 #include <vector>
 
 #include "ImageProbe.h"
@@ -46,13 +43,6 @@ TEST(CorviShape, StretchesTheOpenTraceOverAnyRectangle) {
     }
 }
 
-QImage drawn(CorviLogo& logo) {
-    QImage img(logo.size(), QImage::Format_ARGB32_Premultiplied);
-    img.fill(Qt::transparent);
-    logo.render(&img, QPoint(), QRegion(), QWidget::DrawChildren);
-    return img;
-}
-
 TEST(CorviLogo, StrokesATenthOfItsSizeInItsColour) {
     struct Case {
         const char* name;
@@ -68,7 +58,7 @@ TEST(CorviLogo, StrokesATenthOfItsSizeInItsColour) {
         SCOPED_TRACE(c.name);
         CorviLogo logo(c.size, c.color);
         ASSERT_EQ(logo.size(), QSize(c.size, c.size));
-        const QImage img = drawn(logo);
+        const QImage img = rendered(logo);
         // Across the first flat run (grid x 3 to 7), centred on the baseline (grid y 12).
         const int col = int(5.0 / 24 * c.size);
         EXPECT_NEAR(columnCoverage(img, col), c.width, 0.1);
@@ -85,7 +75,7 @@ TEST(CorviLogo, ThemeColourFollowsTheAppearance) {
     for (const auto& [dark, accent] :
          {std::pair{true, QColor(0x39, 0x87, 0xE5)}, {false, QColor(0x2F, 0x70, 0xD1)}}) {
         usePalette(dark);
-        EXPECT_TRUE(sameRgb(mostOpaque(drawn(logo), logo.rect()), accent, 2)) << dark;
+        EXPECT_TRUE(sameRgb(mostOpaque(rendered(logo), logo.rect()), accent, 2)) << dark;
     }
 }
 

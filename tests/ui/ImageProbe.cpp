@@ -2,9 +2,17 @@
 
 #include <QApplication>
 #include <QPalette>
+#include <QWidget>
 #include <cmath>
 
 namespace corvi::test {
+
+QImage rendered(QWidget& w) {
+    QImage img(w.size(), QImage::Format_ARGB32_Premultiplied);
+    img.fill(Qt::transparent);
+    w.render(&img, QPoint(), QRegion(), QWidget::DrawChildren);
+    return img;
+}
 
 double columnCoverage(const QImage& img, int x) {
     return areaCoverage(img, QRect(x, 0, 1, img.height()));

@@ -5,7 +5,12 @@
 #include <QRect>
 #include <QString>
 
+class QWidget;
+
 namespace corvi::test {
+
+// The widget painted alone on a transparent image of its size.
+QImage rendered(QWidget& w);
 
 // Measurements on a drawn image, in device pixels.
 

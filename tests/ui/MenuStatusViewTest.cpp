@@ -13,22 +13,6 @@ namespace {
 
 using namespace corvi::test;
 
-QImage drawn(MenuStatusView& view) {
-    view.resize(view.sizeHint());
-    QImage img(view.size(), QImage::Format_ARGB32_Premultiplied);
-    img.fill(Qt::transparent);
-    view.render(&img, QPoint(), QRegion(), QWidget::DrawChildren);
-    return img;
-}
-
-// Columns with any ink between x0 and x1 (exclusive), across the whole height.
-std::vector<int> inkedColumns(const QImage& img, int x0, int x1) {
-    std::vector<int> out;
-    for (int x = x0; x < x1; ++x)
-        if (columnCoverage(img, x) > 0) out.push_back(x);
-    return out;
-}
-
 TEST(MenuStatusView, DrawsDotTextAndReachabilityWithoutOverlap) {
     struct Case {
         const char* name;
@@ -46,7 +30,8 @@ TEST(MenuStatusView, DrawsDotTextAndReachabilityWithoutOverlap) {
         SCOPED_TRACE(c.name);
         MenuStatusView view;
         view.setState(c.dot, QString::fromUtf8(c.text), c.online);
-        const QImage img = drawn(view);
+        view.resize(view.sizeHint());
+        const QImage img = rendered(view);
         ASSERT_EQ(img.height(), 28);
         EXPECT_GE(img.width(), 180);
 
@@ -56,7 +41,9 @@ TEST(MenuStatusView, DrawsDotTextAndReachabilityWithoutOverlap) {
 
         // Ink runs from the text at 32 to the reachability word ending near width - 14, with a
         // clear gap of at least 12 + 2 × 9 between the two words.
-        const std::vector<int> ink = inkedColumns(img, 14 + 9 + 1, img.width());
+        std::vector<int> ink;  // columns with any ink
+        for (int x = 14 + 9 + 1; x < img.width(); ++x)
+            if (columnCoverage(img, x) > 0) ink.push_back(x);
         ASSERT_FALSE(ink.empty());
         EXPECT_GE(ink.front(), 32);
         EXPECT_LE(ink.back(), img.width() - 14);
