@@ -43,7 +43,8 @@ TEST(DesktopEntriesTest, FirstFolderWinsAndNamesAreThePlainKey) {
               "# comment\n[Desktop Action x]\nName=Wrong\n[Desktop Entry]\nName=Right\nStartupWMClass=Act\n"
               "[Desktop Action y]\nName=Also wrong\n");
     writeFile(s + "/broken.desktop", "garbage without groups\nName=Nope\n");
-    DesktopEntries entries({u, s}, {});
+    // "share//applications", as the default XDG_DATA_DIRS gives it
+    DesktopEntries entries({u, system.path() + "//applications"}, {});
 
     struct Case {
         const char* row;

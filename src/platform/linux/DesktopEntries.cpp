@@ -108,7 +108,7 @@ void DesktopEntries::load() {
         while (it.hasNext()) {
             const QString path = it.next();
             // The ID of applications/kde/foo.desktop is kde-foo.
-            QString id = path.mid(base.size());
+            QString id = QDir::cleanPath(path).mid(base.size());
             id.chop(8);
             id.replace(u'/', u'-');
             if (!names_.contains(id)) readEntry(id, path);
