@@ -43,7 +43,8 @@ TEST(DesktopEntriesTest, FirstFolderWinsAndNamesAreThePlainKey) {
               "# comment\n[Desktop Action x]\nName=Wrong\n[Desktop Entry]\nName=Right\nStartupWMClass=Act\n"
               "[Desktop Action y]\nName=Also wrong\n");
     writeFile(s + "/broken.desktop", "garbage without groups\nName=Nope\n");
-    DesktopEntries entries({u, s});
+    // "share//applications", as the default XDG_DATA_DIRS gives it
+    DesktopEntries entries({u, system.path() + "//applications"}, {});
 
     struct Case {
         const char* row;
@@ -68,6 +69,37 @@ TEST(DesktopEntriesTest, FirstFolderWinsAndNamesAreThePlainKey) {
         if (!c.id.isEmpty()) {
             EXPECT_EQ(entries.nameForId(c.id), c.name);
         }
+    }
+}
+
+TEST(DesktopEntriesTest, NameIsTheBestLocaleMatchOfTheFirstUiLanguageThatHasOne) {
+    QTemporaryDir dir;
+    writeFile(dir.filePath("editor.desktop"),
+              "[Desktop Entry]\nName=Editor\nName[pt]=Editor PT\nName[pt_BR]=Editor BR\nName[fr]=\n"
+              "Name[sr]=Cyr\nName[sr@latin]=Lat\nName[sr@ijekavian]=Ijek\nName[sr_ME]=ME\nName[sr_ME@latin]="
+              "MELat\n");
+    struct Case {
+        const char *language, *lcAll, *lcMessages, *lang, *name;
+    };
+    const Case cases[] = {
+        {"", "", "", "pt_BR.UTF-8", "Editor BR"},
+        {"", "", "", "pt_PT.UTF-8", "Editor PT"},
+        {"", "", "", "sr_ME.UTF-8@latin", "MELat"},
+        {"", "", "", "sr_ME@ijekavian", "ME"},
+        {"", "", "", "sr_RS@ijekavian", "Ijek"},
+        {"", "", "", "sr_RS", "Cyr"},
+        {"", "", "", "fr_FR.UTF-8", "Editor"},  // an empty translation falls through
+        {"de:pt_BR:sr", "", "", "de_DE.UTF-8", "Editor BR"},
+        {"pt_BR", "", "", "C.UTF-8", "Editor"},  // LANGUAGE is ignored in the C locale
+        {"", "sr_RS", "pt", "de_DE", "Cyr"},
+        {"", "", "pt", "de_DE", "Editor PT"},
+        {"", "", "", "", "Editor"},
+    };
+    for (const Case& c : cases) {
+        const test::ScopedEnv language("LANGUAGE", c.language), lcAll("LC_ALL", c.lcAll),
+            lcMessages("LC_MESSAGES", c.lcMessages), lang("LANG", c.lang);
+        EXPECT_EQ(DesktopEntries({dir.path()}).nameForId("editor"), QString::fromUtf8(c.name))
+            << c.language << "|" << c.lcAll << "|" << c.lcMessages << "|" << c.lang;
     }
 }
 

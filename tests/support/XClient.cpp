@@ -79,6 +79,18 @@ void XClient::deleteProperty(Window w, const char* name) {
     sync();
 }
 
+std::vector<std::uint32_t> XClient::items32(Window w, const char* name) {
+    auto* reply = xcb_get_property_reply(
+        c_->conn, xcb_get_property(c_->conn, 0, w, atom(name), XCB_GET_PROPERTY_TYPE_ANY, 0, 4096), nullptr);
+    std::vector<std::uint32_t> items;
+    if (reply && reply->format == 32) {
+        const auto* data = static_cast<const std::uint32_t*>(xcb_get_property_value(reply));
+        items.assign(data, data + xcb_get_property_value_length(reply) / 4);
+    }
+    free(reply);
+    return items;
+}
+
 bool XClient::activate(Window w, int timeoutMs) {
     const xcb_atom_t active = atom("_NET_ACTIVE_WINDOW");
     xcb_client_message_event_t event{};

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QString>
 #include <cstdint>
+#include <vector>
 
 namespace corvi::test {
 
@@ -33,6 +34,8 @@ class XClient {
     void setCardinal(Window w, const char* name, std::uint32_t value);
     void setClass(Window w, const QByteArray& instance, const QByteArray& windowClass);
     void deleteProperty(Window w, const char* name);
+    // The items of a format-32 property (windows, cardinals); empty when it is unset.
+    std::vector<std::uint32_t> items32(Window w, const char* name);
 
     // Asks the window manager to activate `w` (the EWMH client message) and waits until the
     // root window names it active. False on timeout.

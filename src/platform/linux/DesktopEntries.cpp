@@ -32,7 +32,39 @@ QString unescape(QStringView raw) {
     return out;
 }
 
+// The Name keys a locale matches, best first: lang_COUNTRY@MODIFIER, lang_COUNTRY,
+// lang@MODIFIER, lang.
+QStringList nameKeysFor(QString locale) {
+    QString modifier;
+    if (const qsizetype at = locale.indexOf(u'@'); at >= 0) {
+        modifier = locale.mid(at);
+        locale.truncate(at);
+    }
+    if (const qsizetype dot = locale.indexOf(u'.'); dot >= 0) locale.truncate(dot);
+    const QString lang = locale.section(u'_', 0, 0);
+    if (lang.isEmpty() || lang == QStringLiteral("C") || lang == QStringLiteral("POSIX")) return {};
+    QStringList forms;
+    if (locale != lang && !modifier.isEmpty()) forms << locale + modifier;
+    if (locale != lang) forms << locale;
+    if (!modifier.isEmpty()) forms << lang + modifier;
+    forms << lang;
+    QStringList keys;
+    for (const QString& f : forms) keys << QStringLiteral("Name[%1]").arg(f);
+    return keys;
+}
+
 }  // namespace
+
+QStringList DesktopEntries::uiLanguages() {
+    QString locale;
+    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG"})
+        if (locale = qEnvironmentVariable(name); !locale.isEmpty()) break;
+    // gettext ignores LANGUAGE in the C locale (C.UTF-8 included), and so do we.
+    const QString base = locale.section(u'.', 0, 0).section(u'@', 0, 0);
+    if (base.isEmpty() || base == QStringLiteral("C") || base == QStringLiteral("POSIX")) return {};
+    const QStringList list = qEnvironmentVariable("LANGUAGE").split(u':', Qt::SkipEmptyParts);
+    return list.isEmpty() ? QStringList{locale} : list;
+}
 
 QStringList DesktopEntries::standardFolders() {
     QString home = qEnvironmentVariable("XDG_DATA_HOME");
@@ -49,7 +81,13 @@ QStringList DesktopEntries::standardFolders() {
     return folders;
 }
 
-DesktopEntries::DesktopEntries(QStringList folders) : folders_(std::move(folders)) {}
+DesktopEntries::DesktopEntries(QStringList folders, const QStringList& languages)
+    : folders_(std::move(folders)) {
+    for (const QString& language : languages)
+        for (const QString& key : nameKeysFor(language))
+            if (!nameKeys_.contains(key)) nameKeys_ << key;
+    nameKeys_ << QStringLiteral("Name");
+}
 
 QString DesktopEntries::idForWindowClass(const QString& windowClass) {
     load();
@@ -70,7 +108,7 @@ void DesktopEntries::load() {
         while (it.hasNext()) {
             const QString path = it.next();
             // The ID of applications/kde/foo.desktop is kde-foo.
-            QString id = path.mid(base.size());
+            QString id = QDir::cleanPath(path).mid(base.size());
             id.chop(8);
             id.replace(u'/', u'-');
             if (!names_.contains(id)) readEntry(id, path);
@@ -82,7 +120,8 @@ void DesktopEntries::readEntry(const QString& id, const QString& path) {
     QFile file(path);
     names_.insert(id, QString());  // claimed even when unreadable: a later folder must not win
     if (file.size() > 1024 * 1024 || !file.open(QIODevice::ReadOnly)) return;
-    QString name, wmClass;
+    QHash<QString, QString> names;  // by key, the plain Name included
+    QString wmClass;
     bool inMain = false, hidden = false;
     while (!file.atEnd()) {
         const QString line = QString::fromUtf8(file.readLine()).trimmed();
@@ -96,14 +135,17 @@ void DesktopEntries::readEntry(const QString& id, const QString& path) {
         if (eq <= 0) continue;
         const QString key = line.left(eq).trimmed();
         const QStringView value = QStringView(line).mid(eq + 1).trimmed();
-        if (key == QStringLiteral("Name"))
-            name = unescape(value);
+        if (key.startsWith(QStringLiteral("Name")) && nameKeys_.contains(key))
+            names.insert(key, unescape(value));
         else if (key == QStringLiteral("StartupWMClass"))
             wmClass = unescape(value);
         else if (key == QStringLiteral("Hidden"))
             hidden = value == QStringLiteral("true");
     }
     if (hidden) return;
+    QString name;
+    for (const QString& key : nameKeys_)
+        if (name = names.value(key); !name.isEmpty()) break;
     names_.insert(id, name);
     if (!wmClass.isEmpty() && !classes_.contains(wmClass)) classes_.insert(wmClass, id);
 }

@@ -7,14 +7,20 @@
 namespace corvi {
 
 // The installed desktop entries, read once: which application ID a window class belongs to
-// (StartupWMClass) and the display name (the plain Name=) of an application ID. Folders are
-// searched in order and the first entry with a given ID wins, as the XDG menu rules have it.
+// (StartupWMClass) and the display name of an application ID, in the first of the user's
+// languages it has, else the plain Name=. Folders are searched in order and the first entry
+// with a given ID wins, as the XDG menu rules have it.
 class DesktopEntries {
   public:
     // The "applications" folders under $XDG_DATA_HOME, then each of $XDG_DATA_DIRS.
     static QStringList standardFolders();
 
-    explicit DesktopEntries(QStringList folders = standardFolders());
+    // The user's UI languages as POSIX locale names (lang_COUNTRY@MODIFIER), most preferred
+    // first: the LANGUAGE list, as gettext reads it, else LC_ALL, LC_MESSAGES or LANG.
+    static QStringList uiLanguages();
+
+    explicit DesktopEntries(QStringList folders = standardFolders(),
+                            const QStringList& languages = uiLanguages());
 
     // Empty when no entry claims the class, or the ID has no entry or no name.
     QString idForWindowClass(const QString& windowClass);
@@ -25,6 +31,7 @@ class DesktopEntries {
     void readEntry(const QString& id, const QString& path);
 
     QStringList folders_;
+    QStringList nameKeys_;  // Name[...] keys in the order they are preferred
     bool loaded_ = false;
     QHash<QString, QString> names_;    // ID → Name (empty for hidden entries)
     QHash<QString, QString> classes_;  // StartupWMClass → ID
