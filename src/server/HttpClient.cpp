@@ -66,6 +66,16 @@ HttpClient& HttpClient::shared() {
 
 void HttpClient::send(QNetworkRequest request, const QByteArray& method, const QByteArray& body,
                       int timeoutMs, QObject* context, Done done) {
+    start(std::move(request), method, body, timeoutMs, maxBody, nullptr, context, std::move(done));
+}
+
+void HttpClient::get(QNetworkRequest request, int timeoutMs, qint64 maxBytes, QIODevice* sink,
+                     QObject* context, Done done) {
+    start(std::move(request), "GET", {}, timeoutMs, maxBytes, sink, context, std::move(done));
+}
+
+void HttpClient::start(QNetworkRequest request, const QByteArray& method, const QByteArray& body,
+                       int timeoutMs, qint64 maxBytes, QIODevice* sink, QObject* context, Done done) {
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
     request.setTransferTimeout(timeoutMs);
     // A fresh connection for each request, so none is written to one the server is closing.
@@ -75,8 +85,8 @@ void HttpClient::send(QNetworkRequest request, const QByteArray& method, const Q
     once->setParent(reply);
 
     auto tooLarge = std::make_shared<bool>(false);
-    auto guard = [reply, tooLarge](qint64 size) {
-        if (size > maxBody && !*tooLarge) {
+    auto guard = [reply, tooLarge, maxBytes](qint64 size) {
+        if (size > maxBytes && !*tooLarge) {
             *tooLarge = true;
             reply->abort();
         }
@@ -85,28 +95,64 @@ void HttpClient::send(QNetworkRequest request, const QByteArray& method, const Q
             [reply, guard] { guard(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong()); });
     connect(reply, &QNetworkReply::downloadProgress, reply,
             [guard](qint64 received, qint64) { guard(received); });
+    auto sinkFailed = std::make_shared<bool>(false);
+    if (sink)
+        connect(reply, &QNetworkReply::readyRead, reply, [reply, sink, sinkFailed, tooLarge, maxBytes] {
+            // Only a 200 answer is the thing asked for; an error page is not written out.
+            if (*tooLarge || *sinkFailed ||
+                reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() != 200)
+                return;
+            const QByteArray chunk = reply->readAll();
+            if (sink->pos() + chunk.size() > maxBytes) {
+                *tooLarge = true;
+                reply->abort();
+            } else if (sink->write(chunk) != chunk.size()) {
+                *sinkFailed = true;
+                reply->abort();
+            }
+        });
 
     QPointer<QObject> owner(context);
-    connect(reply, &QNetworkReply::finished, this, [reply, owner, tooLarge, done = std::move(done)] {
-        reply->deleteLater();
-        if (!owner) return;
-        HttpResult result;
-        const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-        if (*tooLarge) {
-            result.transportError = QStringLiteral("response larger than 1 MiB");
-        } else if (reply->error() == QNetworkReply::ContentReSendError) {
-            // Qt gave up a resend the body refused: the connection closed unanswered.
-            result.transportError = QStringLiteral("connection closed before the answer");
-        } else if (isTransportFailure(reply->error()) || !status.isValid()) {
-            result.transportError = reply->errorString();
-            // Nothing else here cancels a request: the transfer timeout did.
-            result.timedOut = reply->error() == QNetworkReply::OperationCanceledError;
-        } else {
-            result.status = status.toInt();
-            result.body = reply->readAll();
-        }
-        done(result);
-    });
+    connect(
+        reply, &QNetworkReply::finished, this,
+        [reply, owner, tooLarge, sink, sinkFailed, maxBytes, done = std::move(done)] {
+            reply->deleteLater();
+            if (!owner) return;
+            HttpResult result;
+            const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+            if (*tooLarge) {
+                result.tooLarge = true;
+                result.transportError = maxBytes == maxBody
+                                            ? QStringLiteral("response larger than 1 MiB")
+                                            : QStringLiteral("response larger than %1 bytes").arg(maxBytes);
+            } else if (*sinkFailed) {
+                result.transportError = QStringLiteral("cannot write the answer: ") + sink->errorString();
+            } else if (reply->error() == QNetworkReply::ContentReSendError) {
+                // Qt gave up a resend the body refused: the connection closed unanswered.
+                result.transportError = QStringLiteral("connection closed before the answer");
+            } else if (isTransportFailure(reply->error()) || !status.isValid()) {
+                result.transportError = reply->errorString();
+                // Nothing else here cancels a request: the transfer timeout did.
+                result.timedOut = reply->error() == QNetworkReply::OperationCanceledError;
+            } else {
+                result.status = status.toInt();
+                if (sink && result.status == 200) {
+                    const QByteArray rest = reply->readAll();
+                    if (sink->pos() + rest.size() > maxBytes)
+                        result = {-1,
+                                  {},
+                                  QStringLiteral("response larger than %1 bytes").arg(maxBytes),
+                                  false,
+                                  true};
+                    else if (sink->write(rest) != rest.size())
+                        result = {
+                            -1, {}, QStringLiteral("cannot write the answer: ") + sink->errorString(), false};
+                } else {
+                    result.body = reply->readAll();
+                }
+            }
+            done(result);
+        });
 }
 
 void setAgentHeaders(QNetworkRequest& request, const QString& apiKey, const QString& agentVersion) {

@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 
+class QIODevice;
 class QNetworkAccessManager;
 
 namespace corvi {
@@ -18,6 +19,7 @@ struct HttpResult {
     QByteArray body;         // empty when the body was cut off
     QString transportError;  // the error's description; empty when an HTTP response came
     bool timedOut = false;   // the transport error is the request's timeout
+    bool tooLarge = false;   // the answer went past the size allowed and was cut off
 
     // The body as a JSON object when the status is exactly 200 and the body parses as one.
     std::optional<QJsonObject> jsonObjectIf200() const;
@@ -42,8 +44,15 @@ class HttpClient : public QObject {
     // client's thread, only if `context` still exists then.
     void send(QNetworkRequest request, const QByteArray& method, const QByteArray& body, int timeoutMs,
               QObject* context, Done done);
+    // A GET whose answer may hold at most `maxBytes`. With a `sink`, the body is written there
+    // as it arrives (and the result's body stays empty); the sink must outlive the request.
+    void get(QNetworkRequest request, int timeoutMs, qint64 maxBytes, QIODevice* sink, QObject* context,
+             Done done);
 
   private:
+    void start(QNetworkRequest request, const QByteArray& method, const QByteArray& body, int timeoutMs,
+               qint64 maxBytes, QIODevice* sink, QObject* context, Done done);
+
     QNetworkAccessManager* manager_;
 };
 

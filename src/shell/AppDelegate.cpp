@@ -24,6 +24,7 @@
 #include "shell/PermissionWindowController.h"
 #include "shell/SettingsPopoverController.h"
 #include "shell/StatusMenu.h"
+#include "shell/Updater.h"
 #include "store/Store.h"
 #include "ui/Appearance.h"
 
@@ -48,7 +49,9 @@ AppDelegate::AppDelegate(AgentServices services, AgentTiming timing)
     : services_(std::move(services)),
       timing_(timing),
       store_(std::make_unique<Store>()),
-      gate_(std::make_unique<Gate>(model_, *services_.passcodePrompt, *services_.adminAuth)) {
+      gate_(std::make_unique<Gate>(model_, *services_.passcodePrompt, *services_.adminAuth)),
+      updater_(std::make_unique<Updater>(
+          UpdaterSettings::fromBuild(model_.loginItem() && model_.loginItem()->installedProgram()), model_)) {
     if (!services_.openUrl) services_.openUrl = [](const QUrl&) {};
     if (auto* app = qobject_cast<QGuiApplication*>(QCoreApplication::instance())) {
         connect(app, &QCoreApplication::aboutToQuit, this, &AppDelegate::applicationWillTerminate);
@@ -215,7 +218,11 @@ void AppDelegate::setupMenu() {
     connect(statusMenu_, &StatusMenu::quit, this, &AppDelegate::quit);
     // The trace is drawn in the text colour of the current appearance.
     connect(Appearance::instance(), &Appearance::changed, this, &AppDelegate::refreshIcon);
-    // The updater reports a waiting version here once it exists.
+    updater_->onUpdateAvailable = [self](std::optional<QString> version) {
+        if (!self) return;
+        self->pendingUpdateVersion_ = std::move(version);
+        self->refreshIcon();
+    };
     refreshIcon();
     statusMenu_->show();
 }
@@ -243,7 +250,7 @@ void AppDelegate::togglePause() {
 }
 
 void AppDelegate::installUpdate() {
-    // The updater's foreground check runs here once it exists.
+    updater_->checkForUpdates();
 }
 
 void AppDelegate::quit() {

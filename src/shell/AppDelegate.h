@@ -32,6 +32,7 @@ class SettingsPopoverController;
 class StatusMenu;
 class Store;
 class Syncer;
+class Updater;
 
 // Owns everything for the life of the process and wires it together: the model, the store,
 // the sampler, the uploader, the tray menu and the authorization gate. Main thread only.
@@ -103,6 +104,7 @@ class AppDelegate : public QObject {
     Store& store() { return *store_; }
     Sampler* sampler() const { return sampler_.get(); }
     Syncer* syncer() const { return syncer_.get(); }
+    Updater* updater() const { return updater_.get(); }
     StatusMenu* statusMenu() const { return statusMenu_; }
     SettingsPopoverController* settings() const { return settings_.get(); }
     PermissionWindowController* permission() const { return permission_.get(); }
@@ -120,6 +122,7 @@ class AppDelegate : public QObject {
     AppModel model_;
     std::unique_ptr<Store> store_;
     std::unique_ptr<Gate> gate_;
+    std::unique_ptr<Updater> updater_;
     std::unique_ptr<Sampler> sampler_;
     std::unique_ptr<Syncer> syncer_;
     std::unique_ptr<SettingsPopoverController> settings_;

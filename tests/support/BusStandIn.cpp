@@ -26,14 +26,17 @@ class BusStandInObject : public QDBusVirtualObject {
     BusStandIn* owner_;
 };
 
-BusStandIn::BusStandIn(const QString& busAddress, const QString& path, Answer answer)
+BusStandIn::BusStandIn(const QString& busAddress, const QString& path, Answer answer, bool subtree)
     : connectionName_(QStringLiteral("stand-in-") + QUuid::createUuid().toString(QUuid::WithoutBraces)),
       bus_(QDBusConnection::connectToBus(busAddress, connectionName_)),
       answer_(std::move(answer)),
       object_(new BusStandInObject(this)) {
+    // Registered before the move: a subtree registration gives the object a child, which must
+    // move with it.
+    bus_.registerVirtualObject(path, object_,
+                               subtree ? QDBusConnection::SubPath : QDBusConnection::SingleNode);
     thread_.start();
     object_->moveToThread(&thread_);
-    bus_.registerVirtualObject(path, object_);
 }
 
 BusStandIn::~BusStandIn() {

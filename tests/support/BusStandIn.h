@@ -13,11 +13,12 @@ class BusStandInObject;
 // A stand-in service on a test bus: `answer` handles every call to `path` on the stand-in's own
 // thread, so a blocking call from the test's thread gets its answer. An answer that sends no
 // reply leaves the caller waiting. The service name is owned between claim() and release().
+// With `subtree`, the objects below `path` are answered too (services that hand out objects).
 class BusStandIn {
   public:
     using Answer = std::function<void(const QDBusMessage& call, QDBusConnection& bus)>;
 
-    BusStandIn(const QString& busAddress, const QString& path, Answer answer);
+    BusStandIn(const QString& busAddress, const QString& path, Answer answer, bool subtree = false);
     ~BusStandIn();
     BusStandIn(const BusStandIn&) = delete;
     BusStandIn& operator=(const BusStandIn&) = delete;

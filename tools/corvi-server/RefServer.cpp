@@ -1,9 +1,14 @@
 #include "RefServer.h"
 
 #include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QHttpServer>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSslCertificate>
+#include <QSslKey>
 
 #include "Dashboard.h"
 
@@ -52,6 +57,8 @@ RefServer::RefServer(const ServerOptions& options, QObject* parent)
     http_->route("/v1/me", Method::Get, [this](const QHttpServerRequest& r) { return me(r); });
     http_->route("/v1/ingest", Method::Post, [this](const QHttpServerRequest& r) { return ingest(r); });
     http_->route("/", Method::Get, [this] { return dashboard(); });
+    if (!options_.updatesDir.isEmpty())
+        http_->route("/updates/<arg>", Method::Get, [this](const QString& name) { return updateFile(name); });
 }
 
 RefServer::~RefServer() = default;
@@ -80,6 +87,16 @@ void RefServer::setUp() {
 
 quint16 RefServer::listen(const QHostAddress& address, quint16 port) {
     if (!ok()) return 0;
+    if (tls()) {
+        QFile certFile(options_.tlsCert), keyFile(options_.tlsKey);
+        if (!certFile.open(QIODevice::ReadOnly) || !keyFile.open(QIODevice::ReadOnly)) return 0;
+        const QSslCertificate cert(&certFile, QSsl::Pem);
+        const QByteArray keyPem = keyFile.readAll();
+        QSslKey key(keyPem, QSsl::Ec);
+        if (key.isNull()) key = QSslKey(keyPem, QSsl::Rsa);
+        if (cert.isNull() || key.isNull()) return 0;
+        http_->sslSetup(cert, key);
+    }
     port_ = http_->listen(address, port);
     return port_;
 }
@@ -148,6 +165,19 @@ QHttpServerResponse RefServer::ingest(const QHttpServerRequest& request) {
     if (!db_.upsertSessions(machine->id, batch.sessions, now()))
         return problem(Status::InternalServerError, QStringLiteral("cannot store the sessions"));
     return QHttpServerResponse(QJsonObject{{QStringLiteral("accepted"), qint64(batch.sessions.size())}});
+}
+
+QHttpServerResponse RefServer::updateFile(const QString& name) {
+    // One plain file name straight inside the folder: nothing above it, nothing hidden.
+    const QDir dir(options_.updatesDir);
+    const QFileInfo file(dir.filePath(name));
+    if (name.isEmpty() || name.startsWith(u'.') || name.contains(u'/') || name.contains(u'\\') ||
+        !file.isFile() || file.canonicalPath() != dir.canonicalPath())
+        return QHttpServerResponse(Status::NotFound);
+    QFile f(file.filePath());
+    if (!f.open(QIODevice::ReadOnly)) return QHttpServerResponse(Status::NotFound);
+    const QByteArray type = name == u"appcast.xml" ? "application/rss+xml" : "application/octet-stream";
+    return QHttpServerResponse(type, f.readAll());
 }
 
 QHttpServerResponse RefServer::dashboard() {

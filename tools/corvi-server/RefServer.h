@@ -25,9 +25,10 @@ class RefServer : public QObject {
     bool ok() const { return error_.isEmpty(); }
     QString error() const { return error_; }
 
-    // Answers the port listened on, 0 on failure.
+    // Answers the port listened on, 0 on failure (also when the TLS files cannot be read).
     quint16 listen(const QHostAddress& address, quint16 port);
     quint16 port() const { return port_; }
+    bool tls() const { return !options_.tlsCert.isEmpty(); }
 
     RefDatabase& database() { return db_; }
 
@@ -37,6 +38,7 @@ class RefServer : public QObject {
     QHttpServerResponse me(const QHttpServerRequest& request);
     QHttpServerResponse ingest(const QHttpServerRequest& request);
     QHttpServerResponse dashboard();
+    QHttpServerResponse updateFile(const QString& name);
     std::optional<MachineIdentity> machineFor(const QHttpServerRequest& request);
     void setUp();
 

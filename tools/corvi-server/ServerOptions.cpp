@@ -66,7 +66,17 @@ std::optional<ServerOptions> ServerOptions::fromArguments(const QStringList& arg
     const QCommandLineOption passcode(QStringLiteral("passcode"),
                                       QStringLiteral("The organisation's passcode; empty removes it."),
                                       QStringLiteral("text"));
-    parser.addOptions({listen, port, db, users, user, passcode});
+    const QCommandLineOption updates(
+        QStringLiteral("updates"),
+        QStringLiteral("Serve DIR/appcast.xml and the packages in DIR under /updates/."),
+        QStringLiteral("DIR"));
+    const QCommandLineOption tlsCert(QStringLiteral("tls-cert"),
+                                     QStringLiteral("Serve HTTPS with this certificate (PEM)."),
+                                     QStringLiteral("FILE"));
+    const QCommandLineOption tlsKey(QStringLiteral("tls-key"),
+                                    QStringLiteral("The certificate's private key (PEM)."),
+                                    QStringLiteral("FILE"));
+    parser.addOptions({listen, port, db, users, user, passcode, updates, tlsCert, tlsKey});
     if (!parser.parse(arguments)) {
         *error = parser.errorText();
         return std::nullopt;
@@ -95,6 +105,13 @@ std::optional<ServerOptions> ServerOptions::fromArguments(const QStringList& arg
         o.users.append(*u);
     }
     if (parser.isSet(passcode)) o.passcode = parser.value(passcode);
+    o.updatesDir = parser.value(updates);
+    o.tlsCert = parser.value(tlsCert);
+    o.tlsKey = parser.value(tlsKey);
+    if (o.tlsCert.isEmpty() != o.tlsKey.isEmpty()) {
+        *error = QStringLiteral("--tls-cert and --tls-key go together");
+        return std::nullopt;
+    }
     return o;
 }
 

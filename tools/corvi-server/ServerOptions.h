@@ -28,6 +28,11 @@ struct ServerOptions {
     int passwordIterations = 210000;
     int passcodeIterations = 100000;
     int tokenLifetimeSeconds = 600;
+    // Set: DIR/appcast.xml and the packages beside it are served under /updates/.
+    QString updatesDir;
+    // Both set: HTTPS with this certificate and private key (PEM).
+    QString tlsCert;
+    QString tlsKey;
 
     // Answers none with a message for the person at the terminal.
     static std::optional<ServerOptions> fromArguments(const QStringList& arguments, QString* error);

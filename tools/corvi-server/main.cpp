@@ -28,13 +28,15 @@ int main(int argc, char** argv) {
     }
     const quint16 port = server.listen(address, quint16(options->port));
     if (port == 0) {
-        std::fprintf(stderr, "cannot listen on %s port %d\n", qPrintable(options->listen), options->port);
+        std::fprintf(stderr, "cannot listen on %s port %d%s\n", qPrintable(options->listen), options->port,
+                     server.tls() ? " (or cannot read the TLS certificate and key)" : "");
         return 1;
     }
     const QString host = address.protocol() == QAbstractSocket::IPv6Protocol
                              ? QStringLiteral("[%1]").arg(address.toString())
                              : address.toString();
-    std::printf("listening on http://%s:%u\n", qPrintable(host), unsigned(port));
+    std::printf("listening on %s://%s:%u\n", server.tls() ? "https" : "http", qPrintable(host),
+                unsigned(port));
     std::fflush(stdout);
     return app.exec();
 }
