@@ -1,0 +1,328 @@
+// The Debian packages scripts/package built for this run: what they hold, what lintian says of
+// them, how scripts/release publishes one, and the packaged user service under a real systemd
+// user manager, which must bring a killed agent back and leave a granted quit alone.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <cstring>
+#include <numeric>
+
+#include "support/ChildProcess.h"
+#include "support/DBusDaemon.h"
+#include "support/EventLoop.h"
+#include "support/TestFiles.h"
+#include "support/XClient.h"
+#include "support/XServer.h"
+
+namespace corvi {
+namespace {
+
+using test::waitFor;
+
+const QString appID = "tech.stonefold.corvimetry.agent";
+const QString version = CORVI_VERSION;
+
+struct Outcome {
+    int status;
+    QString out;
+};
+
+Outcome run(const QString& program, const QStringList& args, const QProcessEnvironment& env = {}) {
+    QProcess p;
+    if (!env.isEmpty()) p.setProcessEnvironment(env);
+    p.setProcessChannelMode(QProcess::MergedChannels);
+    p.start(program, args);
+    const bool done = p.waitForFinished(300000) && p.exitStatus() == QProcess::NormalExit;
+    return {done ? p.exitCode() : -1, QString::fromUtf8(p.readAll())};
+}
+
+QString package(const QString& name) {
+    const QStringList found = QDir(CORVI_PACKAGES).entryList({name + "_" + version + "_*.deb"}, QDir::Files);
+    return found.size() == 1 ? QString(CORVI_PACKAGES) + "/" + found.first() : QString();
+}
+
+// Both packages unpacked into one root, as dpkg would lay them out.
+class Packages : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        root = new QTemporaryDir;
+        for (const QString& name : QStringList{"corviagent", "corviagent-autostart"})
+            if (!package(name).isEmpty()) run("dpkg-deb", {"-x", package(name), root->path()});
+    }
+    static void TearDownTestSuite() { delete root; }
+    void SetUp() override {
+        ASSERT_FALSE(package("corviagent").isEmpty() || package("corviagent-autostart").isEmpty())
+            << "scripts/package made no packages of version " << version.toStdString() << " in "
+            << CORVI_PACKAGES;
+    }
+    static QString file(const QString& path) { return root->path() + path; }
+    // A key's value in a desktop entry.
+    static QString entry(const QString& path, const QString& key) {
+        const QRegularExpression line("^" + key + "=(.*)$", QRegularExpression::MultilineOption);
+        return line.match(QString::fromUtf8(test::readFile(file(path)))).captured(1);
+    }
+
+    static QTemporaryDir* root;
+};
+QTemporaryDir* Packages::root = nullptr;
+
+TEST_F(Packages, HoldWhatAnInstalledAgentNeeds) {
+    struct Case {
+        QString package, path;
+    };
+    const QString icons = "/usr/share/icons/hicolor/";
+    QList<Case> cases = {
+        {"corviagent", "/usr/bin/corviagent"},
+        {"corviagent", "/usr/share/applications/" + appID + ".desktop"},
+        {"corviagent", icons + "scalable/apps/" + appID + ".svg"},
+        {"corviagent", "/usr/share/polkit-1/actions/tech.stonefold.corvimetry.policy"},
+        {"corviagent", "/usr/lib/systemd/user/corviagent.service"},
+        {"corviagent", "/usr/libexec/corviagent/start"},
+        {"corviagent-autostart", "/etc/xdg/autostart/" + appID + ".desktop"},
+    };
+    for (int size : {16, 32, 48, 64, 128, 256})
+        cases.append({"corviagent", icons + QString("%1x%1/apps/").arg(size) + appID + ".png"});
+    QMap<QString, QString> listings;
+    for (const QString& name : QStringList{"corviagent", "corviagent-autostart"})
+        listings[name] = run("dpkg-deb", {"-c", package(name)}).out;
+    for (const Case& c : cases)
+        EXPECT_TRUE(listings[c.package].contains(" ." + c.path + "\n"))
+            << c.package.toStdString() << " lacks " << c.path.toStdString();
+
+    // A PNG's width and height are big-endian at bytes 16 and 20.
+    for (int size : {16, 32, 48, 64, 128, 256}) {
+        const QByteArray png =
+            test::readFile(file(icons + QString("%1x%1/apps/").arg(size) + appID + ".png"));
+        EXPECT_EQ(png.mid(16, 8).toHex(), QByteArray::number(size, 16).rightJustified(8, '0').repeated(2))
+            << "the " << size << " px icon";
+    }
+    EXPECT_EQ(entry("/usr/share/applications/" + appID + ".desktop", "Icon"), appID);
+    EXPECT_TRUE(QFile::exists(file(entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec"))))
+        << "the autostart entry starts a program the package does not hold";
+    EXPECT_EQ(run("dpkg-deb", {"-f", package("corviagent"), "Version"}).out.trimmed(), version);
+    EXPECT_EQ(run("dpkg-deb", {"-f", package("corviagent-autostart"), "Depends"}).out.trimmed(),
+              "corviagent (>= " + version + "), corviagent (<< " + version + ".1~)");
+}
+
+TEST_F(Packages, LintianFindsNoErrors) {
+    // The .changes names the source package and both binary packages.
+    const QString changes = QString(CORVI_PACKAGES) + "/debian-build/" +
+                            QFileInfo(package("corviagent")).completeBaseName() + ".changes";
+    ASSERT_TRUE(QFile::exists(changes)) << changes.toStdString();
+    const Outcome lintian = run("lintian", {"--fail-on", "error", changes});
+    EXPECT_EQ(lintian.status, 0) << lintian.out.toStdString();
+}
+
+TEST_F(Packages, ReleaseSignsTheWholePackageWithTheKeyItPrints) {
+    QTemporaryDir dir;
+    const QString key = dir.filePath("key.pem"), updates = dir.filePath("updates");
+    ASSERT_EQ(run("openssl", {"genpkey", "-algorithm", "ed25519", "-out", key}).status, 0);
+    const Outcome release = run(CORVI_RELEASE, {version, package("corviagent"), key, "--base",
+                                                "https://updates.example/linux", "--updates", updates});
+    ASSERT_EQ(release.status, 0) << release.out.toStdString();
+
+    const QString appcast = QString::fromUtf8(test::readFile(updates + "/appcast.xml"));
+    const QString published = updates + "/" + QFileInfo(package("corviagent")).fileName();
+    const auto attribute = [&](const QString& name) {
+        return QRegularExpression(name + "=\"([^\"]*)\"").match(appcast).captured(1);
+    };
+    EXPECT_EQ(attribute("url"), "https://updates.example/linux/" + QFileInfo(published).fileName());
+    EXPECT_EQ(attribute("length").toLongLong(), QFileInfo(published).size());
+    EXPECT_TRUE(appcast.contains("<sparkle:version>" + version + "</sparkle:version>"))
+        << appcast.toStdString();
+
+    // The printed key, as the agent would hold it, verifies the signature over the copied file.
+    const QByteArray raw = QByteArray::fromBase64(
+        QRegularExpression("CORVI_UPDATE_KEY=(\\S+)").match(release.out).captured(1).toLatin1());
+    ASSERT_EQ(raw.size(), 32) << release.out.toStdString();
+    ASSERT_TRUE(
+        test::writeFile(dir.filePath("public.der"), QByteArray::fromHex("302a300506032b6570032100") + raw));
+    ASSERT_TRUE(test::writeFile(dir.filePath("signature"),
+                                QByteArray::fromBase64(attribute("sparkle:edSignature").toLatin1())));
+    const Outcome verify =
+        run("openssl", {"pkeyutl", "-verify", "-rawin", "-pubin", "-keyform", "DER", "-inkey",
+                        dir.filePath("public.der"), "-sigfile", dir.filePath("signature"), "-in", published});
+    EXPECT_EQ(verify.status, 0) << verify.out.toStdString();
+}
+
+// Runs a systemd user manager in a mount namespace of its own, where it finds the marker of a
+// systemd-booted machine, a cgroup subtree to manage (as user@.service would delegate) and the
+// packages' /usr laid over the system's, so the packaged unit and programs sit where dpkg puts
+// them. "clean" removes the subtree once the manager is gone.
+const char* const managerScript = R"(
+set -e
+while IFS=: read -r number controllers path; do
+  case "$controllers" in
+    name=systemd) hierarchy=/sys/fs/cgroup/systemd ;;
+    "") hierarchy=/sys/fs/cgroup; [ -d /sys/fs/cgroup/unified ] && hierarchy=/sys/fs/cgroup/unified ;;
+    *) continue ;;
+  esac
+  if [ "$3" = clean ]; then find "$hierarchy$path/$1" -depth -type d -exec rmdir {} + 2>/dev/null || true
+  else mkdir "$hierarchy$path/$1" && echo $$ > "$hierarchy$path/$1/cgroup.procs"; fi
+done < /proc/self/cgroup
+[ "$3" = clean ] && exit 0
+mount -t tmpfs tmpfs /run/systemd && mkdir /run/systemd/system
+mount -t overlay overlay -o "lowerdir=$2/usr:/usr" /usr
+ulimit -c 0
+exec /usr/lib/systemd/systemd --user
+)";
+
+class PackagedService : public Packages {
+  protected:
+    void SetUp() override {
+        Packages::SetUp();
+        if (::geteuid() != 0) GTEST_SKIP() << "a user manager of its own needs root (cgroups, mounts)";
+        ASSERT_TRUE(dir.isValid() && x.ok() && bus.ok()) << "no temporary folder, Xvfb with openbox or dbus";
+        QDir().mkdir(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        for (const QString& name :
+             QStringList{"DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY", "XDG_CURRENT_DESKTOP",
+                         "DBUS_SESSION_BUS_ADDRESS", "XDG_DATA_HOME"})
+            ctl.remove(name);
+        ctl.insert("XDG_RUNTIME_DIR", runtime);
+        ctl.insert("XDG_CONFIG_HOME", dir.filePath("config"));
+        // The manager knows nothing of the desktop: the autostart entry's program must tell it.
+        manager.setProcessEnvironment(ctl);
+        manager.setProcessChannelMode(QProcess::MergedChannels);
+        manager.start("unshare", {"-m", "--propagation", "private", "sh", "-c", managerScript, "sh", cgroup,
+                                  root->path()});
+        if (!waitFor(
+                [&] {
+                    return run("systemctl", {"--user", "show", "-P", "SystemState"}, ctl)
+                        .out.contains(QRegularExpression("running|degraded"));
+                },
+                10000))
+            GTEST_SKIP() << "no systemd user manager runs here: "
+                         << QString::fromUtf8(manager.readAll()).toStdString();
+
+        session = ctl;
+        for (const QString& set :
+             QStringList{"DISPLAY=" + x.display(), "DBUS_SESSION_BUS_ADDRESS=" + bus.address(),
+                         "XDG_DATA_HOME=" + dir.filePath("data"), "XDG_SESSION_TYPE=x11"})
+            session.insert(set.section('=', 0, 0), set.section('=', 1));
+        ASSERT_TRUE(
+            test::writeFile(dir.filePath("data/CorviAgent/config.json"),
+                            R"({"server_url": "http://127.0.0.1:9", "api_key": "key", "language": "pt",
+                "launch_at_login": false, "passcode": {"salt": "Y29ydmktcGFja2FnZS0wMQ==",
+                "hash": "08GwRA0MYxNWQoi1xeYu7pC7Zs4o4iiTn+TZ7+lRLYc=", "iterations": 1000}})"));
+        const auto poster = client.createWindow();
+        client.setText(poster, "_NET_WM_NAME", "UTF8_STRING", "poster.psd");
+        ASSERT_TRUE(client.activate(poster));
+    }
+
+    void TearDown() override {
+        if (manager.state() != QProcess::NotRunning) {
+            run("systemctl", {"--user", "kill", "--signal=SIGKILL", "corviagent.service"}, ctl);
+            run("systemctl", {"--user", "stop", "corviagent.service"}, ctl);
+            test::stop(manager);
+        }
+        if (::geteuid() == 0) run("sh", {"-c", managerScript, "sh", cgroup, root->path(), "clean"});
+    }
+
+    // What the desktop does at login: run the autostart entry's program.
+    int login() {
+        const QString exec = entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec");
+        return run("nsenter", {"-t", QString::number(manager.processId()), "-m", "--", exec}, session).status;
+    }
+    QString show(const QString& property) {
+        return run("systemctl", {"--user", "show", "-P", property, "corviagent.service"}, ctl).out.trimmed();
+    }
+    std::string status() {
+        return run("systemctl", {"--user", "status", "corviagent.service"}, ctl).out.toStdString();
+    }
+    // Samples stored per session id.
+    QMap<qint64, int> sessions() {
+        QMap<qint64, int> rows;
+        sqlite3* db = nullptr;
+        sqlite3_stmt* st = nullptr;
+        if (sqlite3_open_v2(QFile::encodeName(dir.filePath("data/CorviAgent/corvi.sqlite")).constData(), &db,
+                            SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+            sqlite3_busy_timeout(db, 2000) == SQLITE_OK &&
+            sqlite3_prepare_v2(db, "SELECT id, samples FROM sessions", -1, &st, nullptr) == SQLITE_OK)
+            while (sqlite3_step(st) == SQLITE_ROW)
+                rows[sqlite3_column_int64(st, 0)] = sqlite3_column_int(st, 1);
+        sqlite3_finalize(st);
+        sqlite3_close(db);
+        return rows;
+    }
+    static int total(const QMap<qint64, int>& rows) { return std::accumulate(rows.begin(), rows.end(), 0); }
+    QString xdotool(const QStringList& args) { return run("xdotool", args, session).out.trimmed(); }
+
+    QTemporaryDir dir;
+    test::XServer x;
+    test::DBusDaemon bus;
+    test::XClient client{x.display()};
+    QString runtime = dir.filePath("runtime"), cgroup = QString("corvi-package-test-%1").arg(::getpid());
+    QProcessEnvironment ctl = QProcessEnvironment::systemEnvironment(), session;
+    QProcess manager;
+};
+
+TEST_F(PackagedService, KilledAgentComesBackOnItsDatabaseAndAGrantedQuitStaysQuit) {
+    ASSERT_EQ(login(), 0);
+    ASSERT_TRUE(waitFor([&] { return total(sessions()) > 0; }, 15000)) << "the agent stored nothing\n"
+                                                                       << status();
+    const QString first = show("MainPID");
+    ASSERT_EQ(login(), 0);
+    test::settle(1000);
+    EXPECT_EQ(show("MainPID"), first) << "a second start replaced the agent";
+
+    // SIGHUP and SIGPIPE count as clean ends for Restart=on-failure: they must bring it back too.
+    for (int signal : {SIGKILL, SIGSEGV, SIGHUP}) {
+        const QString pid = show("MainPID");
+        const QMap<qint64, int> before = sessions();
+        ASSERT_GT(pid.toInt(), 0) << status();  // kill(0) would reach this test
+        ::kill(pid.toInt(), signal);
+        EXPECT_TRUE(waitFor(
+            [&] {
+                const QString now = show("MainPID");
+                return now != "0" && now != pid;
+            },
+            10000))
+            << strsignal(signal) << " left it down\n"
+            << status();
+        EXPECT_TRUE(waitFor([&] { return total(sessions()) > total(before); }, 10000))
+            << "after " << strsignal(signal) << " it stores nothing more";
+        const QMap<qint64, int> after = sessions();
+        for (auto row = before.begin(); row != before.end(); ++row)
+            EXPECT_GE(after.value(row.key(), -1), row.value()) << "session " << row.key() << " lost";
+    }
+
+    // A SIGTERM (a stop, a logout, kill) asks for the passcode; granted, the agent ends with 0.
+    const int pid = show("MainPID").toInt();
+    ASSERT_GT(pid, 0) << status();
+    ::kill(pid, SIGTERM);
+    QString prompt;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            return !(prompt = xdotool({"search", "--onlyvisible", "--name", "^Senha do Corvimetry$"}))
+                        .isEmpty();
+        },
+        10000))
+        << "no passcode prompt";
+    ASSERT_TRUE(waitFor([&] { return xdotool({"getactivewindow"}) == prompt; }, 3000));
+    xdotool({"type", "4321"});
+    xdotool({"key", "Return"});
+    ASSERT_TRUE(waitFor([&] { return show("ActiveState") == "inactive"; }, 10000)) << status();
+    test::settle(4000);  // past RestartSec
+    EXPECT_EQ(show("ActiveState") + " " + show("ExecMainStatus"), "inactive 0") << status();
+
+    // Until the next login. A stop then gets no answer at the prompt and kills after its timeout.
+    ASSERT_EQ(login(), 0);
+    ASSERT_TRUE(waitFor([&] { return show("ActiveState") == "active"; }, 10000)) << status();
+    QElapsedTimer stop;
+    stop.start();
+    EXPECT_EQ(run("systemctl", {"--user", "stop", "corviagent.service"}, ctl).status, 0);
+    EXPECT_LT(stop.elapsed(), 15000) << "a stop waits for the quit prompt";
+    // Killed after the timeout, the unit is "failed"; the starter resets that at the next login.
+    EXPECT_TRUE(QStringList({"inactive", "failed"}).contains(show("ActiveState"))) << status();
+}
+
+}  // namespace
+}  // namespace corvi
