@@ -33,8 +33,11 @@ struct RecordingWriter final : SessionWriter {
     // "I1 U1 U1 I2": the kind and id of every write.
     std::string shape() const {
         std::string out;
-        for (const auto& w : writes)
-            out += (out.empty() ? "" : " ") + std::string(w.insert ? "I" : "U") + std::to_string(w.id);
+        for (const auto& w : writes) {
+            if (!out.empty()) out += ' ';
+            out += w.insert ? 'I' : 'U';
+            out += std::to_string(w.id);
+        }
         return out;
     }
 
@@ -137,7 +140,8 @@ TEST_F(SamplerTest, WhatExtendsASessionAndWhatOpensTheNext) {
         next.appName = QString::fromUtf8(c.nextApp);
         sampler->accumulate(next);
         if (c.extends) {
-            EXPECT_EQ(store.shape(), "I" + std::to_string(firstID) + " U" + std::to_string(firstID))
+            const std::string id = std::to_string(firstID);
+            EXPECT_EQ(store.shape(), "I" + id + " U" + id)
                 << c.name;
             EXPECT_EQ(sampler->current()->samples, 2) << c.name;
             EXPECT_EQ(sampler->current()->endTS, t0 + c.elapsed) << c.name;
