@@ -126,6 +126,7 @@ TEST_F(ServerLinkTest, FailedSignInLeavesTheModelAsItWas) {
         QString server;  // empty: the scripted one
         int requests;    // reaching the scripted server
         const char* message;
+        bool readOnlyFolder = false;
     };
     const Script token = Script::json(200, R"({"token":"T"})"), key = Script::json(200, R"({"api_key":"K"})");
     const char* wrong = "Incorrect e-mail or password.";
@@ -154,9 +155,12 @@ TEST_F(ServerLinkTest, FailedSignInLeavesTheModelAsItWas) {
         {"enroll invalid JSON", "en", token, Script::json(200, "api_key=K"), {}, 2, failed},
         {"enroll never answers", "en", token, Script::misbehave(Mode::silent), {}, 2, failed},
         {"enroll 10 MB", "en", token, Script::misbehave(Mode::hugeWithLength), {}, 2, failed},
+        {"key cannot be saved", "en", token, key, {}, 2, failed, true},
     };
     for (const Case& c : cases) {
         connectTo("http://old.example", c.language);
+        std::optional<test::ReadOnly> folder;
+        if (c.readOnlyFolder && !folder.emplace(dir.path()).holds()) continue;  // root writes anyway
         server.script("/auth/login", c.login);
         server.script("/v1/enroll-self", c.enroll);
         QStringList messages;
@@ -168,24 +172,9 @@ TEST_F(ServerLinkTest, FailedSignInLeavesTheModelAsItWas) {
         EXPECT_EQ(messages, QStringList{QString::fromUtf8(c.message)}) << c.name;
         EXPECT_EQ(model->serverURL() + " " + model->apiKey(), "http://old.example KEY-SECRET") << c.name;
         EXPECT_EQ(identity(), "Old | s/h/1000 | reachable | unsaved") << c.name;
-        EXPECT_TRUE(changes.isEmpty()) << c.name;
+        EXPECT_TRUE(changes.isEmpty() || c.readOnlyFolder) << c.name;  // a failed save restores
         EXPECT_EQ(server.received.size(), c.requests) << c.name;
     }
-}
-
-TEST_F(ServerLinkTest, EnrollmentThatCannotBeSavedFails) {
-    test::ReadOnly folder(dir.path());
-    if (!folder.holds()) GTEST_SKIP() << "this file system lets root write anyway";
-    server.script("/auth/login", Script::json(200, R"({"token":"T"})"));
-    server.script("/v1/enroll-self", Script::json(200, R"({"api_key":"K"})"));
-    QStringList messages;
-    model->loginAndEnroll(server.base(), "a@b", "pw", [&](bool ok, std::optional<QString> m) {
-        messages << (ok ? "ok" : m.value_or("-"));
-    });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !messages.isEmpty(); }));
-    EXPECT_EQ(messages, QStringList{"Failed to enroll this computer."});
-    EXPECT_EQ(model->serverURL() + " " + model->apiKey(), "http://old.example KEY-SECRET");
-    EXPECT_EQ(server.received.size(), 2) << "no identity is asked for an unsaved key";
 }
 
 TEST_F(ServerLinkTest, IdentityAnswersUpdateReachabilityLabelAndPasscode) {
@@ -426,7 +415,6 @@ TEST(ServerAddressTest, OnlyWellFormedHttpAddressesAreUsed) {
         const auto url = endpointUrl(normalizedBase(QString::fromUtf8(typed)), "/auth/login");
         EXPECT_EQ(url ? url->toString().toStdString() : "none", expected ? expected : "none") << typed;
     }
-    EXPECT_EQ(normalizedBase(" https://corvi.example/ "), "https://corvi.example");
 }
 
 }  // namespace
