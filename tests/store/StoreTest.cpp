@@ -172,10 +172,16 @@ TEST_F(StoreTest, UpdateWritesOnlyGrowingFieldsAndOnlyForAKnownId) {
             "1|100.0|106.0|com.adobe.photoshop|Adobe Photoshop|Untitled-1|work|working|20.0|30.0|2.0|3|0"});
 }
 
-TEST_F(StoreTest, FetchGivesSmallestUnsyncedIdsInOrderUpToLimit) {
+TEST_F(StoreTest, MarkRunsOneExactStatementAndFetchGivesSmallestUnsyncedIdsUpToLimit) {
     Store store(file());
     for (int i = 1; i <= 12; ++i) store.openSession(session(i));
-    store.markSynced({1, 2, 3, 4, 6, 7, 8, 10, 12});
+    {
+        test::StatementTrace trace(StoreTestAccess::db(store));
+        store.markSynced({});
+        store.markSynced({1, 2, 3, 4, 6, 7, 8, 10, 12});
+        EXPECT_EQ(trace.statements,
+                  QStringList({"UPDATE sessions SET synced=1 WHERE id IN (1,2,3,4,6,7,8,10,12);"}));
+    }
     struct Case {
         int limit;
         std::vector<std::int64_t> ids;
@@ -183,20 +189,6 @@ TEST_F(StoreTest, FetchGivesSmallestUnsyncedIdsInOrderUpToLimit) {
     const Case cases[] = {{2, {5, 9}}, {500, {5, 9, 11}}, {1, {5}}, {0, {}}, {-1, {}}};
     for (const auto& c : cases) EXPECT_EQ(idsOf(store.fetchUnsynced(c.limit)), c.ids) << "limit " << c.limit;
     EXPECT_EQ(store.pendingCount(), 3);
-}
-
-TEST_F(StoreTest, MarkSyncedRunsOneExactStatementOrNone) {
-    Store store(file());
-    for (int i = 1; i <= 12; ++i) store.openSession(session(i));
-    {
-        test::StatementTrace trace(StoreTestAccess::db(store));
-        store.markSynced({});
-        EXPECT_EQ(trace.statements, QStringList());
-    }
-    test::StatementTrace trace(StoreTestAccess::db(store));
-    store.markSynced({3, 7, 12});
-    EXPECT_EQ(trace.statements, QStringList({"UPDATE sessions SET synced=1 WHERE id IN (3,7,12);"}));
-    EXPECT_EQ(queryRows(file(), "SELECT id FROM sessions WHERE synced=1;"), QStringList({"3", "7", "12"}));
 }
 
 // The uploader fetches a batch, posts it, and marks it once the server accepted it. A row the
