@@ -20,9 +20,7 @@ namespace corvi {
 namespace {
 
 using test::writeFile;
-QByteArray readAll(const QString& path) {
-    return test::readFile(path);
-}
+constexpr auto readAll = test::readFile;
 
 // Everything in the folder but the configuration file itself (left-over temporary files).
 QStringList strays(const QString& folder) {
