@@ -71,9 +71,6 @@ QString parentIsAFile(const QDir& d) {
     f.open(QIODevice::WriteOnly);
     return d.filePath("CorviAgent/corvi.sqlite");
 }
-QString nothing(const QDir& d) {
-    return d.filePath("corvi.sqlite");
-}
 
 TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNothing) {
     struct Case {
@@ -93,7 +90,8 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNot
         {"database header over random bytes", headerOverRandomBytes, nullptr, malformed, 3, 1, 0},
         {"path is a folder", folderAtPath, nullptr, openFailed, 1, 0, 0},
         {"folder is a regular file", parentIsAFile, nullptr, openFailed, 1, 0, 0},
-        {"read-only folder without a file", nothing, ".", openFailed, 1, 0, 0},
+        {"read-only folder without a file", [](const QDir& d) { return d.filePath("corvi.sqlite"); }, ".",
+         openFailed, 1, 0, 0},
         {"read-only file holding sessions", twoSessions, "corvi.sqlite",
          "SQLite: attempt to write a readonly database", 0, 1, 1},
         {"read-only folder holding sessions", twoSessions, ".", cannotWrite, 3, 1, 0},
