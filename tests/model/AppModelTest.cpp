@@ -80,7 +80,6 @@ TEST_F(AppModelTest, LoadTakesWhatTheFileHoldsAndDefaultsTheRest) {
         {"2 MB of valid json", R"({"paused": true})" + QByteArray(2'000'000, ' '),
          "||1|system|1|b2xk:b2xk:7"},
         {"empty object", "{}", defaults},
-        {"only paused", R"({"paused": true})", "||1|system|1|b2xk:b2xk:7"},
         {"all keys",
          R"({"server_url": "https://s", "api_key": "k", "paused": true, "language": "en", "launch_at_login": false,
              "passcode": {"salt": "c2FsdA==", "hash": "aGFzaA==", "iterations": 4096}})",
