@@ -58,16 +58,6 @@ class StoreTest : public ::testing::Test {
     test::RecordingLog log;
 };
 
-TEST_F(StoreTest, FreshFileHasTableBothIndexesAndNothingPending) {
-    Store store(file());
-    EXPECT_EQ(queryRows(file(), "SELECT type, name FROM sqlite_master ORDER BY name;"),
-              QStringList({"index|idx_sessions_start", "index|idx_sessions_synced", "table|sessions",
-                           "table|sqlite_sequence"}));
-    EXPECT_EQ(queryRows(file(), "PRAGMA journal_mode;"), QStringList({"wal"}));
-    EXPECT_EQ(store.pendingCount(), 0);
-    EXPECT_TRUE(store.fetchUnsynced(500).empty());
-}
-
 TEST_F(StoreTest, DefaultLocationIsPrivateFolderAndFile) {
     const test::ScopedEnv dataHome("XDG_DATA_HOME", dir.filePath(QStringLiteral("data")).toUtf8());
     Store store;
@@ -78,9 +68,15 @@ TEST_F(StoreTest, DefaultLocationIsPrivateFolderAndFile) {
     for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(store.path() + suffix), 0600u) << suffix;
 }
 
-TEST_F(StoreTest, ReopeningKeepsEveryRowAndIdsAreNotReused) {
+TEST_F(StoreTest, FreshFileHasTheSchemaAndReopeningKeepsEveryRowWithoutReusingIds) {
     {
         Store store(file());
+        EXPECT_EQ(queryRows(file(), "SELECT type, name FROM sqlite_master ORDER BY name;"),
+                  QStringList({"index|idx_sessions_start", "index|idx_sessions_synced", "table|sessions",
+                               "table|sqlite_sequence"}));
+        EXPECT_EQ(queryRows(file(), "PRAGMA journal_mode;"), QStringList({"wal"}));
+        EXPECT_EQ(store.pendingCount(), 0);
+        EXPECT_TRUE(store.fetchUnsynced(500).empty());
         for (int i = 0; i < 3; ++i) store.openSession(session(100 + i));
         store.markSynced({2});
     }
