@@ -5,7 +5,9 @@
 namespace corvi {
 
 // Whether the agent may read window titles. On X11 there is nothing to grant: titles are
-// readable when the display is open and its window manager publishes the active window.
+// readable when the display is open and its window manager publishes the active window. On
+// Wayland the desktop's own way in (a protocol, a Shell extension, a compositor script) must
+// answer.
 class Accessibility {
   public:
     virtual ~Accessibility() = default;
@@ -14,8 +16,5 @@ class Accessibility {
     // the same as trusted().
     virtual bool trustedWithPrompt() = 0;
 };
-
-// The desktop's check, on the probes' shared display connection.
-std::unique_ptr<Accessibility> makeAccessibility();
 
 }  // namespace corvi

@@ -24,7 +24,4 @@ class ActiveWindow {
     virtual QString focusedWindowTitle(std::int32_t pid) = 0;
 };
 
-// The desktop's frontmost window, on the probes' shared display connection.
-std::unique_ptr<ActiveWindow> makeActiveWindow();
-
 }  // namespace corvi

@@ -13,7 +13,4 @@ class IdleMonitor {
     virtual bool screenLocked() = 0;
 };
 
-// Idle time on the probes' shared display connection, lock state from the desktop's lockers.
-std::unique_ptr<IdleMonitor> makeIdleMonitor();
-
 }  // namespace corvi

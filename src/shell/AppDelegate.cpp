@@ -17,6 +17,7 @@
 #include "platform/CpuTimeSource.h"
 #include "platform/IdleMonitor.h"
 #include "platform/Log.h"
+#include "platform/Probes.h"
 #include "platform/LoginItem.h"
 #include "server/Syncer.h"
 #include "shell/AgentBus.h"
@@ -32,9 +33,10 @@ namespace corvi {
 
 AgentServices AgentServices::system() {
     AgentServices s;
-    s.window = makeActiveWindow();
-    s.idle = makeIdleMonitor();
-    s.accessibility = makeAccessibility();
+    Probes probes = makeProbes();
+    s.window = std::move(probes.window);
+    s.idle = std::move(probes.idle);
+    s.accessibility = std::move(probes.accessibility);
     s.cpu = makeCpuTimeSource();
     s.adminAuth = makeAdminAuth();
     s.passcodePrompt = std::make_unique<PasscodePrompt>();

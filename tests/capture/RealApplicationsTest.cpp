@@ -12,10 +12,9 @@
 #include <memory>
 
 #include "capture/Sampler.h"
-#include "platform/ActiveWindow.h"
 #include "platform/Clock.h"
 #include "platform/CpuTimeSource.h"
-#include "platform/IdleMonitor.h"
+#include "platform/Probes.h"
 #include "store/Store.h"
 #include "support/DBusDaemon.h"
 #include "support/EventLoop.h"
@@ -112,8 +111,9 @@ TEST(RealApplications, SamplesNameAndClassifyWhatTheyReallySend) {
     const test::ScopedEnv language("LANGUAGE", "pt_BR:pt"), locale("LC_ALL", "pt_BR.UTF-8");
     QTemporaryDir dir;
     Store store(dir.filePath("corvi.sqlite"));
-    auto window = makeActiveWindow();
-    auto idle = makeIdleMonitor();
+    Probes probes = makeProbes();
+    auto& window = probes.window;
+    auto& idle = probes.idle;
     SystemClock clock;
     Sampler sampler(store, 0.05, *window, *idle, clock, makeCpuTimeSource());
     std::optional<Sample> last;

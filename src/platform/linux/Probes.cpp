@@ -1,27 +1,33 @@
-// The probes' factories: one shared display connection, the session and system buses.
-#include <QDBusConnection>
+// The probes' factory: the backend follows the session the agent was started in.
+#include "platform/Probes.h"
 
-#include "platform/Accessibility.h"
-#include "platform/ActiveWindow.h"
-#include "platform/IdleMonitor.h"
+#include "platform/linux/DesktopSession.h"
 #include "platform/linux/X11Accessibility.h"
 #include "platform/linux/X11ActiveWindow.h"
 #include "platform/linux/X11IdleMonitor.h"
 
 namespace corvi {
 
-std::unique_ptr<ActiveWindow> makeActiveWindow() {
-    return std::make_unique<X11ActiveWindow>(X11Session::shared());
+Probes makeX11Probes() {
+    auto session = X11Session::shared();
+    return {std::make_unique<X11ActiveWindow>(session),
+            std::make_unique<X11IdleMonitor>(session, makeScreenLockProbe()),
+            std::make_unique<X11Accessibility>(session)};
 }
 
-std::unique_ptr<IdleMonitor> makeIdleMonitor() {
-    return std::make_unique<X11IdleMonitor>(
-        X11Session::shared(),
-        std::make_unique<ScreenLockProbe>(QDBusConnection::sessionBus(), QDBusConnection::systemBus()));
-}
-
-std::unique_ptr<Accessibility> makeAccessibility() {
-    return std::make_unique<X11Accessibility>(X11Session::shared());
+Probes makeProbes() {
+    const DesktopSession session = DesktopSession::detect(QProcessEnvironment::systemEnvironment());
+    switch (session.kind) {
+        case DesktopSession::Kind::wlroots:
+            return makeWlrootsProbes(session);
+        case DesktopSession::Kind::gnome:
+            return makeGnomeProbes(session);
+        case DesktopSession::Kind::kde:
+            return makeKdeProbes(session);
+        case DesktopSession::Kind::x11:
+            break;
+    }
+    return makeX11Probes();
 }
 
 }  // namespace corvi
