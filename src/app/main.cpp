@@ -25,7 +25,7 @@ const char* const usage =
     "\n"
     "The Corvimetry desktop agent. It lives in the system tray, samples the foreground\n"
     "application every 3 seconds, keeps sessions in a local database and uploads them to\n"
-    "the organisation's server. It needs an X11 display.\n"
+    "the organisation's server. It needs a desktop session (X11 or Wayland).\n"
     "\n"
     "  --version               print the version and exit\n"
     "  --help                  print this text and exit\n"
@@ -130,7 +130,7 @@ int main(int argc, char** argv) {
 
     QString why;
     if (!corvi::displayReachable(&why)) {
-        std::fprintf(stderr, "corviagent: %s. The agent runs in an X11 desktop session.\n",
+        std::fprintf(stderr, "corviagent: %s. The agent runs in a desktop session (X11 or Wayland).\n",
                      why.toLocal8Bit().constData());
         return 1;
     }

@@ -4,8 +4,9 @@
 
 namespace corvi {
 
-// Whether the X display named by DISPLAY accepts a connection. When it does not, `why`
-// says so in a sentence for the person who started the agent.
+// Whether the Wayland display named by WAYLAND_DISPLAY, or else the X display named by
+// DISPLAY, accepts a connection. When neither does, `why` says so in a sentence for the
+// person who started the agent.
 bool displayReachable(QString* why);
 
 }  // namespace corvi

@@ -20,7 +20,7 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
         {"version", {"--version"}, 0, QByteArray("CorviAgent ") + build::version},
         {"help", {"--help"}, 0, "Usage: corviagent"},
         {"unknown option", {"--frobnicate"}, 2, "unknown option --frobnicate"},
-        {"no display", {}, 1, "no X11 display"},
+        {"no display", {}, 1, "no display: neither WAYLAND_DISPLAY nor DISPLAY"},
         // Refused before the event loop runs: it must still end.
         {"sign-in to an address that does not parse", {"--sign-in", "not a server", "ana@studio.example"}, 1,
          "Invalid address."},
@@ -31,6 +31,7 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
         QProcess agent;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.remove("DISPLAY");
+        env.remove("WAYLAND_DISPLAY");
         env.insert("XDG_DATA_HOME", dir.path());
         env.insert("LC_ALL", "C.UTF-8");
         env.remove("LANGUAGE");
