@@ -5,7 +5,6 @@
 #include <QSessionManager>
 #include <QSettings>
 #include <QStandardPaths>
-#include <QSystemTrayIcon>
 #include <QTimer>
 
 #include "BuildConfig.h"
@@ -210,7 +209,7 @@ void AppDelegate::setupMenu() {
     QPointer<AppDelegate> self(this);
     QTimer::singleShot(3000, this, [self] {
         if (!self || !self->statusMenu_) return;
-        if (!QSystemTrayIcon::isSystemTrayAvailable() || !self->statusMenu_->statusItem()->isVisible())
+        if (!self->statusMenu_->iconShown())
             Log::line(QStringLiteral("CorviAgent: ícone da barra de menus está oculto (barra cheia/notch)"));
     });
     connect(statusMenu_, &StatusMenu::menuWillOpen, this, &AppDelegate::menuWillOpen);

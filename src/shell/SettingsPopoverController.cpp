@@ -53,11 +53,11 @@ bool SettingsPopoverController::mayOpen() {
 }
 
 void SettingsPopoverController::toggle(const QSystemTrayIcon* button) {
-    if (!button) return;
     if (isShown()) {
         popover_->close();
         return;
     }
+    if (!button) return;
     popover();
     if (!mayOpen()) return;
     const QRect icon = button->geometry();

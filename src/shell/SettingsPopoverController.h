@@ -26,7 +26,7 @@ class SettingsPopoverController : public QObject {
     ~SettingsPopoverController() override;
 
     // The menu's settings entry: closes the popover when it is shown, else opens it under
-    // `button`. No button: nothing.
+    // `button`. No button opens nothing.
     void toggle(const QSystemTrayIcon* button);
     // Opens the settings from outside the tray (a second start, the first run): under the tray
     // icon when it has a place on screen, else as a centred window. Raises them when shown.

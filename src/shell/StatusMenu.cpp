@@ -1,18 +1,28 @@
 #include "shell/StatusMenu.h"
 
 #include <QAction>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDBusServiceWatcher>
+#include <QGuiApplication>
 #include <QIcon>
 #include <QMenu>
 #include <QSystemTrayIcon>
 #include <QWidgetAction>
 
 #include "model/AppModel.h"
+#include "platform/XEmbedTray.h"
 #include "ui/CorviIcon.h"
 #include "ui/MenuStatusView.h"
 #include "ui/Theme.h"
 
 namespace corvi {
 namespace {
+
+const QString kWatcher = QStringLiteral("org.kde.StatusNotifierWatcher");
+const QString kWatcherPath = QStringLiteral("/StatusNotifierWatcher");
+const QString kHostRegistered = QStringLiteral("StatusNotifierHostRegistered");
 
 QString pick(const AppModel& model, const char* pt, const char* en) {
     return QString::fromUtf8(model.lang() == QLatin1String("pt") ? pt : en);
@@ -81,20 +91,66 @@ StatusMenu::StatusMenu(QObject* parent) : QObject(parent) {
     sairItem_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
     connect(menu_, &QMenu::aboutToShow, this, &StatusMenu::menuWillOpen);
 
-    statusItem_ = new QSystemTrayIcon(this);
-    statusItem_->setContextMenu(menu_);
-    // A left click opens the same menu, as a click on the status item does elsewhere.
-    connect(statusItem_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-        if (reason == QSystemTrayIcon::Trigger) menu_->popup(QCursor::pos());
-    });
+    if (trayHostPresent()) {
+        makeStatusItem();
+        return;
+    }
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    hostWatch_ = new QDBusServiceWatcher(kWatcher, bus, QDBusServiceWatcher::WatchForRegistration, this);
+    connect(hostWatch_, &QDBusServiceWatcher::serviceRegistered, this, &StatusMenu::hostMayHaveArrived);
+    // A watcher can come up before its host (a panel's own watcher, a desktop's daemon).
+    bus.connect(QString(), kWatcherPath, kWatcher, kHostRegistered, this, SLOT(hostMayHaveArrived()));
+    if (QGuiApplication::platformName() == QLatin1String("xcb"))
+        trayArrival_ = std::make_unique<XEmbedTrayArrival>([this] {
+            QMetaObject::invokeMethod(this, &StatusMenu::hostMayHaveArrived, Qt::QueuedConnection);
+        });
+    // One may have come while the watches were set up.
+    hostMayHaveArrived();
 }
 
 StatusMenu::~StatusMenu() {
     delete menu_;
 }
 
+bool StatusMenu::trayHostPresent() {
+    if (QGuiApplication::platformName() == QLatin1String("xcb") && xembedTrayPresent()) return true;
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.interface() || !bus.interface()->isServiceRegistered(kWatcher)) return false;
+    // Asked as Qt asks it, on the same connection, so Qt finds the same answer.
+    QDBusInterface watcher(kWatcher, kWatcherPath, kWatcher, bus);
+    return watcher.isValid() && watcher.property("IsStatusNotifierHostRegistered").toBool();
+}
+
+bool StatusMenu::iconShown() const {
+    // Qt's own isSystemTrayAvailable() would settle its choice of tray for good.
+    return statusItem_ && statusItem_->isVisible() && trayHostPresent();
+}
+
+void StatusMenu::hostMayHaveArrived() {
+    if (statusItem_ || !trayHostPresent()) return;
+    hostWatch_->deleteLater();  // this may run inside its signal
+    hostWatch_ = nullptr;
+    QDBusConnection::sessionBus().disconnect(QString(), kWatcherPath, kWatcher, kHostRegistered, this,
+                                             SLOT(hostMayHaveArrived()));
+    trayArrival_.reset();
+    makeStatusItem();
+}
+
+void StatusMenu::makeStatusItem() {
+    statusItem_ = new QSystemTrayIcon(this);
+    statusItem_->setContextMenu(menu_);
+    // A left click opens the same menu, as a click on the status item does elsewhere.
+    connect(statusItem_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger) menu_->popup(QCursor::pos());
+    });
+    if (!icon_.isNull()) statusItem_->setIcon(icon_);
+    statusItem_->setToolTip(toolTip_);
+    if (shown_) statusItem_->show();
+}
+
 void StatusMenu::show() {
-    statusItem_->show();
+    shown_ = true;
+    if (statusItem_) statusItem_->show();
 }
 
 QString StatusMenu::tooltip(const AppModel& model) {
@@ -128,12 +184,16 @@ void StatusMenu::refresh(const AppModel& model, const std::optional<QString>& pe
     // a signal) for every new icon, and this runs every few seconds.
     const bool dark = Theme::isDark();
     if (!drawnState_ || *drawnState_ != state || drawnDark_ != dark) {
-        statusItem_->setIcon(CorviIcon::statusIcon(iconDot(state)));
+        icon_ = CorviIcon::statusIcon(iconDot(state));
+        if (statusItem_) statusItem_->setIcon(icon_);
         drawnState_ = state;
         drawnDark_ = dark;
     }
     const QString tip = tooltip(model);
-    if (statusItem_->toolTip() != tip) statusItem_->setToolTip(tip);
+    if (toolTip_ != tip) {
+        toolTip_ = tip;
+        if (statusItem_) statusItem_->setToolTip(tip);
+    }
     statusView_->setState(statusDot(state), stateText(model), model.serverReachable());
 
     ajustesItem_->setText(pick(model, "Ajustes…", "Settings…"));

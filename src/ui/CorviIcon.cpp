@@ -8,6 +8,12 @@
 #include "ui/Theme.h"
 
 namespace corvi::CorviIcon {
+namespace {
+
+constexpr qreal haloWidth = 1.0;  // logical pixels on each side of the stroke
+constexpr qreal haloOpacity = 0.7;
+
+}  // namespace
 
 QImage statusImage(const QColor& dot, qreal devicePixelRatio) {
     constexpr qreal h = height;
@@ -19,10 +25,19 @@ QImage statusImage(const QColor& dot, qreal devicePixelRatio) {
 
     QPainter p(&image);
     p.setRenderHint(QPainter::Antialiasing);
-    p.setPen(QPen(Theme::tx(), 3 * s, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
     p.setBrush(Qt::NoBrush);
     // Each point × s is the trace stretched over the h × h glyph square.
-    p.drawPath(CorviShape::path(QRectF(0, 0, h, h)));
+    const QPainterPath trace = CorviShape::path(QRectF(0, 0, h, h));
+    // The panel need not follow the appearance (a dark panel under a light theme): a thin
+    // halo of the opposite lightness keeps the trace legible on any panel, and all but
+    // vanishes on the panels it already suits.
+    const QColor ink = Theme::tx();
+    QColor halo = ink.lightnessF() < 0.5 ? Qt::white : Qt::black;
+    halo.setAlphaF(haloOpacity);
+    p.setPen(QPen(halo, 3 * s + 2 * haloWidth, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    p.drawPath(trace);
+    p.setPen(QPen(ink, 3 * s, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    p.drawPath(trace);
 
     p.setPen(Qt::NoPen);
     p.setBrush(dot);

@@ -9,8 +9,9 @@
 namespace corvi {
 
 // The status icon: the heartbeat trace in the text colour of the current appearance
-// (Theme::tx) and a coloured dot to its right, 35 × 18 logical pixels. The trace's colour
-// follows the appearance, so the icon is redrawn when Appearance announces a change.
+// (Theme::tx) over a thin halo of the opposite lightness, and a coloured dot to its right,
+// 35 × 18 logical pixels. The trace's colour follows the appearance, so the icon is redrawn
+// when Appearance announces a change.
 namespace CorviIcon {
 
 inline constexpr const std::array<QPointF, 6>& points = CorviShape::points;

@@ -268,27 +268,39 @@ TEST_F(AppDelegateTest, ALogoutGrantLastsOnlyForThatLogout) {
     EXPECT_EQ(admin->asked, QStringList(3, "tech.stonefold.corvimetry.quit"));
 }
 
-// Launched with no tray host, then with one.
+// Launched with no tray host, with one, and with one that comes a second after the menu.
 TEST_F(AppDelegateTest, TrayPositionIsWrittenOnceAndAHiddenIconLoggedOnlyWithoutAHost) {
     const QString settings = home.filePath("config/CorviAgent/CorviAgent.conf");
     const QString key = "NSStatusItem Preferred Position Corvimetry";
     const QString line = "CorviAgent: ícone da barra de menus está oculto (barra cheia/notch)";
     QSettings(settings, QSettings::IniFormat).remove(key);
-    for (bool trayHost : {false, true}) {
-        SCOPED_TRACE(trayHost ? "trayer running" : "no tray host");
+    const struct {
+        const char* name;
+        int trayerAt;  // ms after the launch; -1 never
+    } cases[] = {{"no tray host", -1}, {"trayer running", 0}, {"trayer a second late", 1000}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
         QProcess trayer;
-        if (trayHost) trayer.start("trayer", {"--SetDockType", "true", "--edge", "top"});
-        ASSERT_TRUE(waitFor([&] { return QSystemTrayIcon::isSystemTrayAvailable() == trayHost; }, 5000));
+        const auto startTrayer = [&] { trayer.start("trayer", {"--SetDockType", "true", "--edge", "top"}); };
+        if (c.trayerAt == 0) startTrayer();
+        ASSERT_TRUE(waitFor([&] { return StatusMenu::trayHostPresent() == (c.trayerAt == 0); }, 5000));
         log.systemLines.clear();
         auto delegate = makeDelegate();
         delegate->applicationDidFinishLaunching();
         ASSERT_TRUE(QFile::exists(settings));
-        EXPECT_EQ(QSettings(settings, QSettings::IniFormat).value(key).toInt(), trayHost ? 512 : 220);
+        EXPECT_EQ(QSettings(settings, QSettings::IniFormat).value(key).toInt(), &c == cases ? 220 : 512);
         QSettings(settings, QSettings::IniFormat).setValue(key, 512);  // where the person dragged it
-        settle(2500);
+        if (c.trayerAt > 0) {
+            settle(c.trayerAt);
+            startTrayer();
+        }
+        settle(2500 - qMax(c.trayerAt, 0));
         EXPECT_FALSE(log.systemLines.contains(line)) << "logged before 3 seconds";
         settle(1000);
-        EXPECT_EQ(log.systemLines.contains(line), !trayHost);
+        EXPECT_EQ(log.systemLines.contains(line), c.trayerAt < 0);
+        // Docked: the tray gave the icon a place.
+        const QSystemTrayIcon* item = delegate->statusMenu()->statusItem();
+        EXPECT_EQ(item && !item->geometry().isEmpty(), c.trayerAt >= 0);
         delegate.reset();
         trayer.kill();
         trayer.waitForFinished(5000);

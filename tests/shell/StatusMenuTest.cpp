@@ -1,12 +1,16 @@
 #include <gtest/gtest.h>
 
 #include <QAction>
+#include <QDBusVariant>
 #include <QSystemTrayIcon>
 #include <QTemporaryDir>
+#include <atomic>
 #include <map>
 
 #include "model/AppModel.h"
 #include "shell/StatusMenu.h"
+#include "support/BusStandIn.h"
+#include "support/EventLoop.h"
 #include "support/QtPrinters.h"
 #include "ui/MenuStatusView.h"
 #include "ui/Theme.h"
@@ -44,19 +48,101 @@ TEST(StatusMenu, ShowsEachStateInItsLanguage) {
         model.setAccessibilityOK(c.permission);
         model.setServerReachable(c.reachable);
         menu.refresh(model, c.update);
-        QStringList shown{menu.statusItem()->toolTip(), menu.statusView()->stateText()};
+        QStringList shown{menu.toolTip(), menu.statusView()->stateText()};
         for (QAction* item : {menu.ajustesItem(), menu.pauseItem(), menu.updateItem(), menu.sairItem()}) {
             shown << (item->isVisible() ? item->text() : "-");
             EXPECT_FALSE(item->icon().isNull()) << item->text().toStdString();
         }
         EXPECT_EQ(shown.join(" | "), c.shown);
         // The dot of the tray icon, read back at 1×.
-        EXPECT_EQ(menu.statusItem()->icon().pixmap(QSize(35, 18), 1.0).toImage().pixelColor(31, 9), c.dot);
+        EXPECT_EQ(menu.icon().pixmap(QSize(35, 18), 1.0).toImage().pixelColor(31, 9), c.dot);
         EXPECT_EQ(menu.statusView()->online(), c.reachable);
         const QImage pauseIcon = menu.pauseItem()->icon().pixmap(16).toImage();
         EXPECT_EQ(pauseIcons.try_emplace(c.paused, pauseIcon).first->second, pauseIcon);
     }
     EXPECT_NE(pauseIcons[true], pauseIcons[false]);
+}
+
+const QString kWatcher = "org.kde.StatusNotifierWatcher";
+
+// A panel's StatusNotifierWatcher: it takes items and says whether its host is up, described
+// the way Qt reads it (introspection, then the property).
+class StandInWatcher {
+  public:
+    explicit StandInWatcher(bool hostUp) : hostUp_(hostUp) {}
+    bool start() { return standIn_.claim(kWatcher); }
+    void hostComes() {
+        hostUp_ = true;
+        standIn_.send(
+            QDBusMessage::createSignal("/StatusNotifierWatcher", kWatcher, "StatusNotifierHostRegistered"));
+    }
+    // The services that registered an item, in order.
+    QStringList items() const {
+        QStringList out;
+        for (const QDBusMessage& m : standIn_.received())
+            if (m.member() == "RegisterStatusNotifierItem") out << m.arguments().value(0).toString();
+        return out;
+    }
+
+  private:
+    void answer(const QDBusMessage& call, QDBusConnection& bus) {
+        if (call.member() != "Get") return void(bus.send(call.createReply()));
+        const QVariant value =
+            call.arguments().value(1) == "ProtocolVersion" ? QVariant(0) : QVariant(hostUp_.load());
+        bus.send(call.createReply(QVariant::fromValue(QDBusVariant(value))));
+    }
+
+    std::atomic<bool> hostUp_;
+    test::BusStandIn standIn_{qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), "/StatusNotifierWatcher",
+                              [this](const QDBusMessage& call, QDBusConnection& bus) { answer(call, bus); },
+                              false,
+                              R"(<interface name="org.kde.StatusNotifierWatcher">
+                                   <method name="RegisterStatusNotifierItem"><arg type="s" direction="in"/></method>
+                                   <property name="IsStatusNotifierHostRegistered" type="b" access="read"/>
+                                   <property name="ProtocolVersion" type="i" access="read"/>
+                                   <signal name="StatusNotifierHostRegistered"/>
+                                 </interface>)"};
+};
+
+// The agent starts at login before the panel. Qt settles the kind of tray when the first tray
+// icon is made, once per process, so nothing in this program may make one before this runs
+// (the menus above have no tray to make one for).
+TEST(StatusMenu, TheIconWaitsForAPanelThatComesAfterTheMenu) {
+    for (bool hostWithWatcher : {false, true}) {
+        SCOPED_TRACE(hostWithWatcher ? "host with the watcher" : "host after the watcher");
+        QTemporaryDir dir;
+        AppModel model(dir.filePath("config.json"));
+        model.setLanguage("en");
+        model.setAccessibilityOK(true);
+        model.setPaused(true);
+        StandInWatcher watcher(hostWithWatcher);
+        StatusMenu menu;
+        menu.refresh(model, std::nullopt);
+        menu.show();
+        test::settle(200);
+        EXPECT_EQ(menu.statusItem(), nullptr) << "an icon with no tray to take it";
+        EXPECT_FALSE(menu.iconShown());
+
+        ASSERT_TRUE(watcher.start());
+        if (!hostWithWatcher) {
+            test::settle(300);
+            EXPECT_EQ(menu.statusItem(), nullptr) << "an icon before the watcher had a host";
+            watcher.hostComes();
+        }
+        ASSERT_TRUE(test::waitFor([&] { return !watcher.items().isEmpty(); })) << "the icon never registered";
+        QSystemTrayIcon* item = menu.statusItem();
+        ASSERT_NE(item, nullptr);
+        EXPECT_TRUE(menu.iconShown());
+        // It shows what the menu was told before it existed, and what it is told after.
+        EXPECT_EQ(item->toolTip(), "Corvimetry - tracking paused");
+        EXPECT_EQ(item->icon().cacheKey(), menu.icon().cacheKey());
+        model.setPaused(false);
+        menu.refresh(model, std::nullopt);
+        EXPECT_EQ(item->toolTip(), "Corvimetry");
+        EXPECT_EQ(item->icon().pixmap(QSize(35, 18), 1.0).toImage().pixelColor(31, 9), QColor(47, 158, 47));
+        test::settle(200);
+        EXPECT_EQ(watcher.items().size(), 1);
+    }
 }
 
 }  // namespace

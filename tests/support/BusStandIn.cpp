@@ -8,7 +8,7 @@ namespace corvi::test {
 class BusStandInObject : public QDBusVirtualObject {
   public:
     explicit BusStandInObject(BusStandIn* owner) : owner_(owner) {}
-    QString introspect(const QString&) const override { return {}; }
+    QString introspect(const QString&) const override { return owner_->introspection_; }
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
         if (message.type() != QDBusMessage::MethodCallMessage ||
             message.interface() == QStringLiteral("org.freedesktop.DBus.Introspectable"))
@@ -26,10 +26,12 @@ class BusStandInObject : public QDBusVirtualObject {
     BusStandIn* owner_;
 };
 
-BusStandIn::BusStandIn(const QString& busAddress, const QString& path, Answer answer, bool subtree)
+BusStandIn::BusStandIn(const QString& busAddress, const QString& path, Answer answer, bool subtree,
+                       QString introspection)
     : connectionName_(QStringLiteral("stand-in-") + QUuid::createUuid().toString(QUuid::WithoutBraces)),
       bus_(QDBusConnection::connectToBus(busAddress, connectionName_)),
       answer_(std::move(answer)),
+      introspection_(std::move(introspection)),
       object_(new BusStandInObject(this)) {
     // Registered before the move: a subtree registration gives the object a child, which must
     // move with it.

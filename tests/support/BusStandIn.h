@@ -14,11 +14,14 @@ class BusStandInObject;
 // thread, so a blocking call from the test's thread gets its answer. An answer that sends no
 // reply leaves the caller waiting. The service name is owned between claim() and release().
 // With `subtree`, the objects below `path` are answered too (services that hand out objects).
+// `introspection` is the <interface> elements the object describes itself with, for callers
+// that introspect before they call.
 class BusStandIn {
   public:
     using Answer = std::function<void(const QDBusMessage& call, QDBusConnection& bus)>;
 
-    BusStandIn(const QString& busAddress, const QString& path, Answer answer, bool subtree = false);
+    BusStandIn(const QString& busAddress, const QString& path, Answer answer, bool subtree = false,
+               QString introspection = {});
     ~BusStandIn();
     BusStandIn(const BusStandIn&) = delete;
     BusStandIn& operator=(const BusStandIn&) = delete;
@@ -36,6 +39,7 @@ class BusStandIn {
     QDBusConnection bus_;
     QString service_;
     Answer answer_;
+    QString introspection_;
     mutable QMutex mutex_;
     QList<QDBusMessage> received_;
     QThread thread_;
