@@ -13,21 +13,21 @@
 #include <QTest>
 #include <QTimer>
 
-#include "BuildConfig.h"
 #include "StandIns.h"
 #include "capture/Sampler.h"
 #include "model/RecordingLoginItem.h"
 #include "platform/Paths.h"
+#include "BuildConfig.h"
 #include "shell/AppDelegate.h"
 #include "shell/PermissionWindowController.h"
 #include "shell/SettingsPopoverController.h"
+#include "ui/PermissionView.h"
+#include "ui/ThemedWidgets.h"
 #include "shell/StatusMenu.h"
 #include "store/Store.h"
 #include "support/EventLoop.h"
 #include "support/RecordingLog.h"
 #include "support/TestFiles.h"
-#include "ui/PermissionView.h"
-#include "ui/ThemedWidgets.h"
 
 namespace corvi {
 namespace {
@@ -243,8 +243,7 @@ TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSig
         EXPECT_FALSE(settings->popover()->windowFlags().testFlag(Qt::Popup)) << "a first-run popup";
         ASSERT_TRUE(permission->isOnScreen());
         permission->window()->close();
-        EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000))
-            << "the reminder did not show it";
+        EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000)) << "the reminder did not show it";
 
         // The menu's entry closes the shown settings; the window's step 1 opens the desktop's
         // own place to grant it, else the help page.
