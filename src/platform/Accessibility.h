@@ -15,6 +15,9 @@ class Accessibility {
     // Registers the agent and shows the system's prompt where a platform has one; answers
     // the same as trusted().
     virtual bool trustedWithPrompt() = 0;
+    // Opens the desktop's own place where the permission is granted (a settings page, an
+    // app); false when the desktop has none, and the caller shows its help page instead.
+    virtual bool openGrantPlace() { return false; }
 };
 
 }  // namespace corvi

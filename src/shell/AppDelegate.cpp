@@ -185,6 +185,7 @@ void AppDelegate::presentSettings() {
 
 void AppDelegate::grantPermission() {
     services_.accessibility->trustedWithPrompt();
+    if (services_.accessibility->openGrantPlace()) return;
     const QUrl help(QString::fromUtf8(build::webAddress) + QStringLiteral("/help/linux-permission"), QUrl::StrictMode);
     if (help.isValid() && !help.host().isEmpty()) services_.openUrl(help);
 }

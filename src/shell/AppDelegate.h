@@ -94,7 +94,8 @@ class AppDelegate : public QObject {
     // Opens the settings from outside the tray: a second start, the first run.
     void presentSettings();
     // The permission window's step 1 and the Status page's Grant button: the platform's own
-    // request, then the service's help page for this platform.
+    // request, then the desktop's own place to grant it, else the service's help page for
+    // this platform.
     void grantPermission();
 
     // The label the menu shows for an activity state (Portuguese in both languages).

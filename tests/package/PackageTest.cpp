@@ -86,6 +86,8 @@ TEST_F(Packages, HoldWhatAnInstalledAgentNeeds) {
         {"corviagent", "/usr/share/polkit-1/actions/tech.stonefold.corvimetry.policy"},
         {"corviagent", "/usr/lib/systemd/user/corviagent.service"},
         {"corviagent", "/usr/libexec/corviagent/start"},
+        {"corviagent", "/usr/share/gnome-shell/extensions/corviagent@corvimetry.stonefold.tech/extension.js"},
+        {"corviagent", "/usr/share/gnome-shell/extensions/corviagent@corvimetry.stonefold.tech/metadata.json"},
         {"corviagent-autostart", "/etc/xdg/autostart/" + appID + ".desktop"},
     };
     for (int size : {16, 32, 48, 64, 128, 256})

@@ -245,11 +245,17 @@ TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSig
         permission->window()->close();
         EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000)) << "the reminder did not show it";
 
-        // The menu's entry closes the shown settings; the window's step 1 opens the help page.
+        // The menu's entry closes the shown settings; the window's step 1 opens the desktop's
+        // own place to grant it, else the help page.
         delegate->statusMenu()->ajustesItem()->trigger();
         EXPECT_TRUE(waitFor([&] { return !settings->isShown(); }, 1000));
+        EXPECT_EQ(access->grantPlaceOpened, 0) << "opened at launch, before anyone asked";
         QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
         EXPECT_EQ(opened, QStringList{QString(build::webAddress) + "/help/linux-permission"});
+        access->hasGrantPlace = true;
+        QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
+        EXPECT_EQ(access->grantPlaceOpened, 2);
+        EXPECT_EQ(opened.size(), 1) << "the help page as well as the desktop's place";
     }
 }
 

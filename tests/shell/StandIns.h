@@ -40,7 +40,13 @@ struct StandInIdle final : IdleMonitor {
 struct StandInAccessibility final : Accessibility {
     bool trusted() override { return granted; }
     bool trustedWithPrompt() override { return granted; }
+    bool openGrantPlace() override {
+        ++grantPlaceOpened;
+        return hasGrantPlace;
+    }
     bool granted = true;
+    bool hasGrantPlace = false;  // the desktop has its own place to grant the permission
+    int grantPlaceOpened = 0;
 };
 
 struct StandInCpu final : CpuTimeSource {

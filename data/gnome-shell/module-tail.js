@@ -1,0 +1,12 @@
+
+export default class CorviAgentExtension extends Extension {
+    enable() {
+        this._publisher = new FocusPublisher();
+        this._publisher.enable();
+    }
+
+    disable() {
+        this._publisher.disable();
+        this._publisher = null;
+    }
+}

@@ -1,0 +1,26 @@
+#include "platform/linux/GnomeActiveWindow.h"
+
+namespace corvi {
+
+GnomeActiveWindow::GnomeActiveWindow(std::shared_ptr<GnomeShellExtension> extension,
+                                     std::unique_ptr<DesktopEntries> entries)
+    : extension_(std::move(extension)), entries_(std::move(entries)) {}
+
+std::optional<ActiveWindow::Info> GnomeActiveWindow::current() {
+    const std::optional<GnomeShellExtension::Focus> f = extension_->focus();
+    if (!f || !f->focused) return std::nullopt;
+    Info info;
+    info.bundleID = f->appId.isEmpty() ? QStringLiteral("unknown") : f->appId;
+    if (!f->appId.isEmpty()) info.appName = entries_->nameForId(f->appId);
+    if (info.appName.isEmpty()) info.appName = info.bundleID;
+    info.pid = f->pid;
+    info.windowTitle = f->title;
+    return info;
+}
+
+QString GnomeActiveWindow::focusedWindowTitle(std::int32_t pid) {
+    const std::optional<GnomeShellExtension::Focus> f = extension_->focus();
+    return f && f->focused && f->pid == pid ? f->title : QString();
+}
+
+}  // namespace corvi

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QDBusConnection>
+#include <memory>
+
+#include "platform/IdleMonitor.h"
+
+namespace corvi {
+
+class ScreenLockProbe;
+
+// Mutter's own idle counter for the whole session (org.gnome.Mutter.IdleMonitor, the core
+// monitor), asked once per read with a short timeout; no answer is 0.
+class GnomeIdleMonitor : public IdleMonitor {
+  public:
+    static constexpr int kCallTimeoutMs = 250;
+
+    GnomeIdleMonitor(QDBusConnection bus, std::unique_ptr<ScreenLockProbe> lock);
+    ~GnomeIdleMonitor() override;
+
+    double idleSeconds() override;
+    bool screenLocked() override;
+
+  private:
+    QDBusConnection bus_;
+    std::unique_ptr<ScreenLockProbe> lock_;
+};
+
+}  // namespace corvi

@@ -1,0 +1,27 @@
+#include "platform/linux/GnomeShellExtension.h"
+
+#include <QDBusMessage>
+#include <limits>
+
+namespace corvi {
+
+std::optional<GnomeShellExtension::Focus> GnomeShellExtension::focus() {
+    if (!bus_.isConnected()) return std::nullopt;
+    const QDBusMessage call =
+        QDBusMessage::createMethodCall(QString::fromLatin1(kBusName), QString::fromLatin1(kObjectPath),
+                                       QString::fromLatin1(kInterface), QStringLiteral("Get"));
+    const QDBusMessage reply = bus_.call(call, QDBus::Block, kCallTimeoutMs);
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.signature() != QLatin1String("bssu"))
+        return std::nullopt;
+    const QList<QVariant> args = reply.arguments();
+    Focus f;
+    f.focused = args[0].toBool();
+    if (!f.focused) return f;
+    f.appId = args[1].toString().trimmed();
+    f.title = args[2].toString();
+    const std::uint32_t pid = args[3].toUInt();
+    f.pid = pid <= std::uint32_t(std::numeric_limits<std::int32_t>::max()) ? std::int32_t(pid) : 0;
+    return f;
+}
+
+}  // namespace corvi

@@ -1,0 +1,180 @@
+#include "support/GnomeShell.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusMetaType>
+#include <QDBusVariant>
+#include <QElapsedTimer>
+#include <QFile>
+
+#include "support/ChildProcess.h"
+#include "support/EventLoop.h"
+#include "support/TestFiles.h"
+
+namespace corvi::test {
+namespace {
+
+const QString kShellName = QStringLiteral("org.gnome.Shell");
+
+QDBusMessage shellCall(const QString& interface, const QString& method, const QVariantList& args) {
+    QDBusMessage m =
+        QDBusMessage::createMethodCall(kShellName, QStringLiteral("/org/gnome/Shell"), interface, method);
+    m.setArguments(args);
+    return m;
+}
+
+}  // namespace
+
+GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QByteArray>& entries) {
+    if (!session_.ok() || !system_.ok()) return;
+    for (const char* sub : {"run", "home", "config", "cache"})
+        QDir(dir_.path()).mkpath(QString::fromLatin1(sub));
+    ::chmod(QFile::encodeName(dir_.filePath(QStringLiteral("run"))).constData(), 0700);
+    for (const auto& [id, text] : entries) writeFile(dataHome() + "/applications/" + id + ".desktop", text);
+
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir_.filePath(QStringLiteral("run")));
+    env.insert(QStringLiteral("HOME"), dir_.filePath(QStringLiteral("home")));
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir_.filePath(QStringLiteral("config")));
+    env.insert(QStringLiteral("XDG_CACHE_HOME"), dir_.filePath(QStringLiteral("cache")));
+    env.insert(QStringLiteral("XDG_DATA_HOME"), dataHome());
+    env.insert(QStringLiteral("XDG_DATA_DIRS"),
+               extensionData + QStringLiteral(":/usr/local/share:/usr/share"));
+    env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), session_.address());
+    // The Shell will not start without a system bus; an empty one will do.
+    env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), system_.address());
+    env.insert(QStringLiteral("GSETTINGS_BACKEND"), QStringLiteral("memory"));
+    env.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
+    env.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("GNOME"));
+    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "XDG_SESSION_ID", "XDG_SEAT"})
+        env.remove(QString::fromLatin1(name));
+    shell_.setProcessEnvironment(env);
+    shell_.setProcessChannelMode(QProcess::MergedChannels);
+    shell_.setStandardOutputFile(dir_.filePath(QStringLiteral("shell.log")));
+    shell_.start(QStringLiteral("gnome-shell"),
+                 {QStringLiteral("--headless"), QStringLiteral("--wayland"), QStringLiteral("--no-x11"),
+                  QStringLiteral("--virtual-monitor"), QStringLiteral("1280x800")});
+    if (!shell_.waitForStarted(5000)) return;
+
+    // Activated programs (the Extensions app) must reach this Shell, as in a real session.
+    QDBusMessage update = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("UpdateActivationEnvironment"));
+    const QStringList passed{"XDG_RUNTIME_DIR",    "HOME",          "XDG_CONFIG_HOME",   "XDG_CACHE_HOME",
+                             "XDG_DATA_HOME",      "XDG_DATA_DIRS", "GSETTINGS_BACKEND", "XDG_SESSION_TYPE",
+                             "XDG_CURRENT_DESKTOP"};
+    qDBusRegisterMetaType<QMap<QString, QString>>();
+    QMap<QString, QString> activation;
+    for (const QString& name : passed) activation.insert(name, env.value(name));
+    activation.insert(QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("wayland-0"));
+    update << QVariant::fromValue(activation);
+    bus().call(update);
+
+    // Ready once the Shell answers on the bus and has shown the overview it starts in; the
+    // overview holds the keyboard focus away from windows, so it is closed, and kept closed
+    // until the end of the startup animation no longer reopens it.
+    const bool up = waitFor(
+        [&] {
+            return shell_.state() == QProcess::Running &&
+                   bus().interface()->isServiceRegistered(kShellName).value();
+        },
+        30000);
+    if (!up) return;
+    const auto overviewActive = [&] {
+        const QDBusMessage get =
+            bus().call(shellCall(QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"),
+                                 {QStringLiteral("org.gnome.Shell"), QStringLiteral("OverviewActive")}));
+        return get.type() == QDBusMessage::ReplyMessage &&
+               get.arguments().value(0).value<QDBusVariant>().variant().toBool();
+    };
+    if (!waitFor(overviewActive, 30000)) return;
+    QElapsedTimer closedFor;
+    ok_ = waitFor(
+        [&] {
+            if (!overviewActive()) return closedFor.isValid() && closedFor.elapsed() >= 1000;
+            bus().call(shellCall(QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Set"),
+                                 {QStringLiteral("org.gnome.Shell"), QStringLiteral("OverviewActive"),
+                                  QVariant::fromValue(QDBusVariant(false))}));
+            closedFor.start();
+            return false;
+        },
+        30000);
+}
+
+GnomeShell::~GnomeShell() {
+    pause(false);
+    stop(shell_);
+    QDBusConnection::disconnectFromBus(QStringLiteral("gnome-shell-test"));
+}
+
+QString GnomeShell::log() const {
+    return QString::fromUtf8(readFile(dir_.filePath(QStringLiteral("shell.log"))).right(4000));
+}
+
+QDBusConnection GnomeShell::bus() const {
+    return QDBusConnection::connectToBus(session_.address(), QStringLiteral("gnome-shell-test"));
+}
+
+QProcessEnvironment GnomeShell::clientEnvironment() const {
+    QProcessEnvironment env = shell_.processEnvironment();
+    env.insert(QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("wayland-0"));
+    return env;
+}
+
+bool GnomeShell::setExtensionEnabled(const QString& uuid, bool enabled, const QString& busName) {
+    const QDBusMessage reply = bus().call(
+        shellCall(QStringLiteral("org.gnome.Shell.Extensions"),
+                  enabled ? QStringLiteral("EnableExtension") : QStringLiteral("DisableExtension"), {uuid}));
+    if (reply.type() != QDBusMessage::ReplyMessage || !reply.arguments().value(0).toBool()) return false;
+    return waitFor([&] { return bus().interface()->isServiceRegistered(busName).value() == enabled; });
+}
+
+void GnomeShell::pause(bool paused) {
+    if (shell_.state() == QProcess::Running) ::kill(pid_t(shell_.processId()), paused ? SIGSTOP : SIGCONT);
+}
+
+void GnomeShell::kill() {
+    pause(false);
+    shell_.kill();
+    shell_.waitForFinished(5000);
+}
+
+GnomeShell::Terminal::Terminal(const GnomeShell& shell, const QString& appId, const QString& title)
+    : fifo_(shell.dir_.filePath(appId + QStringLiteral(".titles"))) {
+    ::mkfifo(QFile::encodeName(fifo_).constData(), 0600);
+    process_.setProcessEnvironment(shell.clientEnvironment());
+    process_.setStandardOutputFile(QProcess::nullDevice());
+    process_.setStandardErrorFile(QProcess::nullDevice());
+    // Each line read sets the title with an OSC 2 sequence, as any program in it could.
+    process_.start(
+        QStringLiteral("foot"),
+        {QStringLiteral("--app-id=") + appId, QStringLiteral("--title=") + title, QStringLiteral("sh"),
+         QStringLiteral("-c"),
+         QStringLiteral("while read -r t < \"$0\"; do printf '\\033]2;%s\\007' \"$t\"; done"), fifo_});
+    process_.waitForStarted(5000);
+}
+
+GnomeShell::Terminal::~Terminal() {
+    close();
+}
+
+void GnomeShell::Terminal::setTitle(const QString& title) {
+    // Not blocking: a terminal that is gone has no reader, and the title is then dropped.
+    const int fd = ::open(QFile::encodeName(fifo_).constData(), O_WRONLY | O_NONBLOCK);
+    if (fd < 0) return;
+    const QByteArray line = title.toUtf8() + '\n';
+    [[maybe_unused]] const ssize_t written = ::write(fd, line.constData(), size_t(line.size()));
+    ::close(fd);
+}
+
+void GnomeShell::Terminal::close() {
+    stop(process_);
+    QFile::remove(fifo_);
+}
+
+}  // namespace corvi::test

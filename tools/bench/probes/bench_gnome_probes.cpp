@@ -1,0 +1,65 @@
+// One full GNOME probe round (focused window through our Shell extension, its name, idle time
+// from Mutter, the lock, the permission), as the sampler makes it each tick, against a private
+// headless GNOME Shell with a foot window in front.
+#include <QCoreApplication>
+#include <cstdio>
+
+#include "bench/BenchUtil.h"
+#include "platform/linux/GnomeAccessibility.h"
+#include "platform/linux/GnomeActiveWindow.h"
+#include "platform/linux/GnomeIdleMonitor.h"
+#include "platform/linux/ScreenLockProbe.h"
+#include "support/EventLoop.h"
+#include "support/GnomeShell.h"
+
+using namespace corvi;
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    test::GnomeShell shell(CORVI_GNOME_EXTENSION_DATA, {});
+    const QString busName = QString::fromLatin1(GnomeShellExtension::kBusName);
+    if (!shell.ok() ||
+        !shell.setExtensionEnabled(QString::fromLatin1(GnomeShellExtension::kUuid), true, busName)) {
+        std::fprintf(stderr, "could not start gnome-shell with the extension:\n%s\n",
+                     qPrintable(shell.log()));
+        return 1;
+    }
+    test::GnomeShell::Terminal terminal(
+        shell, QStringLiteral("org.gnome.TextEditor"),
+        QString::fromUtf8("Relat\xc3\xb3rio final \xe2\x80\x94 Layout.indd @ 100%"));
+    const QDBusConnection bus = shell.bus();
+    auto extension = std::make_shared<GnomeShellExtension>(bus);
+    GnomeActiveWindow window(extension);  // the installed desktop entries, as in the agent
+    GnomeIdleMonitor idle(bus, std::make_unique<ScreenLockProbe>(bus, bus));
+    GnomeAccessibility access(extension, bus);
+    const auto inFront = [&] {
+        const auto info = window.current();
+        return info && info->pid == terminal.pid();
+    };
+    if (!test::waitFor(inFront, 10000)) {
+        const auto info = window.current();
+        std::fprintf(stderr, "the foot window never had the focus: %s %d\n",
+                     info ? qPrintable(info->bundleID) : "none", info ? info->pid : 0);
+        return 1;
+    }
+
+    int sink = 0;
+    auto round = [&] {
+        const auto info = window.current();
+        sink += info ? static_cast<int>(info->windowTitle.size()) : 0;
+        sink += static_cast<int>(idle.idleSeconds());
+        sink += idle.screenLocked() ? 1 : 0;
+        sink += access.trusted() ? 1 : 0;
+    };
+    round();  // reads the desktop entries, finds the locker
+
+    constexpr int kRounds = 1000;
+    bench::report("GNOME probe round (4 bus calls), median", bench::medianNanos(kRounds, round) / 1000.0,
+                  "us", "< 2000 us");
+    bench::report("extension Get, median",
+                  bench::medianNanos(kRounds, [&] { sink += extension->focus() ? 1 : 0; }) / 1000.0, "us");
+    bench::report("Mutter GetIdletime, median",
+                  bench::medianNanos(kRounds, [&] { sink += static_cast<int>(idle.idleSeconds()); }) / 1000.0,
+                  "us");
+    return sink < 0 ? 1 : 0;
+}
