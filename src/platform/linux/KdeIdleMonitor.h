@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QDBusConnection>
+#include <chrono>
+#include <memory>
+
+#include "platform/IdleMonitor.h"
+#include "platform/linux/ScreenLockProbe.h"
+
+namespace corvi {
+
+// Idle time on KWin from the screen saver service on the session bus (Plasma's session
+// manager answers GetSessionIdleTime; KWin alone does not). While it does not answer, it is
+// asked again only every `reprobeInterval`. Lock state from the shared lock probe.
+class KdeIdleMonitor : public IdleMonitor {
+  public:
+    static constexpr int kCallTimeoutMs = 250;
+
+    KdeIdleMonitor(QDBusConnection sessionBus, std::unique_ptr<ScreenLockProbe> lock,
+                   std::chrono::milliseconds reprobeInterval = std::chrono::seconds(60));
+
+    double idleSeconds() override;
+    bool screenLocked() override;
+
+  private:
+    QDBusConnection bus_;
+    std::unique_ptr<ScreenLockProbe> lock_;
+    std::chrono::milliseconds reprobeInterval_;
+    bool silent_ = false;
+    std::chrono::steady_clock::time_point silentSince_{};
+};
+
+}  // namespace corvi
