@@ -1,0 +1,189 @@
+#include <gtest/gtest.h>
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QElapsedTimer>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include "platform/linux/KWinScript.h"
+#include "platform/linux/KdeAccessibility.h"
+#include "platform/linux/KdeActiveWindow.h"
+#include "platform/linux/KdeIdleMonitor.h"
+#include "support/DBusDaemon.h"
+#include "support/EventLoop.h"
+#include "support/KWinCompositor.h"
+#include "support/TestFiles.h"
+
+namespace corvi {
+namespace {
+
+using test::KWinCompositor;
+using test::waitFor;
+using namespace std::chrono_literals;
+
+constexpr int kTickMs = 3000;
+
+// The probes on their own connection to a private bus, as the agent has them on its session bus.
+struct KdeProbes {
+    KdeProbes(const QString& busAddress, const QString& entries, std::function<void()> unsupported = {},
+              std::chrono::milliseconds giveUpAfter = 60s)
+        : bus(QDBusConnection::connectToBus(busAddress, QStringLiteral("probes-%1").arg(++count))),
+          script(std::make_shared<KWinScript>(bus, std::move(unsupported), giveUpAfter)),
+          window(script, std::make_unique<DesktopEntries>(QStringList{entries})),
+          idle(bus, nullptr),
+          access(script) {}
+    ~KdeProbes() {
+        script.reset();
+        QDBusConnection::disconnectFromBus(bus.name());
+    }
+    // The script's first report, or false after KWin's time to load it.
+    bool ready() {
+        return waitFor([&] { return access.trusted(); }, 10000);
+    }
+    static inline int count = 0;
+    QDBusConnection bus;
+    std::shared_ptr<KWinScript> script;
+    KdeActiveWindow window;
+    KdeIdleMonitor idle;
+    KdeAccessibility access;
+};
+
+// One KWin on one private bus for the suite, and desktop entries in a temp folder.
+class KdeProbesTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        bus_ = new test::DBusDaemon();
+        kwin_ = new KWinCompositor(bus_->address());
+        entries_ = new QTemporaryDir();
+        test::writeFile(entries_->filePath(QStringLiteral("applications/org.example.Editor.desktop")),
+                        "[Desktop Entry]\nName=Example Editor\n");
+    }
+    static void TearDownTestSuite() {
+        delete kwin_;
+        delete bus_;
+        delete entries_;
+    }
+    void SetUp() override {
+        ASSERT_TRUE(bus_->ok());
+        ASSERT_TRUE(kwin_->ok()) << qPrintable(kwin_->error());
+    }
+    static QString entries() { return entries_->filePath(QStringLiteral("applications")); }
+    // Waits until the probe sees a window of this client with this title.
+    static bool seen(KdeProbes& p, const KWinCompositor::Window& w, const QString& title, int ms = 10000) {
+        return waitFor(
+            [&] {
+                const auto info = p.window.current();
+                return info && info->pid == w.pid() && info->windowTitle == title;
+            },
+            ms);
+    }
+
+    static inline test::DBusDaemon* bus_ = nullptr;
+    static inline KWinCompositor* kwin_ = nullptr;
+    static inline QTemporaryDir* entries_ = nullptr;
+};
+
+TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
+    KdeProbes p(bus_->address(), entries());
+    ASSERT_TRUE(p.ready()) << "the script never reported";
+    EXPECT_TRUE(p.access.trustedWithPrompt());
+
+    const QString hostile =
+        QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 \"caf\xc3\xa9\" \\ ' `$(x)` \xe2\x9c\x93");
+    struct Case {
+        const char* row;
+        QString appId, title, bundleID, appName;
+    };
+    const Case cases[] = {
+        {"entry names the app", "org.example.Editor", "Plain", "org.example.Editor", "Example Editor"},
+        {"no entry: the ID is the name", "org.example.NoEntry", hostile, "org.example.NoEntry",
+         "org.example.NoEntry"},
+    };
+    std::vector<KWinCompositor::Window> open;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.row);
+        open.push_back(kwin_->openWindow(c.appId, c.title));
+        const KWinCompositor::Window& w = open.back();
+        ASSERT_TRUE(seen(p, w, c.title)) << "the new window is activated and reported";
+        const auto info = p.window.current();
+        EXPECT_EQ(info->bundleID, c.bundleID);
+        EXPECT_EQ(info->appName, c.appName);
+        EXPECT_EQ(p.window.focusedWindowTitle(static_cast<std::int32_t>(w.pid())), c.title);
+        EXPECT_EQ(p.window.focusedWindowTitle(1), QString());
+    }
+
+    const QString renamed = QString::fromUtf8("Renamed \xe2\x80\x94 2");
+    open.back().setTitle(renamed);
+    EXPECT_TRUE(seen(p, open.back(), renamed, kTickMs)) << "a title change is seen within one tick";
+
+    for (auto& w : open) w.close();
+    EXPECT_TRUE(waitFor([&] { return !p.window.current().has_value(); })) << "no window: none";
+    EXPECT_TRUE(p.access.trusted());
+}
+
+TEST_F(KdeProbesTest, IdleTimeWithoutInput) {
+    KdeProbes p(bus_->address(), entries());
+    // KWin alone offers no screen saver service; the session manager of a full Plasma does.
+    EXPECT_EQ(p.idle.idleSeconds(), 0.0);
+    EXPECT_FALSE(p.idle.screenLocked()) << "no lock probe: not locked";
+}
+
+// KWin dies under the probes, then a new one comes up on the same bus.
+TEST_F(KdeProbesTest, KWinGoneThenBack) {
+    int unsupported = 0;
+    KdeProbes p(
+        bus_->address(), entries(), [&] { ++unsupported; }, 1s);
+    ASSERT_TRUE(p.ready());
+    auto before = kwin_->openWindow(QStringLiteral("org.example.Editor"), QStringLiteral("Before"));
+    ASSERT_TRUE(seen(p, before, QStringLiteral("Before")));
+
+    kwin_->kill();
+    EXPECT_TRUE(waitFor([&] { return !p.window.current() && !p.access.trusted(); }))
+        << "the last report is forgotten";
+    QElapsedTimer clock;
+    clock.start();
+    for (int tick = 0; tick < 3; ++tick) {
+        EXPECT_FALSE(p.window.current().has_value());
+        EXPECT_EQ(p.idle.idleSeconds(), 0.0);
+        EXPECT_FALSE(p.access.trusted());
+    }
+    EXPECT_LT(clock.elapsed(), 1000) << "no call waits on a KWin that is gone";
+
+    ASSERT_TRUE(kwin_->start()) << qPrintable(kwin_->error());
+    ASSERT_TRUE(p.ready()) << "the script is loaded into the new KWin";
+    auto after = kwin_->openWindow(QStringLiteral("org.example.Editor"), QStringLiteral("After"));
+    EXPECT_TRUE(seen(p, after, QStringLiteral("After")));
+    test::settle(1100);
+    p.window.current();
+    EXPECT_EQ(unsupported, 0) << "a KWin that went away and came back is no unsupported desktop";
+}
+
+// A bus with no KWin on it: neutral values at once, and one report that the desktop cannot be
+// seen. Calls made as KWin are refused to anyone else.
+TEST(KdeWithoutKWinTest, NeutralAndReportedOnce) {
+    test::DBusDaemon bus;
+    ASSERT_TRUE(bus.ok());
+    int unsupported = 0;
+    KdeProbes p(
+        bus.address(), QString(), [&] { ++unsupported; }, 300ms);
+
+    QDBusConnection impostor = QDBusConnection::connectToBus(bus.address(), QStringLiteral("impostor"));
+    auto fake = QDBusMessage::createMethodCall(p.bus.baseService(), KWinScript::kObjectPath,
+                                               KWinScript::kInterface, QStringLiteral("Active"));
+    fake << QString("org.example.Fake") << QString("Fake") << QString("Fake") << 1.0;
+    EXPECT_EQ(impostor.call(fake, QDBus::Block, 1000).type(), QDBusMessage::ErrorMessage);
+    QDBusConnection::disconnectFromBus(impostor.name());
+
+    test::settle(500);
+    for (int tick = 0; tick < 3; ++tick) {
+        EXPECT_FALSE(p.window.current().has_value());
+        EXPECT_EQ(p.window.focusedWindowTitle(1), QString());
+        EXPECT_EQ(p.idle.idleSeconds(), 0.0);
+        EXPECT_FALSE(p.access.trusted());
+    }
+    EXPECT_EQ(unsupported, 1);
+}
+
+}  // namespace
+}  // namespace corvi

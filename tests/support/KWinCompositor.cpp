@@ -1,0 +1,132 @@
+#include "support/KWinCompositor.h"
+
+#include <QDBusMessage>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QStandardPaths>
+#include <QThread>
+
+#include "support/ChildProcess.h"
+
+namespace corvi::test {
+
+KWinCompositor::KWinCompositor(const QString& busAddress)
+    : busAddress_(busAddress),
+      bus_(QDBusConnection::connectToBus(busAddress, QStringLiteral("kwin-fixture-%1").arg(quintptr(this)))),
+      runtimeDir_(home_.filePath(QStringLiteral("runtime"))),
+      socket_(QStringLiteral("wayland-kwin-test")) {
+    QDir().mkpath(runtimeDir_);
+    QFile::setPermissions(runtimeDir_, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    start();
+}
+
+KWinCompositor::~KWinCompositor() {
+    stop(kwin_);
+    QDBusConnection::disconnectFromBus(bus_.name());
+}
+
+bool KWinCompositor::startKWin(const QString& program) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"WAYLAND_DISPLAY", "DISPLAY", "QT_QPA_PLATFORM", "XDG_SESSION_TYPE"})
+        env.remove(QString::fromLatin1(name));
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
+    env.insert(QStringLiteral("HOME"), home_.path());
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home_.filePath(QStringLiteral("config")));
+    env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress_);
+    // Software rendering either way; QPainter costs the shared machine less than llvmpipe.
+    env.insert(QStringLiteral("KWIN_COMPOSE"), QStringLiteral("Q"));
+    kwin_.setProcessEnvironment(env);
+    kwin_.setProcessChannelMode(QProcess::MergedChannels);
+    kwin_.start(program,
+                {QStringLiteral("--virtual"), QStringLiteral("--socket"), socket_, QStringLiteral("--width"),
+                 QStringLiteral("1024"), QStringLiteral("--height"), QStringLiteral("768")});
+    if (!kwin_.waitForStarted(5000)) {
+        error_ = program + QStringLiteral(": ") + kwin_.errorString();
+        return false;
+    }
+    return true;
+}
+
+bool KWinCompositor::start() {
+    ok_ = false;
+    error_.clear();
+    if (!program_.isEmpty()) {
+        startKWin(program_);
+    } else if (startKWin(QStringLiteral("kwin_wayland"))) {
+        program_ = QStringLiteral("kwin_wayland");
+    } else {
+        // Debian gives kwin_wayland the CAP_SYS_RESOURCE file capability; where the bounding
+        // set lacks it (a container), exec fails with EPERM. A copy carries no capability.
+        const QString firstError = error_;
+        const QString copy = home_.filePath(QStringLiteral("kwin_wayland"));
+        const QString installed = QStandardPaths::findExecutable(QStringLiteral("kwin_wayland"));
+        if (installed.isEmpty() || !QFile::copy(installed, copy) || !startKWin(copy)) {
+            error_ = firstError + QStringLiteral("; a copy: ") + error_;
+            return false;
+        }
+        program_ = copy;
+    }
+    // Ready once the socket exists and the scripting interface answers.
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 30000 && kwin_.state() == QProcess::Running) {
+        auto ask = QDBusMessage::createMethodCall(
+            QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+            QStringLiteral("org.kde.kwin.Scripting"), QStringLiteral("isScriptLoaded"));
+        ask << QStringLiteral("-");
+        if (QFile::exists(runtimeDir_ + u'/' + socket_) &&
+            bus_.call(ask, QDBus::Block, 1000).type() == QDBusMessage::ReplyMessage) {
+            ok_ = true;
+            return true;
+        }
+        QThread::msleep(50);
+    }
+    kwin_.waitForFinished(100);
+    error_ = QStringLiteral("kwin_wayland did not come up: ") +
+             QString::fromLocal8Bit(kwin_.readAll().right(2000));
+    stop(kwin_);
+    return false;
+}
+
+void KWinCompositor::kill() {
+    kwin_.kill();
+    kwin_.waitForFinished(5000);
+    ok_ = false;
+}
+
+KWinCompositor::Window KWinCompositor::openWindow(const QString& appId, const QString& title) {
+    Window w;
+    w.process = std::make_unique<QProcess>();
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("DISPLAY"));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
+    env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket_);
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
+    w.process->setProcessEnvironment(env);
+    w.process->setStandardOutputFile(QProcess::nullDevice());
+    w.process->setStandardErrorFile(QProcess::nullDevice());
+    w.process->start(QStringLiteral(CORVI_TEST_WAYLAND_WINDOW),
+                     {QStringLiteral("--app-id"), appId, QStringLiteral("--title"), title});
+    w.process->waitForStarted(5000);
+    return w;
+}
+
+KWinCompositor::Window::~Window() {
+    close();
+}
+
+void KWinCompositor::Window::setTitle(const QString& title) {
+    if (!process) return;
+    process->write(title.toUtf8() + '\n');
+    process->waitForBytesWritten(1000);
+}
+
+void KWinCompositor::Window::close() {
+    if (!process) return;
+    process->closeWriteChannel();
+    if (!process->waitForFinished(3000)) stop(*process);
+    process.reset();
+}
+
+}  // namespace corvi::test
