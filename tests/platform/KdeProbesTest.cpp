@@ -3,6 +3,7 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QElapsedTimer>
+#include <QProcess>
 #include <QTemporaryDir>
 #include <QThread>
 
@@ -26,12 +27,12 @@ constexpr int kTickMs = 3000;
 
 // The probes on their own connection to a private bus, as the agent has them on its session bus.
 struct KdeProbes {
-    KdeProbes(const QString& busAddress, const QString& entries, std::function<void()> unsupported = {},
-              std::chrono::milliseconds giveUpAfter = 60s)
+    KdeProbes(const QString& busAddress, const QString& waylandSocket, const QString& entries,
+              std::function<void()> unsupported = {}, std::chrono::milliseconds giveUpAfter = 60s)
         : bus(QDBusConnection::connectToBus(busAddress, QStringLiteral("probes-%1").arg(++count))),
           script(std::make_shared<KWinScript>(bus, std::move(unsupported), giveUpAfter)),
           window(script, std::make_unique<DesktopEntries>(QStringList{entries})),
-          idle(bus, nullptr),
+          idle(std::make_shared<WaylandSession>(waylandSocket.toLocal8Bit(), 100ms), bus, nullptr),
           access(script) {}
     ~KdeProbes() {
         script.reset();
@@ -85,7 +86,7 @@ class KdeProbesTest : public ::testing::Test {
 };
 
 TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
-    KdeProbes p(bus_->address(), entries());
+    KdeProbes p(bus_->address(), kwin_->socketPath(), entries());
     ASSERT_TRUE(p.ready()) << "the script never reported";
     EXPECT_TRUE(p.access.trustedWithPrompt());
 
@@ -122,10 +123,11 @@ TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
     EXPECT_TRUE(p.access.trusted());
 }
 
-TEST_F(KdeProbesTest, IdleTimeWithoutInput) {
-    KdeProbes p(bus_->address(), entries());
-    // KWin alone offers no screen saver service; the session manager of a full Plasma does.
-    EXPECT_EQ(p.idle.idleSeconds(), 0.0);
+TEST_F(KdeProbesTest, IdleTimeFromKWinsTimer) {
+    KdeProbes p(bus_->address(), kwin_->socketPath(), entries());
+    EXPECT_TRUE(waitFor([&] { return p.idle.idleSeconds() >= 2.0; })) << "idle time grows without input";
+    ASSERT_TRUE(kwin_->fakeInput()) << "KWin offers fake input to the program its entry names";
+    EXPECT_TRUE(waitFor([&] { return p.idle.idleSeconds() < 1.0; }, 2000)) << "input resets it";
     EXPECT_FALSE(p.idle.screenLocked()) << "no lock probe: not locked";
 }
 
@@ -133,7 +135,7 @@ TEST_F(KdeProbesTest, IdleTimeWithoutInput) {
 TEST_F(KdeProbesTest, KWinGoneThenBack) {
     int unsupported = 0;
     KdeProbes p(
-        bus_->address(), entries(), [&] { ++unsupported; }, 1s);
+        bus_->address(), kwin_->socketPath(), entries(), [&] { ++unsupported; }, 1s);
     ASSERT_TRUE(p.ready());
     auto before = kwin_->openWindow(QStringLiteral("org.example.Editor"), QStringLiteral("Before"));
     ASSERT_TRUE(seen(p, before, QStringLiteral("Before")));
@@ -166,7 +168,7 @@ TEST(KdeWithoutKWinTest, NeutralAndReportedOnce) {
     ASSERT_TRUE(bus.ok());
     int unsupported = 0;
     KdeProbes p(
-        bus.address(), QString(), [&] { ++unsupported; }, 300ms);
+        bus.address(), QStringLiteral("/nonexistent/wayland-0"), QString(), [&] { ++unsupported; }, 300ms);
 
     QDBusConnection impostor = QDBusConnection::connectToBus(bus.address(), QStringLiteral("impostor"));
     auto fake = QDBusMessage::createMethodCall(p.bus.baseService(), KWinScript::kObjectPath,

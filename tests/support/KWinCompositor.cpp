@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QStandardPaths>
 #include <QThread>
 
@@ -17,6 +18,14 @@ KWinCompositor::KWinCompositor(const QString& busAddress)
       runtimeDir_(home_.filePath(QStringLiteral("runtime"))),
       socket_(QStringLiteral("wayland-kwin-test")) {
     QDir().mkpath(runtimeDir_);
+    // KWin offers its fake input protocol only to a program a desktop entry lists it for.
+    QFile entry(home_.filePath(QStringLiteral("share/applications/corvi-test-fake-input.desktop")));
+    QDir().mkpath(QFileInfo(entry).path());
+    if (entry.open(QIODevice::WriteOnly))
+        entry.write(
+            "[Desktop Entry]\nType=Application\nName=Fake "
+            "input\nNoDisplay=true\nExec=" CORVI_TEST_KWIN_FAKE_INPUT
+            "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n");
     QFile::setPermissions(runtimeDir_, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     start();
 }
@@ -33,6 +42,7 @@ bool KWinCompositor::startKWin(const QString& program) {
     env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
     env.insert(QStringLiteral("HOME"), home_.path());
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), home_.filePath(QStringLiteral("config")));
+    env.insert(QStringLiteral("XDG_DATA_HOME"), home_.filePath(QStringLiteral("share")));
     env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress_);
     // Software rendering either way; QPainter costs the shared machine less than llvmpipe.
     env.insert(QStringLiteral("KWIN_COMPOSE"), QStringLiteral("Q"));
@@ -93,6 +103,15 @@ void KWinCompositor::kill() {
     kwin_.kill();
     kwin_.waitForFinished(5000);
     ok_ = false;
+}
+
+bool KWinCompositor::fakeInput() {
+    QProcess input;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("WAYLAND_DISPLAY"), socketPath());
+    input.setProcessEnvironment(env);
+    input.start(QStringLiteral(CORVI_TEST_KWIN_FAKE_INPUT), {});
+    return input.waitForFinished(5000) && input.exitStatus() == QProcess::NormalExit && input.exitCode() == 0;
 }
 
 KWinCompositor::Window KWinCompositor::openWindow(const QString& appId, const QString& title) {

@@ -23,6 +23,8 @@ class KWinCompositor {
     // Why it is not ok: the program's own words.
     QString error() const { return error_; }
     QString socket() const { return socket_; }
+    // The socket as an absolute path, for a client whose runtime folder is another.
+    QString socketPath() const { return runtimeDir_ + u'/' + socket_; }
 
     // A client showing one window with this app ID and title; KWin activates a new window.
     class Window {
@@ -42,6 +44,10 @@ class KWinCompositor {
         std::unique_ptr<QProcess> process;
     };
     Window openWindow(const QString& appId, const QString& title);
+
+    // Moves the pointer through KWin's fake input protocol, as a remote desktop tool would;
+    // answers whether KWin took it.
+    bool fakeInput();
 
     // Ends KWin the hard way, as a crash would, and its clients with it.
     void kill();

@@ -5,11 +5,20 @@
 
 namespace corvi {
 
-KdeIdleMonitor::KdeIdleMonitor(QDBusConnection sessionBus, std::unique_ptr<ScreenLockProbe> lock,
+KdeIdleMonitor::KdeIdleMonitor(std::shared_ptr<WaylandSession> wayland, QDBusConnection sessionBus,
+                               std::unique_ptr<ScreenLockProbe> lock,
                                std::chrono::milliseconds reprobeInterval)
-    : bus_(std::move(sessionBus)), lock_(std::move(lock)), reprobeInterval_(reprobeInterval) {}
+    : wayland_(std::move(wayland), nullptr),
+      bus_(std::move(sessionBus)),
+      lock_(std::move(lock)),
+      reprobeInterval_(reprobeInterval) {}
 
 double KdeIdleMonitor::idleSeconds() {
+    const double seconds = wayland_.idleSeconds();
+    return wayland_.watching() ? seconds : screenSaverIdleSeconds();
+}
+
+double KdeIdleMonitor::screenSaverIdleSeconds() {
     const auto now = std::chrono::steady_clock::now();
     if (!bus_.isConnected() || (silent_ && now - silentSince_ < reprobeInterval_)) return 0;
     const auto call = QDBusMessage::createMethodCall(
