@@ -131,6 +131,22 @@ TEST_F(KdeProbesTest, IdleTimeFromKWinsTimer) {
     EXPECT_FALSE(p.idle.screenLocked()) << "no lock probe: not locked";
 }
 
+// An earlier agent's copy of the script is still loaded, with another script after it. Ours
+// replaces the copy, and runs although KWin numbers it like the other script.
+TEST_F(KdeProbesTest, StaleCopyIsReplaced) {
+    QTemporaryDir dir;
+    const QString stale = dir.filePath(QStringLiteral("stale.js")),
+                  other = dir.filePath(QStringLiteral("other.js"));
+    ASSERT_TRUE(test::writeFile(stale, "// an earlier agent's copy, calling a name that is gone\n"));
+    ASSERT_TRUE(test::writeFile(other, "// another script\n"));
+    ASSERT_GE(kwin_->loadScript(stale, KWinScript::kPluginName), 0);
+    ASSERT_GE(kwin_->loadScript(other, QStringLiteral("org.example.other")), 0);
+
+    KdeProbes p(bus_->address(), kwin_->socketPath(), entries());
+    EXPECT_TRUE(p.ready());
+    kwin_->unloadScript(QStringLiteral("org.example.other"));
+}
+
 // KWin dies under the probes, then a new one comes up on the same bus.
 TEST_F(KdeProbesTest, KWinGoneThenBack) {
     int unsupported = 0;
@@ -156,6 +172,7 @@ TEST_F(KdeProbesTest, KWinGoneThenBack) {
     ASSERT_TRUE(p.ready()) << "the script is loaded into the new KWin";
     auto after = kwin_->openWindow(QStringLiteral("org.example.Editor"), QStringLiteral("After"));
     EXPECT_TRUE(seen(p, after, QStringLiteral("After")));
+    EXPECT_TRUE(waitFor([&] { return p.idle.idleSeconds() >= 1.0; })) << "the new KWin's idle timer";
     test::settle(1100);
     p.window.current();
     EXPECT_EQ(unsupported, 0) << "a KWin that went away and came back is no unsupported desktop";

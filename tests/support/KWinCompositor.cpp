@@ -105,6 +105,32 @@ void KWinCompositor::kill() {
     ok_ = false;
 }
 
+int KWinCompositor::loadScript(const QString& file, const QString& pluginName) {
+    auto load = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+                                               QStringLiteral("org.kde.kwin.Scripting"),
+                                               QStringLiteral("loadScript"));
+    load << file << pluginName;
+    const QDBusMessage reply = bus_.call(load, QDBus::Block, 5000);
+    const int id = reply.type() == QDBusMessage::ReplyMessage ? reply.arguments().value(0).toInt() : -1;
+    if (id < 0) return -1;
+    // KWin 6 places a script at /Scripting/Script<id>, KWin 5 at /<id>.
+    for (const QString& path : {QStringLiteral("/Scripting/Script%1"), QStringLiteral("/%1")}) {
+        const auto run =
+            QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), path.arg(id),
+                                           QStringLiteral("org.kde.kwin.Script"), QStringLiteral("run"));
+        if (bus_.call(run, QDBus::Block, 5000).type() == QDBusMessage::ReplyMessage) break;
+    }
+    return id;
+}
+
+void KWinCompositor::unloadScript(const QString& pluginName) {
+    auto unload = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+                                                 QStringLiteral("org.kde.kwin.Scripting"),
+                                                 QStringLiteral("unloadScript"));
+    unload << pluginName;
+    bus_.call(unload, QDBus::Block, 5000);
+}
+
 bool KWinCompositor::fakeInput() {
     QProcess input;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();

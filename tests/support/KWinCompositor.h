@@ -45,6 +45,11 @@ class KWinCompositor {
     };
     Window openWindow(const QString& appId, const QString& title);
 
+    // Loads and runs a script file under a plugin name, as any session client may; answers
+    // KWin's id for it, -1 when refused.
+    int loadScript(const QString& file, const QString& pluginName);
+    void unloadScript(const QString& pluginName);
+
     // Moves the pointer through KWin's fake input protocol, as a remote desktop tool would;
     // answers whether KWin took it.
     bool fakeInput();

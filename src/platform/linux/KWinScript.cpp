@@ -29,6 +29,13 @@ std::int32_t pidOf(const QVariant& v) {
                                                                             : 0;
 }
 
+QString capped(QString caption) {
+    if (caption.size() <= KWinScript::kCaptionChars) return caption;
+    caption.truncate(KWinScript::kCaptionChars);
+    if (caption.back().isHighSurrogate()) caption.chop(1);
+    return caption;
+}
+
 }  // namespace
 
 class KWinScript::Receiver : public QDBusVirtualObject {
@@ -102,7 +109,7 @@ void KWinScript::handle(const QDBusMessage& message) {
     }
     const QVariantList args = message.arguments();
     if (message.member() == QLatin1String("Active") && args.size() == 4) {
-        active_ = Window{args[0].toString(), args[1].toString(), args[2].toString(), pidOf(args[3])};
+        active_ = Window{args[0].toString(), args[1].toString(), capped(args[2].toString()), pidOf(args[3])};
     } else if (message.member() == QLatin1String("None")) {
         active_.reset();
     } else {

@@ -25,6 +25,8 @@ class KWinScript : public QObject {
 
   public:
     static constexpr int kCallTimeoutMs = 250;
+    // A longer caption is cut to this many UTF-16 units, never inside a surrogate pair.
+    static constexpr qsizetype kCaptionChars = 64 * 1024;
     static inline const QString kPluginName = QStringLiteral("tech.stonefold.corvimetry.activewindow");
     static inline const QString kObjectPath = QStringLiteral("/tech/stonefold/corvimetry/KWinActiveWindow");
     static inline const QString kInterface = QStringLiteral("tech.stonefold.corvimetry.KWinActiveWindow");
