@@ -110,8 +110,16 @@ int KWinCompositor::loadScript(const QString& file, const QString& pluginName) {
                                                QStringLiteral("org.kde.kwin.Scripting"),
                                                QStringLiteral("loadScript"));
     load << file << pluginName;
-    const QDBusMessage reply = bus_.call(load, QDBus::Block, 5000);
-    const int id = reply.type() == QDBusMessage::ReplyMessage ? reply.arguments().value(0).toInt() : -1;
+    // A script of that name being unloaded still holds it until KWin deletes it.
+    int id = -1;
+    QElapsedTimer clock;
+    clock.start();
+    while (id < 0 && clock.elapsed() < 2000) {
+        const QDBusMessage reply = bus_.call(load, QDBus::Block, 5000);
+        if (reply.type() != QDBusMessage::ReplyMessage) return -1;
+        id = reply.arguments().value(0).toInt();
+        if (id < 0) QThread::msleep(50);
+    }
     if (id < 0) return -1;
     // KWin 6 places a script at /Scripting/Script<id>, KWin 5 at /<id>.
     for (const QString& path : {QStringLiteral("/Scripting/Script%1"), QStringLiteral("/%1")}) {
