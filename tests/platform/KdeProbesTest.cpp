@@ -2,10 +2,8 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
-#include <QElapsedTimer>
-#include <QProcess>
+#include <QDBusPendingCall>
 #include <QTemporaryDir>
-#include <QThread>
 
 #include "platform/linux/KWinScript.h"
 #include "platform/linux/KdeAccessibility.h"
@@ -114,6 +112,17 @@ TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
         EXPECT_EQ(p.window.focusedWindowTitle(1), QString());
     }
 
+    // Only KWin's own connection speaks for the windows.
+    QDBusConnection impostor = QDBusConnection::connectToBus(bus_->address(), QStringLiteral("impostor"));
+    auto fake = QDBusMessage::createMethodCall(p.bus.baseService(), KWinScript::kObjectPath,
+                                               KWinScript::kInterface, QStringLiteral("Active"));
+    fake << QString("org.example.Fake") << QString("Fake") << QString("Fake") << 1.0;
+    QDBusPendingCall answer = impostor.asyncCall(fake, 2000);
+    ASSERT_TRUE(waitFor([&] { return answer.isFinished(); }));
+    EXPECT_EQ(answer.error().type(), QDBusError::AccessDenied);
+    QDBusConnection::disconnectFromBus(impostor.name());
+    EXPECT_EQ(p.window.current()->bundleID, cases[1].bundleID);
+
     const QString renamed = QString::fromUtf8("Renamed \xe2\x80\x94 2");
     open.back().setTitle(renamed);
     EXPECT_TRUE(seen(p, open.back(), renamed, kTickMs)) << "a title change is seen within one tick";
@@ -159,14 +168,11 @@ TEST_F(KdeProbesTest, KWinGoneThenBack) {
     kwin_->kill();
     EXPECT_TRUE(waitFor([&] { return !p.window.current() && !p.access.trusted(); }))
         << "the last report is forgotten";
-    QElapsedTimer clock;
-    clock.start();
     for (int tick = 0; tick < 3; ++tick) {
         EXPECT_FALSE(p.window.current().has_value());
         EXPECT_EQ(p.idle.idleSeconds(), 0.0);
         EXPECT_FALSE(p.access.trusted());
     }
-    EXPECT_LT(clock.elapsed(), 1000) << "no call waits on a KWin that is gone";
 
     ASSERT_TRUE(kwin_->start()) << qPrintable(kwin_->error());
     ASSERT_TRUE(p.ready()) << "the script is loaded into the new KWin";
@@ -179,20 +185,13 @@ TEST_F(KdeProbesTest, KWinGoneThenBack) {
 }
 
 // A bus with no KWin on it: neutral values at once, and one report that the desktop cannot be
-// seen. Calls made as KWin are refused to anyone else.
+// seen.
 TEST(KdeWithoutKWinTest, NeutralAndReportedOnce) {
     test::DBusDaemon bus;
     ASSERT_TRUE(bus.ok());
     int unsupported = 0;
     KdeProbes p(
         bus.address(), QStringLiteral("/nonexistent/wayland-0"), QString(), [&] { ++unsupported; }, 300ms);
-
-    QDBusConnection impostor = QDBusConnection::connectToBus(bus.address(), QStringLiteral("impostor"));
-    auto fake = QDBusMessage::createMethodCall(p.bus.baseService(), KWinScript::kObjectPath,
-                                               KWinScript::kInterface, QStringLiteral("Active"));
-    fake << QString("org.example.Fake") << QString("Fake") << QString("Fake") << 1.0;
-    EXPECT_EQ(impostor.call(fake, QDBus::Block, 1000).type(), QDBusMessage::ErrorMessage);
-    QDBusConnection::disconnectFromBus(impostor.name());
 
     test::settle(500);
     for (int tick = 0; tick < 3; ++tick) {
