@@ -12,7 +12,9 @@ function report() {
         callDBus(agent, path, iface, "None");
         return;
     }
-    callDBus(agent, path, iface, "Active", String(w.desktopFileName || ""), String(w.resourceClass || ""),
+    // KWin 5 holds the class as bytes; they travel as the engine gives them, text or bytes,
+    // and the agent decodes either.
+    callDBus(agent, path, iface, "Active", String(w.desktopFileName || ""), w.resourceClass || "",
              String(w.caption || ""), Number(w.pid || 0));
 }
 

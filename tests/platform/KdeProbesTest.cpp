@@ -92,9 +92,10 @@ TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
         QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 \"caf\xc3\xa9\" \\ ' `$(x)` \xe2\x9c\x93");
     struct Case {
         const char* row;
-        QString appId, title, bundleID, appName;
+        QString appId, title, bundleID, appName;  // no app ID: an X client
     };
     const Case cases[] = {
+        {"X client without a desktop file: the class, as KWin lowers it", "", "Terminal", "xterm", "xterm"},
         {"entry names the app", "org.example.Editor", "Plain", "org.example.Editor", "Example Editor"},
         {"no entry: the ID is the name", "org.example.NoEntry", hostile, "org.example.NoEntry",
          "org.example.NoEntry"},
@@ -102,7 +103,7 @@ TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
     std::vector<KWinCompositor::Window> open;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.row);
-        open.push_back(kwin_->openWindow(c.appId, c.title));
+        open.push_back(c.appId.isEmpty() ? kwin_->openXTerm(c.title) : kwin_->openWindow(c.appId, c.title));
         const KWinCompositor::Window& w = open.back();
         ASSERT_TRUE(seen(p, w, c.title)) << "the new window is activated and reported";
         const auto info = p.window.current();
@@ -121,7 +122,7 @@ TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
     ASSERT_TRUE(waitFor([&] { return answer.isFinished(); }));
     EXPECT_EQ(answer.error().type(), QDBusError::AccessDenied);
     QDBusConnection::disconnectFromBus(impostor.name());
-    EXPECT_EQ(p.window.current()->bundleID, cases[1].bundleID);
+    EXPECT_EQ(p.window.current()->bundleID, cases[2].bundleID);
 
     const QString renamed = QString::fromUtf8("Renamed \xe2\x80\x94 2");
     open.back().setTitle(renamed);

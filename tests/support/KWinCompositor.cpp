@@ -9,6 +9,7 @@
 #include <QThread>
 
 #include "support/ChildProcess.h"
+#include "support/TestFiles.h"
 
 namespace corvi::test {
 
@@ -48,9 +49,9 @@ bool KWinCompositor::startKWin(const QString& program) {
     env.insert(QStringLiteral("KWIN_COMPOSE"), QStringLiteral("Q"));
     kwin_.setProcessEnvironment(env);
     kwin_.setProcessChannelMode(QProcess::MergedChannels);
-    kwin_.start(program,
-                {QStringLiteral("--virtual"), QStringLiteral("--socket"), socket_, QStringLiteral("--width"),
-                 QStringLiteral("1024"), QStringLiteral("--height"), QStringLiteral("768")});
+    kwin_.start(program, {QStringLiteral("--virtual"), QStringLiteral("--xwayland"),
+                          QStringLiteral("--socket"), socket_, QStringLiteral("--width"),
+                          QStringLiteral("1024"), QStringLiteral("--height"), QStringLiteral("768")});
     if (!kwin_.waitForStarted(5000)) {
         error_ = program + QStringLiteral(": ") + kwin_.errorString();
         return false;
@@ -149,20 +150,51 @@ bool KWinCompositor::fakeInput() {
 }
 
 KWinCompositor::Window KWinCompositor::openWindow(const QString& appId, const QString& title) {
-    Window w;
-    w.process = std::make_unique<QProcess>();
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove(QStringLiteral("DISPLAY"));
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
     env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket_);
     env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
+    return run(QStringLiteral(CORVI_TEST_WAYLAND_WINDOW),
+               {QStringLiteral("--app-id"), appId, QStringLiteral("--title"), title}, env);
+}
+
+KWinCompositor::Window KWinCompositor::openXTerm(const QString& title) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    env.insert(QStringLiteral("DISPLAY"), xDisplay());
+    return run(QStringLiteral("xterm"),
+               {QStringLiteral("-T"), title, QStringLiteral("-e"), QStringLiteral("cat")}, env);
+}
+
+KWinCompositor::Window KWinCompositor::run(const QString& program, const QStringList& args,
+                                           const QProcessEnvironment& env) {
+    Window w;
+    w.process = std::make_unique<QProcess>();
     w.process->setProcessEnvironment(env);
     w.process->setStandardOutputFile(QProcess::nullDevice());
     w.process->setStandardErrorFile(QProcess::nullDevice());
-    w.process->start(QStringLiteral(CORVI_TEST_WAYLAND_WINDOW),
-                     {QStringLiteral("--app-id"), appId, QStringLiteral("--title"), title});
+    w.process->start(program, args);
     w.process->waitForStarted(5000);
     return w;
+}
+
+// KWin's Xwayland is its child, started with the display as its first argument.
+QString KWinCompositor::xDisplay() const {
+    const QString parent = QString::number(kwin_.processId());
+    QElapsedTimer clock;
+    clock.start();
+    do {
+        for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+            const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+            const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+            if (!stat.contains("(Xwayland)") || fields.value(1) != parent.toLatin1()) continue;
+            const QList<QByteArray> args = readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).split('\0');
+            return QString::fromLatin1(args.value(1));
+        }
+        QThread::msleep(50);
+    } while (clock.elapsed() < 10000);
+    return {};
 }
 
 KWinCompositor::Window::~Window() {

@@ -8,9 +8,9 @@
 
 namespace corvi::test {
 
-// A private KWin for tests: kwin_wayland on its virtual backend, on the given session bus,
-// with its own runtime and config folders, and real Qt clients in windows on it. Stopped,
-// with its clients, when the object goes.
+// A private KWin for tests: kwin_wayland on its virtual backend with Xwayland, on the given
+// session bus, with its own runtime and config folders, and real Qt and X clients in windows
+// on it. Stopped, with its clients, when the object goes.
 class KWinCompositor {
   public:
     explicit KWinCompositor(const QString& busAddress);
@@ -44,6 +44,8 @@ class KWinCompositor {
         std::unique_ptr<QProcess> process;
     };
     Window openWindow(const QString& appId, const QString& title);
+    // An X client on KWin's Xwayland: xterm, its class XTerm.
+    Window openXTerm(const QString& title);
 
     // Loads and runs a script file under a plugin name, as any session client may; answers
     // KWin's id for it, -1 when refused.
@@ -61,6 +63,8 @@ class KWinCompositor {
 
   private:
     bool startKWin(const QString& program);
+    Window run(const QString& program, const QStringList& args, const QProcessEnvironment& env);
+    QString xDisplay() const;
 
     QString busAddress_;
     QDBusConnection bus_;
