@@ -113,6 +113,10 @@ TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
         EXPECT_EQ(p.window.focusedWindowTitle(1), QString());
     }
 
+    // KWin numbers a second window with the same caption; the title stays the one it set.
+    open.push_back(kwin_->openWindow(cases[2].appId, hostile));
+    EXPECT_TRUE(seen(p, open.back(), hostile)) << "same title, second window";
+
     // Only KWin's own connection speaks for the windows.
     QDBusConnection impostor = QDBusConnection::connectToBus(bus_->address(), QStringLiteral("impostor"));
     auto fake = QDBusMessage::createMethodCall(p.bus.baseService(), KWinScript::kObjectPath,
