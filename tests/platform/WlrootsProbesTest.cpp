@@ -11,6 +11,7 @@
 #include "platform/linux/WlrAccessibility.h"
 #include "platform/linux/WlrActiveWindow.h"
 #include "store/Store.h"
+#include "support/ChildProcess.h"
 #include "support/EventLoop.h"
 #include "support/RecordingLog.h"
 #include "support/SwayCompositor.h"
@@ -211,18 +212,45 @@ TEST(WlrootsLostCompositorTest, ProbesGoNeutralAndRecover) {
     EXPECT_TRUE(WaylandSession(QByteArray(), 1h).refresh());
 }
 
-TEST(WlrootsNoCompositorTest, NoSocketGivesNeutralProbesAndOneLogLine) {
-    WlrProbes p{QStringLiteral("/nonexistent/wayland-9")};
-    EXPECT_TRUE(p.neutral());
+// Where no window can be seen: no compositor at all, and weston, which offers neither the
+// toplevel manager nor an idle protocol. The factory logs that once per process.
+TEST(WlrootsUnsupportedTest, NeutralProbesAndOneLogLine) {
+    QTemporaryDir runtime;
+    QProcess weston;
+    QProcessEnvironment env;
+    env.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH"));
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime.path());
+    env.insert(QStringLiteral("HOME"), runtime.path());
+    weston.setProcessEnvironment(env);
+    weston.setStandardOutputFile(QProcess::nullDevice());
+    weston.setStandardErrorFile(QProcess::nullDevice());
+    weston.start(QStringLiteral("weston"),
+                 {QStringLiteral("--backend=headless-backend.so"), QStringLiteral("--socket=wayland-w"),
+                  QStringLiteral("--no-config")});
+    const QString westonSocket = runtime.filePath(QStringLiteral("wayland-w"));
+    ASSERT_TRUE(test::waitFor([&] { return QFileInfo::exists(westonSocket); }, 10000));
+
+    const QString nowhere = QStringLiteral("/nonexistent/wayland-9");
     test::RecordingLog log;
-    const test::ScopedEnv type("XDG_SESSION_TYPE", "wayland"), desktop("XDG_CURRENT_DESKTOP", "sway"),
-        display("WAYLAND_DISPLAY", "/nonexistent/wayland-9");
-    Probes probes = makeProbes();
-    EXPECT_FALSE(probes.window->current().has_value());
-    EXPECT_EQ(probes.idle->idleSeconds(), 0.0);
-    EXPECT_FALSE(probes.accessibility->trusted());
+    for (const QString& socket : {nowhere, westonSocket}) {
+        SCOPED_TRACE(socket.toStdString());
+        WlrProbes p{socket};
+        EXPECT_TRUE(p.neutral());
+        EXPECT_EQ(p.session->connected(), socket == westonSocket);
+        EXPECT_FALSE(p.idle.watching());
+
+        const test::ScopedEnv type("XDG_SESSION_TYPE", "wayland"), desktop("XDG_CURRENT_DESKTOP", "weston"),
+            display("WAYLAND_DISPLAY", socket.toLocal8Bit());
+        Probes probes = makeProbes();
+        for (int tick = 0; tick < 2; ++tick) {
+            EXPECT_FALSE(probes.window->current().has_value());
+            EXPECT_EQ(probes.idle->idleSeconds(), 0.0);
+            EXPECT_FALSE(probes.accessibility->trusted());
+        }
+    }
     ASSERT_EQ(log.systemLines.size(), 1);
-    EXPECT_TRUE(log.systemLines.first().contains(QStringLiteral("sway")));
+    EXPECT_TRUE(log.systemLines.first().contains(QStringLiteral("weston")));
+    test::stop(weston);
 }
 
 }  // namespace
