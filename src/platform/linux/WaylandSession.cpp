@@ -74,8 +74,12 @@ bool WaylandSession::connect() {
     QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(), [this] {
         if (!readAndDispatch(0) || broken()) dropBroken();
     });
-    // The globals, then what the clients bound answers with (the toplevels, for one).
-    if (settle() && settle()) return true;
+    // The globals, then what the clients bound answers with (the toplevels, for one), in one
+    // budget: a compositor that does not answer costs a tick at most that.
+    const auto deadline = std::chrono::steady_clock::now() + kConnectBudget;
+    if (settle(kConnectBudget) &&
+        settle(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())))
+        return true;
     disconnect();
     return false;
 }

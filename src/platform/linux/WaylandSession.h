@@ -31,6 +31,8 @@ class WaylandSession {
         virtual void disconnected() = 0;
     };
 
+    static constexpr std::chrono::milliseconds kConnectBudget{250};
+
     // An empty display name means $WAYLAND_DISPLAY, read again at every connection attempt.
     explicit WaylandSession(QByteArray displayName = {},
                             std::chrono::milliseconds retryInterval = std::chrono::seconds(3));
