@@ -23,12 +23,15 @@ namespace {
 using test::SwayCompositor;
 using namespace std::chrono_literals;
 
-// The probes of one connection to `socket` (empty: $WAYLAND_DISPLAY), retrying at once.
+// The probes of one connection to `socket` (empty: $WAYLAND_DISPLAY), retrying at once, and
+// of sway's IPC where given.
 struct WlrProbes {
-    explicit WlrProbes(const QString& socket, const QStringList& entryFolders = {})
+    explicit WlrProbes(const QString& socket, const QStringList& entryFolders = {},
+                       const QString& swayIpc = {})
         : session(std::make_shared<WaylandSession>(socket.toLocal8Bit(), 0ms)),
           toplevels(std::make_shared<WlrToplevels>(session)),
-          window(toplevels, std::make_unique<DesktopEntries>(entryFolders)),
+          window(toplevels, std::make_unique<DesktopEntries>(entryFolders),
+                 swayIpc.isEmpty() ? nullptr : std::make_unique<SwayIpc>(swayIpc.toLocal8Bit())),
           idle(session, nullptr),
           access(toplevels) {}
     std::shared_ptr<WaylandSession> session;
@@ -52,8 +55,8 @@ class WlrootsProbesTest : public ::testing::Test {
         test::writeFile(entries_->filePath(QStringLiteral("applications/org.example.Editor.desktop")),
                         "[Desktop Entry]\nName=Example Editor\n");
         if (!sway_->ok()) return;
-        const bool launched = sway_->launchFoot(kEditor, kEditorTitle) &&
-                              sway_->launchFoot(QString(), kBareTitle) &&
+        const bool launched = (editor_ = sway_->launchFoot(kEditor, kEditorTitle)) &&
+                              (bare_ = sway_->launchFoot(QString(), kBareTitle)) &&
                               (qt_ = sway_->launchQtWindow(kQtTool, kQtTitle));
         // All mapped before the first test, so none steals the focus later.
         ready_ = launched && sway_->waitForWindow(kEditor, kEditorTitle, false) &&
@@ -66,8 +69,9 @@ class WlrootsProbesTest : public ::testing::Test {
     }
     void SetUp() override {
         ASSERT_TRUE(ready_);
-        probes_ = std::make_unique<WlrProbes>(
-            sway_->socket(), QStringList{entries_->filePath(QStringLiteral("applications"))});
+        probes_ = std::make_unique<WlrProbes>(sway_->socket(),
+                                              QStringList{entries_->filePath(QStringLiteral("applications"))},
+                                              sway_->ipcSocket());
     }
     // Focuses the window with this title and waits until sway says so; then one short turn of
     // the event loop, as between two ticks.
@@ -80,6 +84,8 @@ class WlrootsProbesTest : public ::testing::Test {
 
     static inline SwayCompositor* sway_ = nullptr;
     static inline QTemporaryDir* entries_ = nullptr;
+    static inline QProcess* editor_ = nullptr;
+    static inline QProcess* bare_ = nullptr;
     static inline QProcess* qt_ = nullptr;
     static inline bool ready_ = false;
     static inline const QString kEditor = QStringLiteral("org.example.Editor");
@@ -94,11 +100,13 @@ TEST_F(WlrootsProbesTest, FocusedWindowAsTheCompositorListsIt) {
     struct Case {
         const char* row;
         QString appId, title, bundleID, appName;
+        QProcess* owner;
     };
     const Case cases[] = {
-        {"foot, named by its desktop entry, UTF-8 title", kEditor, kEditorTitle, kEditor, "Example Editor"},
-        {"Qt window without an entry: the ID names it", kQtTool, kQtTitle, kQtTool, kQtTool},
-        {"foot without an app ID", "", kBareTitle, "unknown", "unknown"},
+        {"foot, named by its desktop entry, UTF-8 title", kEditor, kEditorTitle, kEditor, "Example Editor",
+         editor_},
+        {"Qt window without an entry: the ID names it", kQtTool, kQtTitle, kQtTool, kQtTool, qt_},
+        {"foot without an app ID", "", kBareTitle, "unknown", "unknown", bare_},
     };
     EXPECT_TRUE(probes_->access.trusted());
     EXPECT_TRUE(probes_->access.trustedWithPrompt());
@@ -109,10 +117,11 @@ TEST_F(WlrootsProbesTest, FocusedWindowAsTheCompositorListsIt) {
         ASSERT_TRUE(info.has_value());
         EXPECT_EQ(info->bundleID, c.bundleID);
         EXPECT_EQ(info->appName, c.appName);
-        EXPECT_EQ(info->pid, 0);
+        const auto pid = static_cast<std::int32_t>(c.owner->processId());
+        EXPECT_EQ(info->pid, pid) << "from sway's IPC";
         EXPECT_EQ(info->windowTitle, c.title);
-        EXPECT_EQ(probes_->window.focusedWindowTitle(0), c.title);
-        EXPECT_EQ(probes_->window.focusedWindowTitle(1), QString());
+        EXPECT_EQ(probes_->window.focusedWindowTitle(pid), c.title);
+        EXPECT_EQ(probes_->window.focusedWindowTitle(0), QString());
     }
 
     // Title changes from inside each client, seen by the next tick.
@@ -136,7 +145,7 @@ TEST_F(WlrootsProbesTest, FocusedWindowAsTheCompositorListsIt) {
     ASSERT_TRUE(sway_->waitForWindow(QString(), QStringLiteral("9")));
     test::settle(100);
     EXPECT_FALSE(probes_->window.current().has_value());
-    EXPECT_EQ(probes_->window.focusedWindowTitle(0), QString());
+    EXPECT_EQ(probes_->window.focusedWindowTitle(static_cast<std::int32_t>(qt_->processId())), QString());
     EXPECT_TRUE(probes_->access.trusted()) << "the permission does not depend on a focused window";
     ASSERT_TRUE(sway_->command({QStringLiteral("workspace"), QStringLiteral("1")}));
 }
@@ -158,10 +167,12 @@ TEST_F(WlrootsProbesTest, SamplerSeesTheFocusedWindow) {
     ASSERT_TRUE(qt_->waitForBytesWritten());
     focus(kQtTool, QStringLiteral("sampled"));
     const test::ScopedEnv type("XDG_SESSION_TYPE", "wayland"), desktop("XDG_CURRENT_DESKTOP", "sway"),
-        display("WAYLAND_DISPLAY", sway_->socket().toLocal8Bit());
+        display("WAYLAND_DISPLAY", sway_->socket().toLocal8Bit()),
+        ipc("SWAYSOCK", sway_->ipcSocket().toLocal8Bit());
     test::RecordingLog log;
     Probes probes = makeProbes();
     EXPECT_TRUE(probes.accessibility->trusted());
+    EXPECT_EQ(probes.window->current().value_or(ActiveWindow::Info{}).pid, qt_->processId());
     QTemporaryDir dir;
     Store store(dir.filePath(QStringLiteral("corvi.sqlite")));
     SystemClock clock;

@@ -24,6 +24,8 @@ class SwayCompositor {
     bool ok() const { return !socket_.isEmpty(); }
     // The Wayland socket's full path, usable as WAYLAND_DISPLAY.
     QString socket() const { return socket_; }
+    // sway's IPC socket, as SWAYSOCK names it.
+    QString ipcSocket() const { return ipc_; }
 
     // A client process in the compositor's session; nullptr when it did not start.
     QProcess* launch(const QString& program, const QStringList& args, const QStringList& extraEnv = {});

@@ -81,7 +81,8 @@ int main(int argc, char** argv) {
     }
     auto wayland = std::make_shared<WaylandSession>(sway.socket().toLocal8Bit());
     auto toplevels = std::make_shared<WlrToplevels>(wayland);
-    WlrActiveWindow wlrWindow(toplevels);
+    WlrActiveWindow wlrWindow(toplevels, std::make_unique<DesktopEntries>(),
+                              std::make_unique<SwayIpc>(sway.ipcSocket().toLocal8Bit()));
     WaylandIdle wlrIdle(wayland, std::make_unique<ScreenLockProbe>(
                                      QDBusConnection::connectToBus(session.address(), QStringLiteral("s2")),
                                      QDBusConnection::connectToBus(system.address(), QStringLiteral("y2"))));
@@ -104,5 +105,11 @@ int main(int argc, char** argv) {
         sink += static_cast<int>(wlrIdle.idleSeconds());
     });
     bench::report("sway probe round without the lock call, median", wlrOnly / 1000.0, "us");
+    const SwayIpc ipc(sway.ipcSocket().toLocal8Bit());
+    const double pidNanos = bench::medianNanos(200, [&] {
+        sink +=
+            ipc.focusedPid(QStringLiteral("org.example.Layout"), QStringLiteral("Layout.indd @ 100%")) > 0;
+    });
+    bench::report("sway IPC pid query (once per window), median", pidNanos / 1000.0, "us");
     return sink < 0 ? 1 : 0;
 }
