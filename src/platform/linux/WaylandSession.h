@@ -77,6 +77,7 @@ class WaylandSession {
     void disconnect();
     void dropBroken();
     bool readAndDispatch(int timeoutMs);
+    bool readAndDispatchOnce(int timeoutMs);
     bool broken() const;
 
     QByteArray displayName_;
@@ -86,6 +87,7 @@ class WaylandSession {
     int connections_ = 0;
 
     wl_display* display_ = nullptr;
+    bool lost_ = false;  // a read, write or dispatch failed
     wl_registry* registry_ = nullptr;
     wl_seat* seat_ = nullptr;
     std::unique_ptr<QSocketNotifier> notifier_;
