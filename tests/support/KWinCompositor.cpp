@@ -155,8 +155,7 @@ KWinCompositor::Window KWinCompositor::openWindow(const QString& appId, const QS
     env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
     env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket_);
     env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
-    return run(QStringLiteral(CORVI_TEST_WAYLAND_WINDOW),
-               {QStringLiteral("--app-id"), appId, QStringLiteral("--title"), title}, env);
+    return run(QStringLiteral(CORVI_WAYLAND_WINDOW), {appId, title}, env);
 }
 
 KWinCompositor::Window KWinCompositor::openXTerm(const QString& title) {
@@ -209,8 +208,7 @@ void KWinCompositor::Window::setTitle(const QString& title) {
 
 void KWinCompositor::Window::close() {
     if (!process) return;
-    process->closeWriteChannel();
-    if (!process->waitForFinished(3000)) stop(*process);
+    stop(*process);
     process.reset();
 }
 

@@ -64,18 +64,27 @@ bool WaylandSession::refresh() {
 
 bool WaylandSession::connect() {
     const QByteArray name = displayName_.isEmpty() ? qgetenv("WAYLAND_DISPLAY") : displayName_;
-    if (name.isEmpty()) return false;
+    // A socket name is looked up in XDG_RUNTIME_DIR; without it libwayland only complains.
+    if (name.isEmpty() || (!name.startsWith('/') && qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR")))
+        return false;
     display_ = wl_display_connect(name.constData());
     if (!display_) return false;
+    lost_ = false;
     ++connections_;
     registry_ = wl_display_get_registry(display_);
     wl_registry_add_listener(registry_, &kRegistryListener, this);
     notifier_ = std::make_unique<QSocketNotifier>(wl_display_get_fd(display_), QSocketNotifier::Read);
     QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(), [this] {
-        if (!readAndDispatch(0) || broken()) dropBroken();
+        // A hung-up socket stays readable: stop listening, the next refresh() drops it (the
+        // notifier cannot be deleted from its own signal).
+        if (!readAndDispatch(0) || broken()) notifier_->setEnabled(false);
     });
-    // The globals, then what the clients bound answers with (the toplevels, for one).
-    if (settle() && settle()) return true;
+    // The globals, then what the clients bound answers with (the toplevels, for one), in one
+    // budget: a compositor that does not answer costs a tick at most that.
+    const auto deadline = std::chrono::steady_clock::now() + kConnectBudget;
+    if (settle(kConnectBudget) && settle(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                      deadline - std::chrono::steady_clock::now())))
+        return true;
     disconnect();
     return false;
 }
@@ -102,11 +111,16 @@ void WaylandSession::disconnect() {
 }
 
 bool WaylandSession::broken() const {
-    return !display_ || wl_display_get_error(display_) != 0;
+    return !display_ || lost_ || wl_display_get_error(display_) != 0;
 }
 
 bool WaylandSession::readAndDispatch(int timeoutMs) {
     if (!display_) return false;
+    lost_ = lost_ || !readAndDispatchOnce(timeoutMs);
+    return !lost_;
+}
+
+bool WaylandSession::readAndDispatchOnce(int timeoutMs) {
     while (wl_display_prepare_read(display_) != 0) {
         if (wl_display_dispatch_pending(display_) < 0) return false;
     }

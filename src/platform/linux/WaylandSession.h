@@ -31,6 +31,8 @@ class WaylandSession {
         virtual void disconnected() = 0;
     };
 
+    static constexpr std::chrono::milliseconds kConnectBudget{250};
+
     // An empty display name means $WAYLAND_DISPLAY, read again at every connection attempt.
     explicit WaylandSession(QByteArray displayName = {},
                             std::chrono::milliseconds retryInterval = std::chrono::seconds(3));
@@ -75,6 +77,7 @@ class WaylandSession {
     void disconnect();
     void dropBroken();
     bool readAndDispatch(int timeoutMs);
+    bool readAndDispatchOnce(int timeoutMs);
     bool broken() const;
 
     QByteArray displayName_;
@@ -84,6 +87,7 @@ class WaylandSession {
     int connections_ = 0;
 
     wl_display* display_ = nullptr;
+    bool lost_ = false;  // a read, write or dispatch failed
     wl_registry* registry_ = nullptr;
     wl_seat* seat_ = nullptr;
     std::unique_ptr<QSocketNotifier> notifier_;

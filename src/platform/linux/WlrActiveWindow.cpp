@@ -3,8 +3,12 @@
 namespace corvi {
 
 WlrActiveWindow::WlrActiveWindow(std::shared_ptr<WlrToplevels> toplevels,
-                                 std::unique_ptr<DesktopEntries> entries, std::function<void()> unsupported)
-    : toplevels_(std::move(toplevels)), entries_(std::move(entries)), unsupported_(std::move(unsupported)) {}
+                                 std::unique_ptr<DesktopEntries> entries, std::unique_ptr<SwayIpc> sway,
+                                 std::function<void()> unsupported)
+    : toplevels_(std::move(toplevels)),
+      entries_(std::move(entries)),
+      sway_(std::move(sway)),
+      unsupported_(std::move(unsupported)) {}
 
 std::optional<WlrToplevels::Window> WlrActiveWindow::activated() {
     if (!toplevels_->refresh()) return std::nullopt;
@@ -20,14 +24,29 @@ std::optional<ActiveWindow::Info> WlrActiveWindow::current() {
     info.bundleID = id.isEmpty() ? QStringLiteral("unknown") : id;
     if (!id.isEmpty()) info.appName = entries_->nameForId(id);
     if (info.appName.isEmpty()) info.appName = info.bundleID;
+    info.pid = pidOf(*w);
     info.windowTitle = w->title;
     return info;
 }
 
 QString WlrActiveWindow::focusedWindowTitle(std::int32_t pid) {
-    if (pid != 0) return {};
     const std::optional<WlrToplevels::Window> w = activated();
-    return w ? w->title : QString();
+    return w && pidOf(*w) == pid ? w->title : QString();
+}
+
+std::int32_t WlrActiveWindow::pidOf(const WlrToplevels::Window& w) {
+    if (!sway_) return 0;
+    if (w.id != pidWindow_) {
+        pidWindow_ = w.id;
+        pid_ = 0;
+        pidTries_ = 0;
+    }
+    // sway's focus can lag the protocol's by an event; a mismatch is tried again next time.
+    if (pid_ == 0 && pidTries_ < kPidTries) {
+        ++pidTries_;
+        pid_ = sway_->focusedPid(w.appId, w.title);
+    }
+    return pid_;
 }
 
 }  // namespace corvi

@@ -21,6 +21,7 @@ struct WlrToplevels::Handle {
 namespace {
 
 std::uint64_t activationCounter = 0;
+std::uint64_t handleCounter = 0;
 
 WlrToplevels::Handle* handleOf(void* data) {
     return static_cast<WlrToplevels::Handle*>(data);
@@ -89,6 +90,7 @@ void WlrToplevels::added(zwlr_foreign_toplevel_handle_v1* proxy) {
     auto h = std::make_unique<Handle>();
     h->owner = this;
     h->proxy = proxy;
+    h->pending.id = ++handleCounter;
     zwlr_foreign_toplevel_handle_v1_add_listener(proxy, &kHandleListener, h.get());
     handles_.push_back(std::move(h));
 }

@@ -19,6 +19,7 @@ namespace corvi {
 class WlrToplevels : private WaylandSession::Client {
   public:
     struct Window {
+        std::uint64_t id = 0;  // the same for one toplevel as long as it lives
         QString appId;
         QString title;
     };

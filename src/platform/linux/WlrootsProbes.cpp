@@ -12,7 +12,11 @@ Probes makeWlrootsProbes(const DesktopSession& session) {
     auto toplevels = std::make_shared<WlrToplevels>(wayland);
     const auto unsupported = [session] { logUnsupportedSession(session); };
     if (!toplevels->refresh() || !toplevels->offered()) unsupported();
-    return {std::make_unique<WlrActiveWindow>(toplevels, std::make_unique<DesktopEntries>(), unsupported),
+    // sway names its IPC socket in the session's environment.
+    const QByteArray swaySocket = qgetenv("SWAYSOCK");
+    auto sway = swaySocket.isEmpty() ? nullptr : std::make_unique<SwayIpc>(swaySocket);
+    return {std::make_unique<WlrActiveWindow>(toplevels, std::make_unique<DesktopEntries>(), std::move(sway),
+                                              unsupported),
             std::make_unique<WaylandIdle>(wayland, makeScreenLockProbe()),
             std::make_unique<WlrAccessibility>(toplevels)};
 }
