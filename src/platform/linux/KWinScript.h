@@ -44,7 +44,7 @@ class KWinScript : public QObject {
     ~KWinScript() override;
 
     // The active window as last reported; none when no window is active or the script is not
-    // heard from. Retries a failed load when it is due.
+    // heard from. Reports an unsupported desktop when that is due.
     std::optional<Window> active();
     // The script runs in the KWin that is on the bus now and has reported.
     bool reporting() const { return heard_; }
