@@ -5,6 +5,7 @@
 #include <QDBusPendingCall>
 #include <QTemporaryDir>
 
+#include "platform/Probes.h"
 #include "platform/linux/KWinScript.h"
 #include "platform/linux/KdeAccessibility.h"
 #include "platform/linux/KdeActiveWindow.h"
@@ -53,6 +54,7 @@ class KdeProbesTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         bus_ = new test::DBusDaemon();
+        bus_->becomeSessionBus();
         kwin_ = new KWinCompositor(bus_->address());
         entries_ = new QTemporaryDir();
         test::writeFile(entries_->filePath(QStringLiteral("applications/org.example.Editor.desktop")),
@@ -143,6 +145,20 @@ TEST_F(KdeProbesTest, IdleTimeFromKWinsTimer) {
     ASSERT_TRUE(kwin_->fakeInput()) << "KWin offers fake input to the program its entry names";
     EXPECT_TRUE(waitFor([&] { return p.idle.idleSeconds() < 1.0; }, 2000)) << "input resets it";
     EXPECT_FALSE(p.idle.screenLocked()) << "no lock probe: not locked";
+}
+
+// The agent's own way in: a Plasma Wayland session's environment, the session bus.
+TEST_F(KdeProbesTest, MadeForAPlasmaSession) {
+    test::ScopedEnv type("XDG_SESSION_TYPE", "wayland"), desktop("XDG_CURRENT_DESKTOP", "KDE"),
+        display("WAYLAND_DISPLAY", kwin_->socketPath().toLocal8Bit());
+    Probes probes = makeProbes();
+    EXPECT_TRUE(waitFor([&] { return probes.accessibility->trusted(); }));
+    auto w = kwin_->openWindow(QStringLiteral("org.example.Editor"), QStringLiteral("Made"));
+    EXPECT_TRUE(waitFor([&] {
+        const auto info = probes.window->current();
+        return info && info->pid == w.pid() && info->windowTitle == QStringLiteral("Made");
+    }));
+    EXPECT_TRUE(waitFor([&] { return probes.idle->idleSeconds() >= 1.0; }));
 }
 
 // An earlier agent's copy of the script is still loaded, with another script after it. Ours
