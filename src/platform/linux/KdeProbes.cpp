@@ -1,10 +1,22 @@
+// KWin's probes: a script of ours inside KWin reports the active window; KWin's idle timer
+// on our own Wayland connection gives the idle time.
+#include <QDBusConnection>
+
 #include "platform/linux/DesktopSession.h"
+#include "platform/linux/KWinScript.h"
+#include "platform/linux/KdeAccessibility.h"
+#include "platform/linux/KdeActiveWindow.h"
+#include "platform/linux/KdeIdleMonitor.h"
 
 namespace corvi {
 
 Probes makeKdeProbes(const DesktopSession& session) {
-    logUnsupportedSession(session);
-    return makeNeutralProbes();
+    auto script = std::make_shared<KWinScript>(QDBusConnection::sessionBus(),
+                                               [session] { logUnsupportedSession(session); });
+    return {std::make_unique<KdeActiveWindow>(script),
+            std::make_unique<KdeIdleMonitor>(WaylandSession::shared(), QDBusConnection::sessionBus(),
+                                             makeScreenLockProbe()),
+            std::make_unique<KdeAccessibility>(script)};
 }
 
 }  // namespace corvi

@@ -1,10 +1,24 @@
 #include "platform/linux/DesktopSession.h"
+#include "platform/linux/WaylandIdle.h"
+#include "platform/linux/WlrAccessibility.h"
+#include "platform/linux/WlrActiveWindow.h"
 
 namespace corvi {
 
+// Probes that stay on the session's Wayland socket: a compositor started, restarted or
+// without the toplevel manager answers neutrally until it offers one.
 Probes makeWlrootsProbes(const DesktopSession& session) {
-    logUnsupportedSession(session);
-    return makeNeutralProbes();
+    auto wayland = WaylandSession::shared();
+    auto toplevels = std::make_shared<WlrToplevels>(wayland);
+    const auto unsupported = [session] { logUnsupportedSession(session); };
+    if (!toplevels->refresh() || !toplevels->offered()) unsupported();
+    // sway names its IPC socket in the session's environment.
+    const QByteArray swaySocket = qgetenv("SWAYSOCK");
+    auto sway = swaySocket.isEmpty() ? nullptr : std::make_unique<SwayIpc>(swaySocket);
+    return {std::make_unique<WlrActiveWindow>(toplevels, std::make_unique<DesktopEntries>(), std::move(sway),
+                                              unsupported),
+            std::make_unique<WaylandIdle>(wayland, makeScreenLockProbe()),
+            std::make_unique<WlrAccessibility>(toplevels)};
 }
 
 }  // namespace corvi

@@ -1,5 +1,6 @@
-// One full probe round (active window, pid, ID, name, title, idle, lock) against a private
-// Xvfb with openbox and a stand-in locker on a private bus, as the sampler makes it.
+// One full probe round (active window, pid, ID, name, title, idle, lock) as the sampler makes
+// it, with a stand-in locker on a private bus: against a private Xvfb with openbox, then
+// against a headless sway with a foot window.
 #include <unistd.h>
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -7,10 +8,13 @@
 #include <cstdio>
 
 #include "bench/BenchUtil.h"
+#include "platform/linux/WaylandIdle.h"
+#include "platform/linux/WlrActiveWindow.h"
 #include "platform/linux/X11ActiveWindow.h"
 #include "platform/linux/X11IdleMonitor.h"
 #include "support/BusStandIn.h"
 #include "support/DBusDaemon.h"
+#include "support/SwayCompositor.h"
 #include "support/XClient.h"
 #include "support/XServer.h"
 
@@ -67,5 +71,45 @@ int main(int argc, char** argv) {
         sink += static_cast<int>(idle.idleSeconds());
     });
     bench::report("probe round without the lock call, median", xOnly / 1000.0, "us");
+
+    test::SwayCompositor sway;
+    if (!sway.ok() ||
+        !sway.launchFoot(QStringLiteral("org.example.Layout"), QStringLiteral("Layout.indd @ 100%")) ||
+        !sway.waitForWindow(QStringLiteral("org.example.Layout"), QStringLiteral("Layout.indd @ 100%"))) {
+        std::fprintf(stderr, "could not start sway with a foot window\n");
+        return 1;
+    }
+    auto wayland = std::make_shared<WaylandSession>(sway.socket().toLocal8Bit());
+    auto toplevels = std::make_shared<WlrToplevels>(wayland);
+    WlrActiveWindow wlrWindow(toplevels, std::make_unique<DesktopEntries>(),
+                              std::make_unique<SwayIpc>(sway.ipcSocket().toLocal8Bit()));
+    WaylandIdle wlrIdle(wayland, std::make_unique<ScreenLockProbe>(
+                                     QDBusConnection::connectToBus(session.address(), QStringLiteral("s2")),
+                                     QDBusConnection::connectToBus(system.address(), QStringLiteral("y2"))));
+    auto wlrRound = [&] {
+        const auto info = wlrWindow.current();
+        sink += info ? static_cast<int>(info->windowTitle.size()) : 0;
+        sink += static_cast<int>(wlrIdle.idleSeconds());
+        sink += wlrIdle.screenLocked() ? 1 : 0;
+    };
+    wlrRound();
+    if (!wlrWindow.current()) {
+        std::fprintf(stderr, "the probes see no focused window on sway\n");
+        return 1;
+    }
+    bench::report("sway probe round, median", bench::medianNanos(kRounds, wlrRound) / 1000.0, "us",
+                  "< 500 us");
+    const double wlrOnly = bench::medianNanos(kRounds, [&] {
+        const auto info = wlrWindow.current();
+        sink += info ? 1 : 0;
+        sink += static_cast<int>(wlrIdle.idleSeconds());
+    });
+    bench::report("sway probe round without the lock call, median", wlrOnly / 1000.0, "us");
+    const SwayIpc ipc(sway.ipcSocket().toLocal8Bit());
+    const double pidNanos = bench::medianNanos(200, [&] {
+        sink +=
+            ipc.focusedPid(QStringLiteral("org.example.Layout"), QStringLiteral("Layout.indd @ 100%")) > 0;
+    });
+    bench::report("sway IPC pid query (once per window), median", pidNanos / 1000.0, "us");
     return sink < 0 ? 1 : 0;
 }

@@ -1,0 +1,215 @@
+#include "support/KWinCompositor.h"
+
+#include <QDBusMessage>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
+#include <QThread>
+
+#include "support/ChildProcess.h"
+#include "support/TestFiles.h"
+
+namespace corvi::test {
+
+KWinCompositor::KWinCompositor(const QString& busAddress)
+    : busAddress_(busAddress),
+      bus_(QDBusConnection::connectToBus(busAddress, QStringLiteral("kwin-fixture-%1").arg(quintptr(this)))),
+      runtimeDir_(home_.filePath(QStringLiteral("runtime"))),
+      socket_(QStringLiteral("wayland-kwin-test")) {
+    QDir().mkpath(runtimeDir_);
+    // KWin offers its fake input protocol only to a program a desktop entry lists it for.
+    QFile entry(home_.filePath(QStringLiteral("share/applications/corvi-test-fake-input.desktop")));
+    QDir().mkpath(QFileInfo(entry).path());
+    if (entry.open(QIODevice::WriteOnly))
+        entry.write(
+            "[Desktop Entry]\nType=Application\nName=Fake "
+            "input\nNoDisplay=true\nExec=" CORVI_TEST_KWIN_FAKE_INPUT
+            "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n");
+    QFile::setPermissions(runtimeDir_, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    start();
+}
+
+KWinCompositor::~KWinCompositor() {
+    stop(kwin_);
+    QDBusConnection::disconnectFromBus(bus_.name());
+}
+
+bool KWinCompositor::startKWin(const QString& program) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"WAYLAND_DISPLAY", "DISPLAY", "QT_QPA_PLATFORM", "XDG_SESSION_TYPE"})
+        env.remove(QString::fromLatin1(name));
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
+    env.insert(QStringLiteral("HOME"), home_.path());
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home_.filePath(QStringLiteral("config")));
+    env.insert(QStringLiteral("XDG_DATA_HOME"), home_.filePath(QStringLiteral("share")));
+    env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress_);
+    // Software rendering either way; QPainter costs the shared machine less than llvmpipe.
+    env.insert(QStringLiteral("KWIN_COMPOSE"), QStringLiteral("Q"));
+    kwin_.setProcessEnvironment(env);
+    kwin_.setProcessChannelMode(QProcess::MergedChannels);
+    kwin_.start(program, {QStringLiteral("--virtual"), QStringLiteral("--xwayland"),
+                          QStringLiteral("--socket"), socket_, QStringLiteral("--width"),
+                          QStringLiteral("1024"), QStringLiteral("--height"), QStringLiteral("768")});
+    if (!kwin_.waitForStarted(5000)) {
+        error_ = program + QStringLiteral(": ") + kwin_.errorString();
+        return false;
+    }
+    return true;
+}
+
+bool KWinCompositor::start() {
+    ok_ = false;
+    error_.clear();
+    if (!program_.isEmpty()) {
+        startKWin(program_);
+    } else if (startKWin(QStringLiteral("kwin_wayland"))) {
+        program_ = QStringLiteral("kwin_wayland");
+    } else {
+        // Debian gives kwin_wayland the CAP_SYS_RESOURCE file capability; where the bounding
+        // set lacks it (a container), exec fails with EPERM. A copy carries no capability.
+        const QString firstError = error_;
+        const QString copy = home_.filePath(QStringLiteral("kwin_wayland"));
+        const QString installed = QStandardPaths::findExecutable(QStringLiteral("kwin_wayland"));
+        if (installed.isEmpty() || !QFile::copy(installed, copy) || !startKWin(copy)) {
+            error_ = firstError + QStringLiteral("; a copy: ") + error_;
+            return false;
+        }
+        program_ = copy;
+    }
+    // Ready once the socket exists and the scripting interface answers.
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < 30000 && kwin_.state() == QProcess::Running) {
+        auto ask = QDBusMessage::createMethodCall(
+            QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+            QStringLiteral("org.kde.kwin.Scripting"), QStringLiteral("isScriptLoaded"));
+        ask << QStringLiteral("-");
+        if (QFile::exists(runtimeDir_ + u'/' + socket_) &&
+            bus_.call(ask, QDBus::Block, 1000).type() == QDBusMessage::ReplyMessage) {
+            ok_ = true;
+            return true;
+        }
+        QThread::msleep(50);
+    }
+    kwin_.waitForFinished(100);
+    error_ = QStringLiteral("kwin_wayland did not come up: ") +
+             QString::fromLocal8Bit(kwin_.readAll().right(2000));
+    stop(kwin_);
+    return false;
+}
+
+void KWinCompositor::kill() {
+    kwin_.kill();
+    kwin_.waitForFinished(5000);
+    ok_ = false;
+}
+
+int KWinCompositor::loadScript(const QString& file, const QString& pluginName) {
+    auto load = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+                                               QStringLiteral("org.kde.kwin.Scripting"),
+                                               QStringLiteral("loadScript"));
+    load << file << pluginName;
+    // A script of that name being unloaded still holds it until KWin deletes it.
+    int id = -1;
+    QElapsedTimer clock;
+    clock.start();
+    while (id < 0 && clock.elapsed() < 2000) {
+        const QDBusMessage reply = bus_.call(load, QDBus::Block, 5000);
+        if (reply.type() != QDBusMessage::ReplyMessage) return -1;
+        id = reply.arguments().value(0).toInt();
+        if (id < 0) QThread::msleep(50);
+    }
+    if (id < 0) return -1;
+    // KWin 6 places a script at /Scripting/Script<id>, KWin 5 at /<id>.
+    for (const QString& path : {QStringLiteral("/Scripting/Script%1"), QStringLiteral("/%1")}) {
+        const auto run =
+            QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), path.arg(id),
+                                           QStringLiteral("org.kde.kwin.Script"), QStringLiteral("run"));
+        if (bus_.call(run, QDBus::Block, 5000).type() == QDBusMessage::ReplyMessage) break;
+    }
+    return id;
+}
+
+void KWinCompositor::unloadScript(const QString& pluginName) {
+    auto unload = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+                                                 QStringLiteral("org.kde.kwin.Scripting"),
+                                                 QStringLiteral("unloadScript"));
+    unload << pluginName;
+    bus_.call(unload, QDBus::Block, 5000);
+}
+
+bool KWinCompositor::fakeInput() {
+    QProcess input;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("WAYLAND_DISPLAY"), socketPath());
+    input.setProcessEnvironment(env);
+    input.start(QStringLiteral(CORVI_TEST_KWIN_FAKE_INPUT), {});
+    return input.waitForFinished(5000) && input.exitStatus() == QProcess::NormalExit && input.exitCode() == 0;
+}
+
+KWinCompositor::Window KWinCompositor::openWindow(const QString& appId, const QString& title) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("DISPLAY"));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
+    env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket_);
+    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
+    return run(QStringLiteral(CORVI_WAYLAND_WINDOW), {appId, title}, env);
+}
+
+KWinCompositor::Window KWinCompositor::openXTerm(const QString& title) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    env.insert(QStringLiteral("DISPLAY"), xDisplay());
+    return run(QStringLiteral("xterm"),
+               {QStringLiteral("-T"), title, QStringLiteral("-e"), QStringLiteral("cat")}, env);
+}
+
+KWinCompositor::Window KWinCompositor::run(const QString& program, const QStringList& args,
+                                           const QProcessEnvironment& env) {
+    Window w;
+    w.process = std::make_unique<QProcess>();
+    w.process->setProcessEnvironment(env);
+    w.process->setStandardOutputFile(QProcess::nullDevice());
+    w.process->setStandardErrorFile(QProcess::nullDevice());
+    w.process->start(program, args);
+    w.process->waitForStarted(5000);
+    return w;
+}
+
+// KWin's Xwayland is its child, started with the display as its first argument.
+QString KWinCompositor::xDisplay() const {
+    const QString parent = QString::number(kwin_.processId());
+    QElapsedTimer clock;
+    clock.start();
+    do {
+        for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+            const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+            const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+            if (!stat.contains("(Xwayland)") || fields.value(1) != parent.toLatin1()) continue;
+            const QList<QByteArray> args = readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).split('\0');
+            return QString::fromLatin1(args.value(1));
+        }
+        QThread::msleep(50);
+    } while (clock.elapsed() < 10000);
+    return {};
+}
+
+KWinCompositor::Window::~Window() {
+    close();
+}
+
+void KWinCompositor::Window::setTitle(const QString& title) {
+    if (!process) return;
+    process->write(title.toUtf8() + '\n');
+    process->waitForBytesWritten(1000);
+}
+
+void KWinCompositor::Window::close() {
+    if (!process) return;
+    stop(*process);
+    process.reset();
+}
+
+}  // namespace corvi::test

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <QDBusConnection>
+#include <QProcess>
+#include <QString>
+#include <QTemporaryDir>
+#include <memory>
+
+namespace corvi::test {
+
+// A private KWin for tests: kwin_wayland on its virtual backend with Xwayland, on the given
+// session bus, with its own runtime and config folders, and real Qt and X clients in windows
+// on it. Stopped, with its clients, when the object goes.
+class KWinCompositor {
+  public:
+    explicit KWinCompositor(const QString& busAddress);
+    ~KWinCompositor();
+    KWinCompositor(const KWinCompositor&) = delete;
+    KWinCompositor& operator=(const KWinCompositor&) = delete;
+
+    // KWin runs and its scripting interface answers on the bus.
+    bool ok() const { return ok_; }
+    // Why it is not ok: the program's own words.
+    QString error() const { return error_; }
+    QString socket() const { return socket_; }
+    // The socket as an absolute path, for a client whose runtime folder is another.
+    QString socketPath() const { return runtimeDir_ + u'/' + socket_; }
+
+    // A client showing one window with this app ID and title; KWin activates a new window.
+    class Window {
+      public:
+        Window() = default;
+        Window(Window&&) = default;
+        Window& operator=(Window&&) = default;
+        ~Window();
+        bool ok() const { return process && process->state() == QProcess::Running; }
+        qint64 pid() const { return process ? process->processId() : 0; }
+        // A line on the client's stdin: its new title.
+        void setTitle(const QString& title);
+        void close();
+
+      private:
+        friend class KWinCompositor;
+        std::unique_ptr<QProcess> process;
+    };
+    Window openWindow(const QString& appId, const QString& title);
+    // An X client on KWin's Xwayland: xterm, its class XTerm.
+    Window openXTerm(const QString& title);
+
+    // Loads and runs a script file under a plugin name, as any session client may; answers
+    // KWin's id for it, -1 when refused.
+    int loadScript(const QString& file, const QString& pluginName);
+    void unloadScript(const QString& pluginName);
+
+    // Moves the pointer through KWin's fake input protocol, as a remote desktop tool would;
+    // answers whether KWin took it.
+    bool fakeInput();
+
+    // Ends KWin the hard way, as a crash would, and its clients with it.
+    void kill();
+    // Starts a new KWin on the same socket and bus; answers ok().
+    bool start();
+
+  private:
+    bool startKWin(const QString& program);
+    Window run(const QString& program, const QStringList& args, const QProcessEnvironment& env);
+    QString xDisplay() const;
+
+    QString busAddress_;
+    QDBusConnection bus_;
+    QTemporaryDir home_;
+    QString runtimeDir_;
+    QString socket_;
+    QString program_;
+    QProcess kwin_;
+    bool ok_ = false;
+    QString error_;
+};
+
+}  // namespace corvi::test

@@ -1,0 +1,100 @@
+// One probe round on KWin (active window from our script's last report, idle time from KWin's
+// idle timer, lock state from a stand-in locker), against kwin_wayland on its virtual backend
+// with a Qt client window; and how long a caption change takes to reach the probe.
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QElapsedTimer>
+#include <QTemporaryDir>
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include "bench/BenchUtil.h"
+#include "platform/linux/KWinScript.h"
+#include "platform/linux/KdeAccessibility.h"
+#include "platform/linux/KdeActiveWindow.h"
+#include "platform/linux/KdeIdleMonitor.h"
+#include "support/BusStandIn.h"
+#include "support/DBusDaemon.h"
+#include "support/EventLoop.h"
+#include "support/KWinCompositor.h"
+
+using namespace corvi;
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    test::DBusDaemon session, system;
+    if (!session.ok() || !system.ok()) {
+        std::fprintf(stderr, "could not start dbus-daemon\n");
+        return 1;
+    }
+    test::KWinCompositor kwin(session.address());
+    if (!kwin.ok()) {
+        std::fprintf(stderr, "could not start KWin: %s\n", qPrintable(kwin.error()));
+        return 1;
+    }
+    test::BusStandIn locker(
+        session.address(), QStringLiteral("/org/freedesktop/ScreenSaver"),
+        [](const QDBusMessage& call, QDBusConnection& bus) { bus.send(call.createReply(QVariant(false))); });
+    locker.claim(QStringLiteral("org.freedesktop.ScreenSaver"));
+
+    QDBusConnection bus = QDBusConnection::connectToBus(session.address(), QStringLiteral("probes"));
+    auto script = std::make_shared<KWinScript>(bus);
+    KdeActiveWindow window(script);  // the installed desktop entries, as in the agent
+    KdeIdleMonitor idle(std::make_shared<WaylandSession>(kwin.socketPath().toLocal8Bit()), bus,
+                        std::make_unique<ScreenLockProbe>(
+                            bus, QDBusConnection::connectToBus(system.address(), QStringLiteral("y"))));
+    KdeAccessibility access(script);
+    QElapsedTimer loading;
+    loading.start();
+    if (!test::waitFor([&] { return access.trusted(); }, 10000)) {
+        std::fprintf(stderr, "the script never reported\n");
+        return 1;
+    }
+    bench::report("script loaded until its first report", static_cast<double>(loading.elapsed()), "ms");
+
+    auto client = kwin.openWindow(QStringLiteral("org.kde.kate"),
+                                  QStringLiteral("Relat\xc3\xb3rio final \xe2\x80\x94 Kate"));
+    if (!test::waitFor([&] { return window.current() && window.current()->pid == client.pid(); })) {
+        std::fprintf(stderr, "the window was never reported\n");
+        return 1;
+    }
+
+    int sink = 0;
+    auto round = [&] {
+        const auto info = window.current();
+        sink += info ? static_cast<int>(info->windowTitle.size()) : 0;
+        sink += static_cast<int>(idle.idleSeconds());
+        sink += idle.screenLocked() ? 1 : 0;
+    };
+    constexpr int kRounds = 2000;
+    bench::report("probe round, median", bench::medianNanos(kRounds, round) / 1000.0, "us", "< 500 us");
+    bench::report("probe round without the lock call, median",
+                  bench::medianNanos(kRounds,
+                                     [&] {
+                                         sink += window.current() ? 1 : 0;
+                                         sink += static_cast<int>(idle.idleSeconds());
+                                     }) /
+                      1000.0,
+                  "us");
+
+    // The report arrives between ticks, from KWin; its delay is what a tick can miss.
+    std::vector<double> delays;
+    for (int i = 0; i < 20; ++i) {
+        const QString title = QStringLiteral("Caption %1").arg(i);
+        QElapsedTimer clock;
+        clock.start();
+        client.setTitle(title);
+        if (!test::waitFor([&] { return window.current() && window.current()->windowTitle == title; }, 3000))
+            continue;
+        delays.push_back(static_cast<double>(clock.nsecsElapsed()) / 1e6);
+    }
+    if (delays.empty()) {
+        std::fprintf(stderr, "no caption change was reported\n");
+        return 1;
+    }
+    std::sort(delays.begin(), delays.end());
+    bench::report("caption change to the probe, median", delays[delays.size() / 2], "ms",
+                  "< 3000 ms (a tick)");
+    return sink < 0 ? 1 : 0;
+}
