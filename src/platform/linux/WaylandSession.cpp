@@ -80,11 +80,13 @@ bool WaylandSession::connect() {
         if (!readAndDispatch(0) || broken()) notifier_->setEnabled(false);
     });
     // The globals, then what the clients bound answers with (the toplevels, for one), in one
-    // budget: a compositor that does not answer costs a tick at most that.
+    // budget: a slow compositor costs a tick at most that, and what it sends later arrives
+    // through the notifier.
     const auto deadline = std::chrono::steady_clock::now() + kConnectBudget;
-    if (settle(kConnectBudget) && settle(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                      deadline - std::chrono::steady_clock::now())))
-        return true;
+    if (settle(kConnectBudget))
+        settle(std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                     std::chrono::steady_clock::now()));
+    if (!broken()) return true;
     disconnect();
     return false;
 }
