@@ -2,7 +2,6 @@
 // signed in to the real reference server on loopback, driven as a person would drive it.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <QDateTime>
@@ -11,6 +10,7 @@
 #include <QProcess>
 #include <QTemporaryDir>
 
+#include "app/AgentProcess.h"
 #include "support/DBusDaemon.h"
 #include "support/EventLoop.h"
 #include "support/HttpTestClient.h"
@@ -25,31 +25,7 @@ namespace {
 using test::settle;
 using test::waitFor;
 
-constexpr char passcode[] = "4321";
 const QString columns = "start_ts, end_ts, window_title, samples";
-
-// Every row `sql` answers, its columns as text; empty when the file cannot be read.
-QList<QStringList> query(const QString& path, const QString& sql) {
-    QList<QStringList> rows;
-    sqlite3* db = nullptr;
-    sqlite3_stmt* st = nullptr;
-    if (sqlite3_open_v2(QFile::encodeName(path).constData(), &db, SQLITE_OPEN_READONLY, nullptr) ==
-            SQLITE_OK &&
-        sqlite3_busy_timeout(db, 2000) == SQLITE_OK &&
-        sqlite3_prepare_v2(db, sql.toUtf8().constData(), -1, &st, nullptr) == SQLITE_OK)
-        while (sqlite3_step(st) == SQLITE_ROW) {
-            QStringList& row = rows.emplace_back();
-            for (int i = 0; i < sqlite3_column_count(st); ++i) {  // reals to the last bit
-                const bool real = sqlite3_column_type(st, i) == SQLITE_FLOAT;
-                const auto text = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
-                row << (real ? QString::number(sqlite3_column_double(st, i), 'g', 17)
-                             : QString::fromUtf8(text));
-            }
-        }
-    sqlite3_finalize(st);
-    sqlite3_close(db);
-    return rows;
-}
 
 // Size and modification time, to the nanosecond.
 QString fileState(const QString& path) {
@@ -57,29 +33,6 @@ QString fileState(const QString& path) {
     if (::stat(QFile::encodeName(path).constData(), &st) != 0) return "missing";
     return QString("%1 bytes at %2.%3").arg(st.st_size).arg(st.st_mtim.tv_sec).arg(st.st_mtim.tv_nsec);
 }
-
-void stop(QProcess& p) {
-    p.kill();
-    p.waitForFinished();
-}
-
-// One run of the agent, its standard error collected.
-struct Agent {
-    explicit Agent(const QProcessEnvironment& env, const QStringList& args = {}) {
-        p.setProcessEnvironment(env);
-        p.start(CORVI_AGENT_BIN, args);
-    }
-    ~Agent() { stop(p); }
-    std::string log() { return (text += QString::fromUtf8(p.readAllStandardError())).toStdString(); }
-    bool waitForLog(const QString& line) {
-        return waitFor([&] { return QString::fromStdString(log()).contains(line); }, 10000);
-    }
-    bool exited(int ms = 10000) {
-        return waitFor([&] { return p.state() == QProcess::NotRunning; }, ms);
-    }
-    QProcess p;
-    QString text;
-};
 
 class AgentEndToEnd : public ::testing::Test {
   protected:
@@ -96,23 +49,8 @@ class AgentEndToEnd : public ::testing::Test {
 
         tray.setProcessEnvironment(env);
         tray.start("trayer", {"--edge", "top", "--SetDockType", "true", "--widthtype", "request"});
-        base = test::startReferenceServer(server, CORVI_SERVER_BIN,
-                                          {"--db", dir.filePath("server.sqlite"), "--user",
-                                           "ana@studio.example:s3cret:Ana Souza", "--passcode", passcode});
-        ASSERT_FALSE(base.isEmpty()) << "the server did not start";
-
-        // Signs in and enrolls by HTTP, as the settings would.
-        const auto login = test::httpCall("POST", base + "/auth/login", {},
-                                          R"({"email":"ana@studio.example","password":"s3cret"})");
-        const auto enrolled = test::httpCall(
-            "POST", base + "/v1/enroll-self", {{"X-Auth-Token", login.json()["token"].toString().toUtf8()}},
-            R"({"machine_uid":"E2E-MACHINE","machine_name":"Test desktop"})");
-        ASSERT_EQ(enrolled.status, 200) << login.body.toStdString() << enrolled.body.toStdString();
-        ASSERT_TRUE(test::writeFile(
-            data + "/config.json",
-            QString(R"({"server_url": "%1", "api_key": "%2", "language": "pt", "launch_at_login": false})")
-                .arg(base, enrolled.json()["api_key"].toString())
-                .toUtf8()));
+        base = serveAndEnroll(server, dir.filePath("server.sqlite"), data);
+        ASSERT_FALSE(base.isEmpty()) << "the server did not start or refused the enrollment";
     }
 
     void TearDown() override {
@@ -253,7 +191,9 @@ TEST_F(AgentEndToEnd, SecondStartShowsTheSettingsAndSignsInTheRunningAgent) {
     ASSERT_TRUE(client.activate(poster));
     Agent agent(env);
     ASSERT_TRUE(agent.waitForLog("CorviAgent iniciado. DB: " + db)) << agent.log();
-    const auto settingsShown = [&] { return !xdotool({"search", "--onlyvisible", "--name", "^Corvimetry$"}).isEmpty(); };
+    const auto settingsShown = [&] {
+        return !xdotool({"search", "--onlyvisible", "--name", "^Corvimetry$"}).isEmpty();
+    };
     ASSERT_TRUE(waitFor(settingsShown, 5000)) << "no sign-in form on the first run";
     xdotool({"search", "--onlyvisible", "--name", "^Corvimetry$", "windowactivate", "--sync"});
     xdotool({"key", "alt+F4"});  // closed as a person closes it, through the window manager

@@ -22,7 +22,9 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
         {"unknown option", {"--frobnicate"}, 2, "unknown option --frobnicate"},
         {"no display", {}, 1, "no display: neither WAYLAND_DISPLAY nor DISPLAY"},
         // Refused before the event loop runs: it must still end.
-        {"sign-in to an address that does not parse", {"--sign-in", "not a server", "ana@studio.example"}, 1,
+        {"sign-in to an address that does not parse",
+         {"--sign-in", "not a server", "ana@studio.example"},
+         1,
          "Invalid address."},
     };
     QTemporaryDir dir;

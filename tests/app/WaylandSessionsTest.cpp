@@ -1,0 +1,175 @@
+// The real agent in Wayland sessions (a headless sway, KWin and GNOME Shell, each with real
+// client windows), signed in to the reference server: what it stores and uploads names the
+// focused window's application and its cleaned title, as on X11.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <QDir>
+#include <QTemporaryDir>
+#include <functional>
+#include <memory>
+
+#include "app/AgentProcess.h"
+#include "platform/linux/GnomeShellExtension.h"
+#include "support/DBusDaemon.h"
+#include "support/GnomeShell.h"
+#include "support/KWinCompositor.h"
+#include "support/SwayCompositor.h"
+
+namespace corvi {
+namespace {
+
+// One desktop as the scenario sees it: the agent's environment, and windows it can open
+// and retitle by app ID.
+struct Desktop {
+    QString error;  // empty when the desktop runs
+    QProcessEnvironment env;
+    std::function<bool(const QString& appId, const QString& title)> open;
+    std::function<void(const QString& appId, const QString& title)> retitle;
+    std::shared_ptr<void> keep;  // the compositor and its windows
+};
+
+QProcessEnvironment waylandEnv(const QString& socket, const QString& desktop) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove("DISPLAY");
+    env.insert("WAYLAND_DISPLAY", socket);
+    env.insert("XDG_SESSION_TYPE", "wayland");
+    env.insert("XDG_CURRENT_DESKTOP", desktop);
+    env.insert("QT_QPA_PLATFORM", "wayland");
+    return env;
+}
+
+Desktop sway() {
+    struct Parts {
+        test::DBusDaemon bus;
+        test::SwayCompositor sway;
+    };
+    auto parts = std::make_shared<Parts>();
+    Desktop d;
+    if (!parts->bus.ok() || !parts->sway.ok()) d.error = "no headless sway or dbus-daemon";
+    d.env = waylandEnv(parts->sway.socket(), "sway");
+    d.env.insert("SWAYSOCK", parts->sway.ipcSocket());
+    d.env.insert("DBUS_SESSION_BUS_ADDRESS", parts->bus.address());
+    test::SwayCompositor* s = &parts->sway;
+    d.open = [s](const QString& id, const QString& title) {
+        return s->launchFoot(id, title) && s->waitForWindow(id, title);
+    };
+    d.retitle = [s](const QString& id, const QString& title) { s->setFootTitle(id, title); };
+    d.keep = parts;
+    return d;
+}
+
+Desktop kwin() {
+    struct Parts {
+        test::DBusDaemon bus;
+        std::unique_ptr<test::KWinCompositor> kwin;
+        std::map<QString, test::KWinCompositor::Window> windows;
+    };
+    auto parts = std::make_shared<Parts>();
+    Desktop d;
+    if (parts->bus.ok()) parts->kwin = std::make_unique<test::KWinCompositor>(parts->bus.address());
+    if (!parts->kwin || !parts->kwin->ok())
+        d.error = "no kwin_wayland: " + (parts->kwin ? parts->kwin->error() : QString("no dbus-daemon"));
+    if (!d.error.isEmpty()) return d;
+    d.env = waylandEnv(parts->kwin->socketPath(), "KDE");
+    d.env.insert("DBUS_SESSION_BUS_ADDRESS", parts->bus.address());
+    Parts* p = parts.get();
+    d.open = [p](const QString& id, const QString& title) {
+        auto& w = p->windows[id] = p->kwin->openWindow(id, title);
+        return w.ok();
+    };
+    d.retitle = [p](const QString& id, const QString& title) { p->windows[id].setTitle(title); };
+    d.keep = parts;
+    return d;
+}
+
+Desktop gnome() {
+    struct Parts {
+        test::GnomeShell shell{CORVI_GNOME_EXTENSION_DATA, {}};
+        std::map<QString, std::unique_ptr<test::GnomeShell::Terminal>> windows;
+    };
+    auto parts = std::make_shared<Parts>();
+    Desktop d;
+    if (!parts->shell.ok() ||
+        !parts->shell.setExtensionEnabled(GnomeShellExtension::kUuid, true, GnomeShellExtension::kBusName))
+        d.error = "no headless GNOME Shell with our extension: " + parts->shell.log().right(2000);
+    d.env = parts->shell.clientEnvironment();
+    d.env.insert("QT_QPA_PLATFORM", "wayland");
+    Parts* p = parts.get();
+    d.open = [p](const QString& id, const QString& title) {
+        p->windows[id] = std::make_unique<test::GnomeShell::Terminal>(p->shell, id, title);
+        return true;
+    };
+    d.retitle = [p](const QString& id, const QString& title) { p->windows[id]->setTitle(title); };
+    d.keep = parts;
+    return d;
+}
+
+class WaylandSessions : public ::testing::TestWithParam<std::pair<const char*, Desktop (*)()>> {};
+
+TEST_P(WaylandSessions, AgentRecordsAndUploadsTheFocusedApplications) {
+    QTemporaryDir dir;
+    const QString data = dir.filePath("data/CorviAgent"), db = data + "/corvi.sqlite";
+    QProcess server;
+    const QString base = serveAndEnroll(server, dir.filePath("server.sqlite"), data);
+    ASSERT_FALSE(base.isEmpty()) << "the server did not start or refused the enrollment";
+    Desktop desktop = GetParam().second();
+    ASSERT_TRUE(desktop.error.isEmpty()) << desktop.error.toStdString();
+    for (const QString& set :
+         QStringList{"CORVI_LOG_STDERR=1", "LC_ALL=C.UTF-8", "XDG_DATA_HOME=" + dir.filePath("data"),
+                     "XDG_CONFIG_HOME=" + dir.filePath("config")})
+        desktop.env.insert(set.section('=', 0, 0), set.section('=', 1));
+    if (!desktop.env.contains("XDG_RUNTIME_DIR")) {
+        QDir().mkdir(dir.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        desktop.env.insert("XDG_RUNTIME_DIR", dir.filePath("runtime"));
+    }
+    const auto sessions = [&](const QString& where) {
+        return query(db, "SELECT id, bundle_id, window_title, category FROM sessions WHERE " + where);
+    };
+    const auto seen = [&](const QString& where) {
+        return waitFor([&] { return !sessions(where).isEmpty(); }, 15000);
+    };
+
+    // A spinner and a size suffix in the raw title: the stored one is cleaned.
+    ASSERT_TRUE(desktop.open("org.inkscape.Inkscape", "◐ Cartaz final.svg — 1920 × 1080"));
+    QString lastOfFirstRun;
+    {
+        Agent agent(desktop.env);
+        ASSERT_TRUE(agent.waitForLog("CorviAgent iniciado. DB: " + db)) << agent.log();
+        EXPECT_TRUE(
+            seen("bundle_id = 'org.inkscape.Inkscape' AND window_title = 'Cartaz final.svg' AND "
+                 "category = 'work'"))
+            << agent.log();
+        ASSERT_TRUE(desktop.open("firefox-esr", "Notícias do dia"));
+        EXPECT_TRUE(
+            seen("bundle_id = 'firefox-esr' AND window_title = 'Notícias do dia' AND category = 'browser'"))
+            << agent.log();
+        desktop.retitle("firefox-esr", "Previsão do tempo");
+        EXPECT_TRUE(seen("bundle_id = 'firefox-esr' AND window_title = 'Previsão do tempo'")) << agent.log();
+        EXPECT_FALSE(QString::fromStdString(agent.log()).contains("sem suporte")) << agent.log();
+        ::kill(agent.p.processId(), SIGKILL);  // nothing stored may be lost
+        ASSERT_TRUE(agent.exited());
+        lastOfFirstRun = sessions("1 ORDER BY id DESC LIMIT 1").value(0).value(0);
+    }
+
+    // The next start uploads what the first run stored; the server holds the same.
+    Agent again(desktop.env);
+    EXPECT_TRUE(again.waitForLog(" sessões enviadas")) << again.log();
+    const QString mine =
+        "SELECT id, bundle_id, window_title, category FROM sessions WHERE id <= " + lastOfFirstRun;
+    const QString theirs =
+        "SELECT client_id, bundle_id, window_title, category FROM sessions WHERE client_id <= " +
+        lastOfFirstRun + " ORDER BY client_id";
+    EXPECT_GE(lastOfFirstRun.toInt(), 3);
+    EXPECT_EQ(query(db, mine + " ORDER BY id"), query(dir.filePath("server.sqlite"), theirs));
+    server.kill();
+    server.waitForFinished();
+}
+
+INSTANTIATE_TEST_SUITE_P(Desktops, WaylandSessions,
+                         ::testing::Values(std::make_pair("sway", &sway), std::make_pair("KWin", &kwin),
+                                           std::make_pair("GNOME", &gnome)),
+                         [](const auto& info) { return std::string(info.param.first); });
+
+}  // namespace
+}  // namespace corvi
