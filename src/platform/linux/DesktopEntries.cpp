@@ -150,4 +150,22 @@ void DesktopEntries::readEntry(const QString& id, const QString& path) {
     if (!wmClass.isEmpty() && !classes_.contains(wmClass)) classes_.insert(wmClass, id);
 }
 
+QString desktopFileId(QString value) {
+    value = value.trimmed();
+    if (const qsizetype slash = value.lastIndexOf(u'/'); slash >= 0) value = value.mid(slash + 1);
+    if (value.endsWith(QStringLiteral(".desktop"))) value.chop(8);
+    return value;
+}
+
+ActiveWindow::Info describeWindow(DesktopEntries& entries, const QString& appId, std::int32_t pid,
+                                  const QString& title) {
+    ActiveWindow::Info info;
+    info.bundleID = appId.isEmpty() ? QStringLiteral("unknown") : appId;
+    if (!appId.isEmpty()) info.appName = entries.nameForId(appId);
+    if (info.appName.isEmpty()) info.appName = info.bundleID;
+    info.pid = pid;
+    info.windowTitle = title;
+    return info;
+}
+
 }  // namespace corvi

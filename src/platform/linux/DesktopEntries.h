@@ -4,6 +4,8 @@
 #include <QString>
 #include <QStringList>
 
+#include "platform/ActiveWindow.h"
+
 namespace corvi {
 
 // The installed desktop entries, read once: which application ID a window class belongs to
@@ -36,5 +38,13 @@ class DesktopEntries {
     QHash<QString, QString> names_;    // ID → Name (empty for hidden entries)
     QHash<QString, QString> classes_;  // StartupWMClass → ID
 };
+
+// A desktop file name or path as an application ID: its base name without ".desktop".
+QString desktopFileId(QString value);
+
+// A window known by its application ID, with the neutral values filled in: "unknown" without
+// an ID, the entry's name for the ID, else the ID itself.
+ActiveWindow::Info describeWindow(DesktopEntries& entries, const QString& appId, std::int32_t pid,
+                                  const QString& title);
 
 }  // namespace corvi

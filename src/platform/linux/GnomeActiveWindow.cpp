@@ -9,13 +9,7 @@ GnomeActiveWindow::GnomeActiveWindow(std::shared_ptr<GnomeShellExtension> extens
 std::optional<ActiveWindow::Info> GnomeActiveWindow::current() {
     const std::optional<GnomeShellExtension::Focus> f = extension_->focus();
     if (!f || !f->focused) return std::nullopt;
-    Info info;
-    info.bundleID = f->appId.isEmpty() ? QStringLiteral("unknown") : f->appId;
-    if (!f->appId.isEmpty()) info.appName = entries_->nameForId(f->appId);
-    if (info.appName.isEmpty()) info.appName = info.bundleID;
-    info.pid = f->pid;
-    info.windowTitle = f->title;
-    return info;
+    return describeWindow(*entries_, f->appId, f->pid, f->title);
 }
 
 QString GnomeActiveWindow::focusedWindowTitle(std::int32_t pid) {

@@ -19,14 +19,7 @@ std::optional<WlrToplevels::Window> WlrActiveWindow::activated() {
 std::optional<ActiveWindow::Info> WlrActiveWindow::current() {
     const std::optional<WlrToplevels::Window> w = activated();
     if (!w) return std::nullopt;
-    const QString id = w->appId.trimmed();
-    Info info;
-    info.bundleID = id.isEmpty() ? QStringLiteral("unknown") : id;
-    if (!id.isEmpty()) info.appName = entries_->nameForId(id);
-    if (info.appName.isEmpty()) info.appName = info.bundleID;
-    info.pid = pidOf(*w);
-    info.windowTitle = w->title;
-    return info;
+    return describeWindow(*entries_, w->appId.trimmed(), pidOf(*w), w->title);
 }
 
 QString WlrActiveWindow::focusedWindowTitle(std::int32_t pid) {

@@ -134,14 +134,6 @@ QString processName(std::int32_t pid) {
     return strictUtf8(readSmallFile(QStringLiteral("/proc/%1/comm").arg(pid)).trimmed(), false);
 }
 
-// A desktop file name or path as an application ID.
-QString desktopFileId(QString value) {
-    value = value.trimmed();
-    if (const qsizetype slash = value.lastIndexOf(u'/'); slash >= 0) value = value.mid(slash + 1);
-    if (value.endsWith(QStringLiteral(".desktop"))) value.chop(8);
-    return value;
-}
-
 }  // namespace
 
 X11ActiveWindow::X11ActiveWindow(std::shared_ptr<X11Session> session, std::unique_ptr<DesktopEntries> entries)

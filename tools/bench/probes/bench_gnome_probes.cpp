@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "bench/BenchUtil.h"
+#include "bench/probes/ProbeRound.h"
 #include "platform/linux/GnomeAccessibility.h"
 #include "platform/linux/GnomeActiveWindow.h"
 #include "platform/linux/GnomeIdleMonitor.h"
@@ -44,13 +45,7 @@ int main(int argc, char** argv) {
     }
 
     int sink = 0;
-    auto round = [&] {
-        const auto info = window.current();
-        sink += info ? static_cast<int>(info->windowTitle.size()) : 0;
-        sink += static_cast<int>(idle.idleSeconds());
-        sink += idle.screenLocked() ? 1 : 0;
-        sink += access.trusted() ? 1 : 0;
-    };
+    auto round = [&] { sink += bench::probeRound(window, idle) + (access.trusted() ? 1 : 0); };
     round();  // reads the desktop entries, finds the locker
 
     constexpr int kRounds = 1000;

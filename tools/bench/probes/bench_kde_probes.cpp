@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bench/BenchUtil.h"
+#include "bench/probes/ProbeRound.h"
 #include "platform/linux/KWinScript.h"
 #include "platform/linux/KdeAccessibility.h"
 #include "platform/linux/KdeActiveWindow.h"
@@ -61,22 +62,12 @@ int main(int argc, char** argv) {
     }
 
     int sink = 0;
-    auto round = [&] {
-        const auto info = window.current();
-        sink += info ? static_cast<int>(info->windowTitle.size()) : 0;
-        sink += static_cast<int>(idle.idleSeconds());
-        sink += idle.screenLocked() ? 1 : 0;
-    };
+    auto round = [&] { sink += bench::probeRound(window, idle); };
     constexpr int kRounds = 2000;
     bench::report("probe round, median", bench::medianNanos(kRounds, round) / 1000.0, "us", "< 500 us");
-    bench::report("probe round without the lock call, median",
-                  bench::medianNanos(kRounds,
-                                     [&] {
-                                         sink += window.current() ? 1 : 0;
-                                         sink += static_cast<int>(idle.idleSeconds());
-                                     }) /
-                      1000.0,
-                  "us");
+    bench::report(
+        "probe round without the lock call, median",
+        bench::medianNanos(kRounds, [&] { sink += bench::probeRound(window, idle, false); }) / 1000.0, "us");
 
     // The report arrives between ticks, from KWin; its delay is what a tick can miss.
     std::vector<double> delays;

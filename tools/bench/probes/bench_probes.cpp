@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "bench/BenchUtil.h"
+#include "bench/probes/ProbeRound.h"
 #include "platform/linux/WaylandIdle.h"
 #include "platform/linux/WlrActiveWindow.h"
 #include "platform/linux/X11ActiveWindow.h"
@@ -50,12 +51,7 @@ int main(int argc, char** argv) {
                                QDBusConnection::connectToBus(system.address(), QStringLiteral("y"))));
 
     int sink = 0;
-    auto round = [&] {
-        const auto info = window.current();
-        sink += info ? static_cast<int>(info->windowTitle.size()) : 0;
-        sink += static_cast<int>(idle.idleSeconds());
-        sink += idle.screenLocked() ? 1 : 0;
-    };
+    auto round = [&] { sink += bench::probeRound(window, idle); };
     round();  // connects, interns atoms, reads the desktop entries, finds the locker
 
     constexpr int kRounds = 2000;
@@ -65,11 +61,7 @@ int main(int argc, char** argv) {
     bench::report("probe round, median", nanos / 1000.0, "us", "< 500 us");
     bench::report("X round trips per round", trips, "", "<= 3");
 
-    const double xOnly = bench::medianNanos(kRounds, [&] {
-        const auto info = window.current();
-        sink += info ? 1 : 0;
-        sink += static_cast<int>(idle.idleSeconds());
-    });
+    const double xOnly = bench::medianNanos(kRounds, [&] { sink += bench::probeRound(window, idle, false); });
     bench::report("probe round without the lock call, median", xOnly / 1000.0, "us");
 
     test::SwayCompositor sway;
@@ -86,12 +78,7 @@ int main(int argc, char** argv) {
     WaylandIdle wlrIdle(wayland, std::make_unique<ScreenLockProbe>(
                                      QDBusConnection::connectToBus(session.address(), QStringLiteral("s2")),
                                      QDBusConnection::connectToBus(system.address(), QStringLiteral("y2"))));
-    auto wlrRound = [&] {
-        const auto info = wlrWindow.current();
-        sink += info ? static_cast<int>(info->windowTitle.size()) : 0;
-        sink += static_cast<int>(wlrIdle.idleSeconds());
-        sink += wlrIdle.screenLocked() ? 1 : 0;
-    };
+    auto wlrRound = [&] { sink += bench::probeRound(wlrWindow, wlrIdle); };
     wlrRound();
     if (!wlrWindow.current()) {
         std::fprintf(stderr, "the probes see no focused window on sway\n");
@@ -99,11 +86,8 @@ int main(int argc, char** argv) {
     }
     bench::report("sway probe round, median", bench::medianNanos(kRounds, wlrRound) / 1000.0, "us",
                   "< 500 us");
-    const double wlrOnly = bench::medianNanos(kRounds, [&] {
-        const auto info = wlrWindow.current();
-        sink += info ? 1 : 0;
-        sink += static_cast<int>(wlrIdle.idleSeconds());
-    });
+    const double wlrOnly =
+        bench::medianNanos(kRounds, [&] { sink += bench::probeRound(wlrWindow, wlrIdle, false); });
     bench::report("sway probe round without the lock call, median", wlrOnly / 1000.0, "us");
     const SwayIpc ipc(sway.ipcSocket().toLocal8Bit());
     const double pidNanos = bench::medianNanos(200, [&] {
