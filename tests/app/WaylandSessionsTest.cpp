@@ -6,11 +6,9 @@
 
 #include <QDir>
 #include <QTemporaryDir>
-#include <functional>
 #include <memory>
 
 #include "app/AgentProcess.h"
-#include "platform/linux/GnomeShellExtension.h"
 #include "support/DBusDaemon.h"
 #include "support/GnomeShell.h"
 #include "support/KWinCompositor.h"
@@ -19,22 +17,23 @@
 namespace corvi {
 namespace {
 
-// One desktop as the scenario sees it: the agent's environment, and windows it can open
-// and retitle by app ID.
+// One desktop as the scenario sees it: the agent's environment, and the compositor its
+// windows open on.
 struct Desktop {
     QString error;  // empty when the desktop runs
     QProcessEnvironment env;
-    std::function<bool(const QString& appId, const QString& title)> open;
-    std::function<void(const QString& appId, const QString& title)> retitle;
-    std::shared_ptr<void> keep;  // the compositor and its windows
+    const test::WaylandDesktop* compositor = nullptr;
+    test::ClientWindow::Kind kind = test::ClientWindow::Foot;
+    std::shared_ptr<void> keep;  // the compositor and its buses
 };
 
-QProcessEnvironment waylandEnv(const QString& socket, const QString& desktop) {
+QProcessEnvironment waylandEnv(const QString& socket, const QString& desktop, const QString& bus) {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove("DISPLAY");
     env.insert("WAYLAND_DISPLAY", socket);
     env.insert("XDG_SESSION_TYPE", "wayland");
     env.insert("XDG_CURRENT_DESKTOP", desktop);
+    env.insert("DBUS_SESSION_BUS_ADDRESS", bus);
     env.insert("QT_QPA_PLATFORM", "wayland");
     return env;
 }
@@ -45,63 +44,35 @@ Desktop sway() {
         test::SwayCompositor sway;
     };
     auto parts = std::make_shared<Parts>();
-    Desktop d;
+    Desktop d{{}, waylandEnv(parts->sway.socket(), "sway", parts->bus.address()), &parts->sway,
+              test::ClientWindow::Foot, parts};
     if (!parts->bus.ok() || !parts->sway.ok()) d.error = "no headless sway or dbus-daemon";
-    d.env = waylandEnv(parts->sway.socket(), "sway");
     d.env.insert("SWAYSOCK", parts->sway.ipcSocket());
-    d.env.insert("DBUS_SESSION_BUS_ADDRESS", parts->bus.address());
-    test::SwayCompositor* s = &parts->sway;
-    d.open = [s](const QString& id, const QString& title) {
-        return s->launchFoot(id, title) && s->waitForWindow(id, title);
-    };
-    d.retitle = [s](const QString& id, const QString& title) { s->setFootTitle(id, title); };
-    d.keep = parts;
     return d;
 }
 
 Desktop kwin() {
     struct Parts {
         test::DBusDaemon bus;
-        std::unique_ptr<test::KWinCompositor> kwin;
-        std::map<QString, test::KWinCompositor::Window> windows;
+        test::KWinCompositor kwin{bus.address()};
     };
     auto parts = std::make_shared<Parts>();
-    Desktop d;
-    if (parts->bus.ok()) parts->kwin = std::make_unique<test::KWinCompositor>(parts->bus.address());
-    if (!parts->kwin || !parts->kwin->ok())
-        d.error = "no kwin_wayland: " + (parts->kwin ? parts->kwin->error() : QString("no dbus-daemon"));
-    if (!d.error.isEmpty()) return d;
-    d.env = waylandEnv(parts->kwin->socketPath(), "KDE");
-    d.env.insert("DBUS_SESSION_BUS_ADDRESS", parts->bus.address());
-    Parts* p = parts.get();
-    d.open = [p](const QString& id, const QString& title) {
-        auto& w = p->windows[id] = p->kwin->openWindow(id, title);
-        return w.ok();
-    };
-    d.retitle = [p](const QString& id, const QString& title) { p->windows[id].setTitle(title); };
-    d.keep = parts;
+    Desktop d{{},
+              waylandEnv(parts->kwin.socketPath(), "KDE", parts->bus.address()),
+              &parts->kwin,
+              test::ClientWindow::Qt,
+              parts};
+    if (!parts->bus.ok() || !parts->kwin.ok())
+        d.error = "no kwin_wayland or dbus-daemon: " + parts->kwin.error();
     return d;
 }
 
 Desktop gnome() {
-    struct Parts {
-        test::GnomeShell shell{CORVI_GNOME_EXTENSION_DATA, {}};
-        std::map<QString, std::unique_ptr<test::GnomeShell::Terminal>> windows;
-    };
-    auto parts = std::make_shared<Parts>();
-    Desktop d;
-    if (!parts->shell.ok() ||
-        !parts->shell.setExtensionEnabled(GnomeShellExtension::kUuid, true, GnomeShellExtension::kBusName))
-        d.error = "no headless GNOME Shell with our extension: " + parts->shell.log().right(2000);
-    d.env = parts->shell.clientEnvironment();
+    auto shell = std::make_shared<test::GnomeShell>(CORVI_GNOME_EXTENSION_DATA);
+    Desktop d{{}, shell->clientEnvironment(), shell.get(), test::ClientWindow::Foot, shell};
     d.env.insert("QT_QPA_PLATFORM", "wayland");
-    Parts* p = parts.get();
-    d.open = [p](const QString& id, const QString& title) {
-        p->windows[id] = std::make_unique<test::GnomeShell::Terminal>(p->shell, id, title);
-        return true;
-    };
-    d.retitle = [p](const QString& id, const QString& title) { p->windows[id]->setTitle(title); };
-    d.keep = parts;
+    if (!shell->ok() || !shell->setExtensionEnabled(true))
+        d.error = "no headless GNOME Shell with our extension: " + shell->log().right(2000);
     return d;
 }
 
@@ -129,9 +100,13 @@ TEST_P(WaylandSessions, AgentRecordsAndUploadsTheFocusedApplications) {
     const auto seen = [&](const QString& where) {
         return waitFor([&] { return !sessions(where).isEmpty(); }, 15000);
     };
+    std::map<QString, test::ClientWindow> windows;
+    const auto open = [&](const QString& appId, const QString& title) {
+        return (windows[appId] = desktop.compositor->open(desktop.kind, appId, title)).ok();
+    };
 
     // A spinner and a size suffix in the raw title: the stored one is cleaned.
-    ASSERT_TRUE(desktop.open("org.inkscape.Inkscape", "◐ Cartaz final.svg — 1920 × 1080"));
+    ASSERT_TRUE(open("org.inkscape.Inkscape", "◐ Cartaz final.svg — 1920 × 1080"));
     QString lastOfFirstRun;
     {
         Agent agent(desktop.env);
@@ -140,11 +115,11 @@ TEST_P(WaylandSessions, AgentRecordsAndUploadsTheFocusedApplications) {
             seen("bundle_id = 'org.inkscape.Inkscape' AND window_title = 'Cartaz final.svg' AND "
                  "category = 'work'"))
             << agent.log();
-        ASSERT_TRUE(desktop.open("firefox-esr", "Notícias do dia"));
+        ASSERT_TRUE(open("firefox-esr", "Notícias do dia"));
         EXPECT_TRUE(
             seen("bundle_id = 'firefox-esr' AND window_title = 'Notícias do dia' AND category = 'browser'"))
             << agent.log();
-        desktop.retitle("firefox-esr", "Previsão do tempo");
+        windows["firefox-esr"].setTitle("Previsão do tempo");
         EXPECT_TRUE(seen("bundle_id = 'firefox-esr' AND window_title = 'Previsão do tempo'")) << agent.log();
         EXPECT_FALSE(QString::fromStdString(agent.log()).contains("sem suporte")) << agent.log();
         ::kill(agent.p.processId(), SIGKILL);  // nothing stored may be lost

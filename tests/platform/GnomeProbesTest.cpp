@@ -14,23 +14,22 @@
 #include "platform/linux/ScreenLockProbe.h"
 #include "support/EventLoop.h"
 #include "support/GnomeShell.h"
+#include "support/ProbeChecks.h"
 
 namespace corvi {
 namespace {
 
+using test::ClientWindow;
 using test::GnomeShell;
 using test::waitFor;
-using Terminal = GnomeShell::Terminal;
-
-const QString kUuid = QString::fromLatin1(GnomeShellExtension::kUuid);
-const QString kBusName = QString::fromLatin1(GnomeShellExtension::kBusName);
 
 // Records the extension's change signals.
 class ChangeRecorder : public QObject {
     Q_OBJECT
   public:
     explicit ChangeRecorder(QDBusConnection bus) {
-        bus.connect(kBusName, QString::fromLatin1(GnomeShellExtension::kObjectPath),
+        bus.connect(QString::fromLatin1(GnomeShellExtension::kBusName),
+                    QString::fromLatin1(GnomeShellExtension::kObjectPath),
                     QString::fromLatin1(GnomeShellExtension::kInterface), QStringLiteral("Changed"), this,
                     SLOT(changed(QDBusMessage)));
     }
@@ -56,16 +55,6 @@ struct GnomeProbes {
           idle(shell.bus(), std::make_unique<ScreenLockProbe>(shell.bus(), shell.bus())),
           access(extension, shell.bus()) {}
 
-    // Waits until the window of `pid` is reported in front.
-    bool showsPid(std::int32_t pid, int ms = 10000) {
-        return waitFor(
-            [&] {
-                const auto info = window.current();
-                return info && info->pid == pid;
-            },
-            ms);
-    }
-
     std::shared_ptr<GnomeShellExtension> extension;
     GnomeActiveWindow window;
     GnomeIdleMonitor idle;
@@ -76,7 +65,7 @@ class GnomeProbesTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         shell_ = new GnomeShell(CORVI_GNOME_EXTENSION_DATA, kEntries);
-        enabled_ = shell_->ok() && shell_->setExtensionEnabled(kUuid, true, kBusName);
+        enabled_ = shell_->ok() && shell_->setExtensionEnabled(true);
     }
     static void TearDownTestSuite() { delete shell_; }
     void SetUp() override {
@@ -92,47 +81,36 @@ class GnomeProbesTest : public ::testing::Test {
 
 TEST_F(GnomeProbesTest, FocusedWindowIsNamedByItsDesktopEntry) {
     ActiveWindow& window = probes_->window;
-    struct Case {
-        const char* row;
-        QString appId, title, bundleID, appName;
-    };
-    const Case cases[] = {
+    const test::WindowCase cases[] = {
         {"entry named after the app ID", "org.example.Editor",
          QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 caf\xc3\xa9 \xe2\x9c\x93"), "org.example.Editor",
          "Example Editor"},
         {"entry found through StartupWMClass", "exedit", "  spaced  ", "org.example.Mapped", "Mapped Editor"},
         {"no entry: the app ID names itself", "no.entry.App", "x", "no.entry.App", "no.entry.App"},
     };
-    std::vector<std::unique_ptr<Terminal>> open;
-    for (const Case& c : cases) {
+    std::vector<ClientWindow> open;
+    for (const test::WindowCase& c : cases) {
         SCOPED_TRACE(c.row);
-        open.push_back(std::make_unique<Terminal>(*shell_, c.appId, c.title));
-        const std::int32_t pid = open.back()->pid();
-        ASSERT_TRUE(probes_->showsPid(pid)) << "the new window never had the focus";
-        const auto info = window.current();
-        ASSERT_TRUE(info.has_value());
-        EXPECT_EQ(info->bundleID, c.bundleID);
-        EXPECT_EQ(info->appName, c.appName);
-        EXPECT_EQ(info->windowTitle, c.title) << "the title as the window set it";
-        EXPECT_EQ(window.focusedWindowTitle(pid), c.title);
-        EXPECT_EQ(window.focusedWindowTitle(1), QString()) << "not the focused window's process";
+        open.push_back(shell_->open(ClientWindow::Foot, c.appId, c.title));
+        ASSERT_TRUE(test::showsWindow(window, open.back().pid(), c.title))
+            << "the new window never had the focus";
+        test::expectDescribes(window, c, open.back().pid());
     }
 
     // A title change is there by the next tick, and the extension announces it.
     ChangeRecorder changes(shell_->bus());
-    open.back()->setTitle(QStringLiteral("Second title"));
+    open.back().setTitle(QStringLiteral("Second title"));
     EXPECT_TRUE(waitFor(
-        [&] { return window.focusedWindowTitle(open.back()->pid()) == QStringLiteral("Second title"); },
+        [&] { return window.focusedWindowTitle(open.back().pid()) == QStringLiteral("Second title"); },
         3000));
     EXPECT_TRUE(waitFor([&] { return changes.titles.contains(QStringLiteral("Second title")); }, 3000));
 
     // Closing the front window gives the focus back to the one under it; with none left there
     // is no front application, and the permission still holds.
-    open.back()->close();
-    EXPECT_TRUE(probes_->showsPid(open[1]->pid()));
-    for (auto& t : open) t->close();
+    open.back().close();
+    EXPECT_TRUE(test::showsWindow(window, open[1].pid(), cases[1].title));
+    open.clear();
     EXPECT_TRUE(waitFor([&] { return !window.current(); }));
-    EXPECT_EQ(window.focusedWindowTitle(0), QString());
     EXPECT_TRUE(probes_->access.trusted());
 }
 
@@ -167,7 +145,6 @@ TEST_F(GnomeProbesTest, IdleTimeGrowsWithoutInputAndInputResetsIt) {
 TEST_F(GnomeProbesTest, GrantingOpensTheExtensionsAppAndDisablingRevokes) {
     GnomeAccessibility& access = probes_->access;
     EXPECT_TRUE(access.trusted());
-    EXPECT_TRUE(access.trustedWithPrompt());
 
     // The Extensions app, started through the bus, is where the person enables the extension.
     ASSERT_TRUE(access.openGrantPlace());
@@ -183,13 +160,12 @@ TEST_F(GnomeProbesTest, GrantingOpensTheExtensionsAppAndDisablingRevokes) {
         ::kill(info->pid, SIGTERM);
     }
 
-    ASSERT_TRUE(shell_->setExtensionEnabled(kUuid, false, kBusName));
+    ASSERT_TRUE(shell_->setExtensionEnabled(false));
     EXPECT_FALSE(access.trusted());
-    EXPECT_FALSE(access.trustedWithPrompt());
     EXPECT_FALSE(probes_->window.current().has_value());
     EXPECT_GT(probes_->idle.idleSeconds() + 1.0, 1.0) << "the idle time does not need the extension";
 
-    ASSERT_TRUE(shell_->setExtensionEnabled(kUuid, true, kBusName));
+    ASSERT_TRUE(shell_->setExtensionEnabled(true));
     EXPECT_TRUE(access.trusted());
 }
 
@@ -198,25 +174,19 @@ TEST_F(GnomeProbesTest, GrantingOpensTheExtensionsAppAndDisablingRevokes) {
 TEST(GnomeLostShellTest, HungThenKilledShellGivesNeutralValues) {
     GnomeShell shell(CORVI_GNOME_EXTENSION_DATA, kEntries);
     ASSERT_TRUE(shell.ok()) << shell.log().toStdString();
-    ASSERT_TRUE(shell.setExtensionEnabled(kUuid, true, kBusName));
+    ASSERT_TRUE(shell.setExtensionEnabled(true));
     GnomeProbes probes(shell);
-    Terminal t(shell, QStringLiteral("org.example.Editor"), QStringLiteral("before"));
-    ASSERT_TRUE(probes.showsPid(t.pid()));
+    ClientWindow t =
+        shell.open(ClientWindow::Foot, QStringLiteral("org.example.Editor"), QStringLiteral("before"));
+    ASSERT_TRUE(test::showsWindow(probes.window, t.pid(), QStringLiteral("before")));
 
-    const auto neutral = [&](const char* row) {
-        SCOPED_TRACE(row);
-        EXPECT_FALSE(probes.window.current().has_value());
-        EXPECT_EQ(probes.window.focusedWindowTitle(t.pid()), QString());
-        EXPECT_EQ(probes.idle.idleSeconds(), 0.0);
-        EXPECT_FALSE(probes.access.trusted());
-    };
     shell.pause(true);
-    neutral("paused");
+    test::expectNeutral(probes.window, probes.idle, probes.access, t.pid());
     shell.pause(false);
     EXPECT_TRUE(waitFor([&] { return probes.access.trusted(); })) << "a resumed Shell answers again";
 
     shell.kill();
-    neutral("killed");
+    test::expectNeutral(probes.window, probes.idle, probes.access, t.pid());
     EXPECT_FALSE(probes.idle.screenLocked());
 }
 

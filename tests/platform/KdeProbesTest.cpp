@@ -13,11 +13,13 @@
 #include "support/DBusDaemon.h"
 #include "support/EventLoop.h"
 #include "support/KWinCompositor.h"
+#include "support/ProbeChecks.h"
 #include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
 
+using test::ClientWindow;
 using test::KWinCompositor;
 using test::waitFor;
 using namespace std::chrono_literals;
@@ -70,14 +72,8 @@ class KdeProbesTest : public ::testing::Test {
         ASSERT_TRUE(kwin_->ok()) << qPrintable(kwin_->error());
     }
     static QString entries() { return entries_->filePath(QStringLiteral("applications")); }
-    // Waits until the probe sees a window of this client with this title.
-    static bool seen(KdeProbes& p, const KWinCompositor::Window& w, const QString& title, int ms = 10000) {
-        return waitFor(
-            [&] {
-                const auto info = p.window.current();
-                return info && info->pid == w.pid() && info->windowTitle == title;
-            },
-            ms);
+    static ClientWindow open(const QString& appId, const QString& title) {
+        return kwin_->open(ClientWindow::Qt, appId, title);
     }
 
     static inline test::DBusDaemon* bus_ = nullptr;
@@ -88,36 +84,28 @@ class KdeProbesTest : public ::testing::Test {
 TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
     KdeProbes p(bus_->address(), kwin_->socketPath(), entries());
     ASSERT_TRUE(p.ready()) << "the script never reported";
-    EXPECT_TRUE(p.access.trustedWithPrompt());
 
     const QString hostile =
         QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 \"caf\xc3\xa9\" \\ ' `$(x)` \xe2\x9c\x93");
-    struct Case {
-        const char* row;
-        QString appId, title, bundleID, appName;  // no app ID: an X client
-    };
-    const Case cases[] = {
+    const test::WindowCase cases[] = {
+        // no app ID: an X client
         {"X client without a desktop file: the class, as KWin lowers it", "", "Terminal", "xterm", "xterm"},
         {"entry names the app", "org.example.Editor", "Plain", "org.example.Editor", "Example Editor"},
         {"no entry: the ID is the name", "org.example.NoEntry", hostile, "org.example.NoEntry",
          "org.example.NoEntry"},
     };
-    std::vector<KWinCompositor::Window> open;
-    for (const Case& c : cases) {
+    std::vector<ClientWindow> open;
+    for (const test::WindowCase& c : cases) {
         SCOPED_TRACE(c.row);
-        open.push_back(c.appId.isEmpty() ? kwin_->openXTerm(c.title) : kwin_->openWindow(c.appId, c.title));
-        const KWinCompositor::Window& w = open.back();
-        ASSERT_TRUE(seen(p, w, c.title)) << "the new window is activated and reported";
-        const auto info = p.window.current();
-        EXPECT_EQ(info->bundleID, c.bundleID);
-        EXPECT_EQ(info->appName, c.appName);
-        EXPECT_EQ(p.window.focusedWindowTitle(static_cast<std::int32_t>(w.pid())), c.title);
-        EXPECT_EQ(p.window.focusedWindowTitle(1), QString());
+        open.push_back(c.appId.isEmpty() ? kwin_->openXTerm(c.title) : KdeProbesTest::open(c.appId, c.title));
+        ASSERT_TRUE(test::showsWindow(p.window, open.back().pid(), c.title))
+            << "the new window is activated and reported";
+        test::expectDescribes(p.window, c, open.back().pid());
     }
 
     // KWin numbers a second window with the same caption; the title stays the one it set.
-    open.push_back(kwin_->openWindow(cases[2].appId, hostile));
-    EXPECT_TRUE(seen(p, open.back(), hostile)) << "same title, second window";
+    open.push_back(KdeProbesTest::open(cases[2].appId, hostile));
+    EXPECT_TRUE(test::showsWindow(p.window, open.back().pid(), hostile)) << "same title, second window";
 
     // Only KWin's own connection speaks for the windows.
     QDBusConnection impostor = QDBusConnection::connectToBus(bus_->address(), QStringLiteral("impostor"));
@@ -132,7 +120,8 @@ TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
 
     const QString renamed = QString::fromUtf8("Renamed \xe2\x80\x94 2");
     open.back().setTitle(renamed);
-    EXPECT_TRUE(seen(p, open.back(), renamed, kTickMs)) << "a title change is seen within one tick";
+    EXPECT_TRUE(test::showsWindow(p.window, open.back().pid(), renamed, kTickMs))
+        << "a title change is seen within one tick";
 
     for (auto& w : open) w.close();
     EXPECT_TRUE(waitFor([&] { return !p.window.current().has_value(); })) << "no window: none";
@@ -153,11 +142,8 @@ TEST_F(KdeProbesTest, MadeForAPlasmaSession) {
         display("WAYLAND_DISPLAY", kwin_->socketPath().toLocal8Bit());
     Probes probes = makeProbes();
     EXPECT_TRUE(waitFor([&] { return probes.accessibility->trusted(); }));
-    auto w = kwin_->openWindow(QStringLiteral("org.example.Editor"), QStringLiteral("Made"));
-    EXPECT_TRUE(waitFor([&] {
-        const auto info = probes.window->current();
-        return info && info->pid == w.pid() && info->windowTitle == QStringLiteral("Made");
-    }));
+    ClientWindow w = open(QStringLiteral("org.example.Editor"), QStringLiteral("Made"));
+    EXPECT_TRUE(test::showsWindow(*probes.window, w.pid(), QStringLiteral("Made")));
     EXPECT_TRUE(waitFor([&] { return probes.idle->idleSeconds() >= 1.0; }));
 }
 
@@ -183,22 +169,18 @@ TEST_F(KdeProbesTest, KWinGoneThenBack) {
     KdeProbes p(
         bus_->address(), kwin_->socketPath(), entries(), [&] { ++unsupported; }, 1s);
     ASSERT_TRUE(p.ready());
-    auto before = kwin_->openWindow(QStringLiteral("org.example.Editor"), QStringLiteral("Before"));
-    ASSERT_TRUE(seen(p, before, QStringLiteral("Before")));
+    ClientWindow before = open(QStringLiteral("org.example.Editor"), QStringLiteral("Before"));
+    ASSERT_TRUE(test::showsWindow(p.window, before.pid(), QStringLiteral("Before")));
 
     kwin_->kill();
     EXPECT_TRUE(waitFor([&] { return !p.window.current() && !p.access.trusted(); }))
         << "the last report is forgotten";
-    for (int tick = 0; tick < 3; ++tick) {
-        EXPECT_FALSE(p.window.current().has_value());
-        EXPECT_EQ(p.idle.idleSeconds(), 0.0);
-        EXPECT_FALSE(p.access.trusted());
-    }
+    test::expectNeutral(p.window, p.idle, p.access);
 
     ASSERT_TRUE(kwin_->start()) << qPrintable(kwin_->error());
     ASSERT_TRUE(p.ready()) << "the script is loaded into the new KWin";
-    auto after = kwin_->openWindow(QStringLiteral("org.example.Editor"), QStringLiteral("After"));
-    EXPECT_TRUE(seen(p, after, QStringLiteral("After")));
+    ClientWindow after = open(QStringLiteral("org.example.Editor"), QStringLiteral("After"));
+    EXPECT_TRUE(test::showsWindow(p.window, after.pid(), QStringLiteral("After")));
     EXPECT_TRUE(waitFor([&] { return p.idle.idleSeconds() >= 1.0; })) << "the new KWin's idle timer";
     test::settle(1100);
     p.window.current();
@@ -215,12 +197,7 @@ TEST(KdeWithoutKWinTest, NeutralAndReportedOnce) {
         bus.address(), QStringLiteral("/nonexistent/wayland-0"), QString(), [&] { ++unsupported; }, 300ms);
 
     test::settle(500);
-    for (int tick = 0; tick < 3; ++tick) {
-        EXPECT_FALSE(p.window.current().has_value());
-        EXPECT_EQ(p.window.focusedWindowTitle(1), QString());
-        EXPECT_EQ(p.idle.idleSeconds(), 0.0);
-        EXPECT_FALSE(p.access.trusted());
-    }
+    test::expectNeutral(p.window, p.idle, p.access);
     EXPECT_EQ(unsupported, 1);
 }
 

@@ -11,8 +11,8 @@
 #include "platform/linux/WlrAccessibility.h"
 #include "platform/linux/WlrActiveWindow.h"
 #include "store/Store.h"
-#include "support/ChildProcess.h"
 #include "support/EventLoop.h"
+#include "support/ProbeChecks.h"
 #include "support/RecordingLog.h"
 #include "support/SwayCompositor.h"
 #include "support/TestFiles.h"
@@ -20,6 +20,7 @@
 namespace corvi {
 namespace {
 
+using test::ClientWindow;
 using test::SwayCompositor;
 using namespace std::chrono_literals;
 
@@ -39,11 +40,6 @@ struct WlrProbes {
     WlrActiveWindow window;
     WaylandIdle idle;
     WlrAccessibility access;
-
-    bool neutral() {
-        return !window.current() && window.focusedWindowTitle(0).isEmpty() && idle.idleSeconds() == 0.0 &&
-               !access.trusted();
-    }
 };
 
 // One sway with a foot and a Qt window on it, and desktop entries in a temp folder.
@@ -55,15 +51,16 @@ class WlrootsProbesTest : public ::testing::Test {
         test::writeFile(entries_->filePath(QStringLiteral("applications/org.example.Editor.desktop")),
                         "[Desktop Entry]\nName=Example Editor\n");
         if (!sway_->ok()) return;
-        const bool launched = (editor_ = sway_->launchFoot(kEditor, kEditorTitle)) &&
-                              (bare_ = sway_->launchFoot(QString(), kBareTitle)) &&
-                              (qt_ = sway_->launchQtWindow(kQtTool, kQtTitle));
+        for (const test::WindowCase& c : kCases)
+            windows_.push_back(
+                sway_->open(c.appId == kQtTool ? ClientWindow::Qt : ClientWindow::Foot, c.appId, c.title));
         // All mapped before the first test, so none steals the focus later.
-        ready_ = launched && sway_->waitForWindow(kEditor, kEditorTitle, false) &&
-                 sway_->waitForWindow(QString(), kBareTitle, false) &&
-                 sway_->waitForWindow(kQtTool, kQtTitle, false);
+        ready_ = true;
+        for (const test::WindowCase& c : kCases)
+            ready_ = ready_ && sway_->waitForWindow(c.appId, c.title, false);
     }
     static void TearDownTestSuite() {
+        windows_.clear();
         delete sway_;
         delete entries_;
     }
@@ -77,77 +74,57 @@ class WlrootsProbesTest : public ::testing::Test {
     // the event loop, as between two ticks.
     void focus(const QString& appId, const QString& title) {
         const QString criteria = QStringLiteral("[title=\"^%1$\"]").arg(QRegularExpression::escape(title));
-        ASSERT_TRUE(test::waitFor([&] { return sway_->command({criteria, QStringLiteral("focus")}); }));
+        ASSERT_TRUE(test::waitFor([&] {
+            return sway_->run(QStringLiteral("swaymsg"), {criteria, QStringLiteral("focus")});
+        }));
         ASSERT_TRUE(sway_->waitForWindow(appId, title));
         test::settle(100);
     }
 
     static inline SwayCompositor* sway_ = nullptr;
     static inline QTemporaryDir* entries_ = nullptr;
-    static inline QProcess* editor_ = nullptr;
-    static inline QProcess* bare_ = nullptr;
-    static inline QProcess* qt_ = nullptr;
     static inline bool ready_ = false;
     static inline const QString kEditor = QStringLiteral("org.example.Editor");
-    static inline const QString kEditorTitle = QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 caf\xc3\xa9");
     static inline const QString kQtTool = QStringLiteral("org.example.QtTool");
-    static inline const QString kQtTitle = QString::fromUtf8("Qt \xe2\x98\x85 janela");
-    static inline const QString kBareTitle = QStringLiteral("no app id");
+    static inline const test::WindowCase kCases[] = {
+        {"foot, named by its desktop entry, UTF-8 title", kEditor,
+         QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 caf\xc3\xa9"), kEditor, "Example Editor"},
+        {"Qt window without an entry: the ID names it", kQtTool, QString::fromUtf8("Qt \xe2\x98\x85 janela"),
+         kQtTool, kQtTool},
+        {"foot without an app ID", "", "no app id", "unknown", "unknown"},
+    };
+    static inline std::vector<ClientWindow> windows_;  // one per case
     std::unique_ptr<WlrProbes> probes_;
 };
 
 TEST_F(WlrootsProbesTest, FocusedWindowAsTheCompositorListsIt) {
-    struct Case {
-        const char* row;
-        QString appId, title, bundleID, appName;
-        QProcess* owner;
-    };
-    const Case cases[] = {
-        {"foot, named by its desktop entry, UTF-8 title", kEditor, kEditorTitle, kEditor, "Example Editor",
-         editor_},
-        {"Qt window without an entry: the ID names it", kQtTool, kQtTitle, kQtTool, kQtTool, qt_},
-        {"foot without an app ID", "", kBareTitle, "unknown", "unknown", bare_},
-    };
     EXPECT_TRUE(probes_->access.trusted());
-    EXPECT_TRUE(probes_->access.trustedWithPrompt());
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.row);
-        focus(c.appId, c.title);
-        const auto info = probes_->window.current();
-        ASSERT_TRUE(info.has_value());
-        EXPECT_EQ(info->bundleID, c.bundleID);
-        EXPECT_EQ(info->appName, c.appName);
-        const auto pid = static_cast<std::int32_t>(c.owner->processId());
-        EXPECT_EQ(info->pid, pid) << "from sway's IPC";
-        EXPECT_EQ(info->windowTitle, c.title);
-        EXPECT_EQ(probes_->window.focusedWindowTitle(pid), c.title);
-        EXPECT_EQ(probes_->window.focusedWindowTitle(0), QString());
+    for (size_t i = 0; i < std::size(kCases); ++i) {
+        SCOPED_TRACE(kCases[i].row);
+        focus(kCases[i].appId, kCases[i].title);
+        test::expectDescribes(probes_->window, kCases[i], windows_[i].pid());
     }
 
-    // Title changes from inside each client, seen by the next tick.
-    const QString footTitle = QString::fromUtf8("vim \xe2\x80\x94 notas.txt \xf0\x9f\x93\x9d");
-    focus(kEditor, kEditorTitle);
-    ASSERT_TRUE(sway_->setFootTitle(kEditor, footTitle));
-    ASSERT_TRUE(sway_->waitForWindow(kEditor, footTitle));
-    test::settle(100);
-    EXPECT_EQ(probes_->window.current().value_or(ActiveWindow::Info{}).windowTitle, footTitle);
-
-    const QString qtTitle = QStringLiteral("  spaces kept  ");
-    focus(kQtTool, kQtTitle);
-    qt_->write(qtTitle.toUtf8() + '\n');
-    ASSERT_TRUE(qt_->waitForBytesWritten());
-    ASSERT_TRUE(sway_->waitForWindow(kQtTool, qtTitle));
-    test::settle(100);
-    EXPECT_EQ(probes_->window.current().value_or(ActiveWindow::Info{}).windowTitle, qtTitle);
+    // Title changes from inside each client (foot's shell, Qt), seen by the next tick.
+    const QString retitled[] = {QString::fromUtf8("vim \xe2\x80\x94 notas.txt \xf0\x9f\x93\x9d"),
+                                QStringLiteral("  spaces kept  ")};
+    for (size_t i = 0; i < std::size(retitled); ++i) {
+        SCOPED_TRACE(kCases[i].row);
+        focus(kCases[i].appId, kCases[i].title);
+        ASSERT_TRUE(windows_[i].setTitle(retitled[i]));
+        ASSERT_TRUE(sway_->waitForWindow(kCases[i].appId, retitled[i]));
+        test::settle(100);
+        EXPECT_EQ(probes_->window.current().value_or(ActiveWindow::Info{}).windowTitle, retitled[i]);
+    }
 
     // An empty workspace has no focused window.
-    ASSERT_TRUE(sway_->command({QStringLiteral("workspace"), QStringLiteral("9")}));
+    ASSERT_TRUE(sway_->run(QStringLiteral("swaymsg"), {QStringLiteral("workspace"), QStringLiteral("9")}));
     ASSERT_TRUE(sway_->waitForWindow(QString(), QStringLiteral("9")));
     test::settle(100);
     EXPECT_FALSE(probes_->window.current().has_value());
-    EXPECT_EQ(probes_->window.focusedWindowTitle(static_cast<std::int32_t>(qt_->processId())), QString());
+    EXPECT_EQ(probes_->window.focusedWindowTitle(windows_[1].pid()), QString());
     EXPECT_TRUE(probes_->access.trusted()) << "the permission does not depend on a focused window";
-    ASSERT_TRUE(sway_->command({QStringLiteral("workspace"), QStringLiteral("1")}));
+    ASSERT_TRUE(sway_->run(QStringLiteral("swaymsg"), {QStringLiteral("workspace"), QStringLiteral("1")}));
 }
 
 TEST_F(WlrootsProbesTest, IdleGrowsWithoutInputAndDropsAfterInput) {
@@ -155,16 +132,14 @@ TEST_F(WlrootsProbesTest, IdleGrowsWithoutInputAndDropsAfterInput) {
     EXPECT_TRUE(probes_->idle.watching()) << "sway 1.7 offers the KDE idle protocol";
     EXPECT_TRUE(test::waitFor([&] { return probes_->idle.idleSeconds() >= 2.0; }, 6000));
     EXPECT_LT(probes_->idle.idleSeconds(), 30.0);
-    QProcess* key = sway_->launch(QStringLiteral("wtype"), {QStringLiteral("-k"), QStringLiteral("Shift_L")});
-    ASSERT_TRUE(key && key->waitForFinished(5000) && key->exitCode() == 0);
+    ASSERT_TRUE(sway_->run(QStringLiteral("wtype"), {QStringLiteral("-k"), QStringLiteral("Shift_L")}));
     EXPECT_TRUE(test::waitFor([&] { return probes_->idle.idleSeconds() < 1.0; }, 2000));
     EXPECT_FALSE(probes_->idle.screenLocked()) << "no lock probe: not locked";
 }
 
 // The real factory and sampler in a sway session.
 TEST_F(WlrootsProbesTest, SamplerSeesTheFocusedWindow) {
-    qt_->write("sampled\n");
-    ASSERT_TRUE(qt_->waitForBytesWritten());
+    ASSERT_TRUE(windows_[1].setTitle(QStringLiteral("sampled")));
     focus(kQtTool, QStringLiteral("sampled"));
     const test::ScopedEnv type("XDG_SESSION_TYPE", "wayland"), desktop("XDG_CURRENT_DESKTOP", "sway"),
         display("WAYLAND_DISPLAY", sway_->socket().toLocal8Bit()),
@@ -172,7 +147,7 @@ TEST_F(WlrootsProbesTest, SamplerSeesTheFocusedWindow) {
     test::RecordingLog log;
     Probes probes = makeProbes();
     EXPECT_TRUE(probes.accessibility->trusted());
-    EXPECT_EQ(probes.window->current().value_or(ActiveWindow::Info{}).pid, qt_->processId());
+    EXPECT_EQ(probes.window->current().value_or(ActiveWindow::Info{}).pid, windows_[1].pid());
     QTemporaryDir dir;
     Store store(dir.filePath(QStringLiteral("corvi.sqlite")));
     SystemClock clock;
@@ -191,22 +166,20 @@ TEST(WlrootsLostCompositorTest, ProbesGoNeutralAndRecover) {
     ASSERT_TRUE(first->ok());
     test::ScopedEnv display("WAYLAND_DISPLAY", first->socket().toLocal8Bit());
     WlrProbes p{QString()};
-    ASSERT_TRUE(first->launchFoot(QStringLiteral("org.example.First"), QStringLiteral("first")));
+    ClientWindow firstWindow =
+        first->open(ClientWindow::Foot, QStringLiteral("org.example.First"), QStringLiteral("first"));
     ASSERT_TRUE(first->waitForWindow(QStringLiteral("org.example.First"), QStringLiteral("first")));
     ASSERT_TRUE(test::waitFor([&] { return p.window.current().has_value(); }));
     EXPECT_TRUE(p.access.trusted());
 
     first->kill();
-    for (int tick = 0; tick < 3; ++tick) {
-        SCOPED_TRACE(tick);
-        test::settle(50);
-        EXPECT_TRUE(p.neutral());
-    }
+    test::expectNeutral(p.window, p.idle, p.access);
 
     SwayCompositor second;
     ASSERT_TRUE(second.ok());
     qputenv("WAYLAND_DISPLAY", second.socket().toLocal8Bit());
-    ASSERT_TRUE(second.launchFoot(QStringLiteral("org.example.Second"), QStringLiteral("second")));
+    ClientWindow secondWindow =
+        second.open(ClientWindow::Foot, QStringLiteral("org.example.Second"), QStringLiteral("second"));
     ASSERT_TRUE(second.waitForWindow(QStringLiteral("org.example.Second"), QStringLiteral("second")));
     ASSERT_TRUE(test::waitFor([&] { return p.window.current().has_value(); }));
     EXPECT_EQ(p.window.current()->bundleID, QStringLiteral("org.example.Second"));
@@ -227,17 +200,14 @@ TEST(WlrootsLostCompositorTest, ProbesGoNeutralAndRecover) {
 // toplevel manager nor an idle protocol. The factory logs that once per process.
 TEST(WlrootsUnsupportedTest, NeutralProbesAndOneLogLine) {
     QTemporaryDir runtime;
-    QProcess weston;
     QProcessEnvironment env;
     env.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH"));
     env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime.path());
     env.insert(QStringLiteral("HOME"), runtime.path());
-    weston.setProcessEnvironment(env);
-    weston.setStandardOutputFile(QProcess::nullDevice());
-    weston.setStandardErrorFile(QProcess::nullDevice());
-    weston.start(QStringLiteral("weston"),
-                 {QStringLiteral("--backend=headless-backend.so"), QStringLiteral("--socket=wayland-w"),
-                  QStringLiteral("--no-config")});
+    ClientWindow weston(QStringLiteral("weston"),
+                        {QStringLiteral("--backend=headless-backend.so"),
+                         QStringLiteral("--socket=wayland-w"), QStringLiteral("--no-config")},
+                        env);
     const QString westonSocket = runtime.filePath(QStringLiteral("wayland-w"));
     ASSERT_TRUE(test::waitFor([&] { return QFileInfo::exists(westonSocket); }, 10000));
 
@@ -246,22 +216,17 @@ TEST(WlrootsUnsupportedTest, NeutralProbesAndOneLogLine) {
     for (const QString& socket : {nowhere, westonSocket}) {
         SCOPED_TRACE(socket.toStdString());
         WlrProbes p{socket};
-        EXPECT_TRUE(p.neutral());
+        test::expectNeutral(p.window, p.idle, p.access);
         EXPECT_EQ(p.session->connected(), socket == westonSocket);
         EXPECT_FALSE(p.idle.watching());
 
         const test::ScopedEnv type("XDG_SESSION_TYPE", "wayland"), desktop("XDG_CURRENT_DESKTOP", "weston"),
             display("WAYLAND_DISPLAY", socket.toLocal8Bit());
         Probes probes = makeProbes();
-        for (int tick = 0; tick < 2; ++tick) {
-            EXPECT_FALSE(probes.window->current().has_value());
-            EXPECT_EQ(probes.idle->idleSeconds(), 0.0);
-            EXPECT_FALSE(probes.accessibility->trusted());
-        }
+        test::expectNeutral(*probes.window, *probes.idle, *probes.accessibility);
     }
     ASSERT_EQ(log.systemLines.size(), 1);
     EXPECT_TRUE(log.systemLines.first().contains(QStringLiteral("weston")));
-    test::stop(weston);
 }
 
 }  // namespace

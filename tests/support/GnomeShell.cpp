@@ -1,9 +1,7 @@
 #include "support/GnomeShell.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
@@ -12,6 +10,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 
+#include "platform/linux/GnomeShellExtension.h"
 #include "support/ChildProcess.h"
 #include "support/EventLoop.h"
 #include "support/TestFiles.h"
@@ -126,7 +125,9 @@ QProcessEnvironment GnomeShell::clientEnvironment() const {
     return env;
 }
 
-bool GnomeShell::setExtensionEnabled(const QString& uuid, bool enabled, const QString& busName) {
+bool GnomeShell::setExtensionEnabled(bool enabled) {
+    const QString uuid = QString::fromLatin1(GnomeShellExtension::kUuid);
+    const QString busName = QString::fromLatin1(GnomeShellExtension::kBusName);
     const QDBusMessage reply = bus().call(
         shellCall(QStringLiteral("org.gnome.Shell.Extensions"),
                   enabled ? QStringLiteral("EnableExtension") : QStringLiteral("DisableExtension"), {uuid}));
@@ -142,39 +143,6 @@ void GnomeShell::kill() {
     pause(false);
     shell_.kill();
     shell_.waitForFinished(5000);
-}
-
-GnomeShell::Terminal::Terminal(const GnomeShell& shell, const QString& appId, const QString& title)
-    : fifo_(shell.dir_.filePath(appId + QStringLiteral(".titles"))) {
-    ::mkfifo(QFile::encodeName(fifo_).constData(), 0600);
-    process_.setProcessEnvironment(shell.clientEnvironment());
-    process_.setStandardOutputFile(QProcess::nullDevice());
-    process_.setStandardErrorFile(QProcess::nullDevice());
-    // Each line read sets the title with an OSC 2 sequence, as any program in it could.
-    process_.start(
-        QStringLiteral("foot"),
-        {QStringLiteral("--app-id=") + appId, QStringLiteral("--title=") + title, QStringLiteral("sh"),
-         QStringLiteral("-c"),
-         QStringLiteral("while read -r t < \"$0\"; do printf '\\033]2;%s\\007' \"$t\"; done"), fifo_});
-    process_.waitForStarted(5000);
-}
-
-GnomeShell::Terminal::~Terminal() {
-    close();
-}
-
-void GnomeShell::Terminal::setTitle(const QString& title) {
-    // Not blocking: a terminal that is gone has no reader, and the title is then dropped.
-    const int fd = ::open(QFile::encodeName(fifo_).constData(), O_WRONLY | O_NONBLOCK);
-    if (fd < 0) return;
-    const QByteArray line = title.toUtf8() + '\n';
-    [[maybe_unused]] const ssize_t written = ::write(fd, line.constData(), size_t(line.size()));
-    ::close(fd);
-}
-
-void GnomeShell::Terminal::close() {
-    stop(process_);
-    QFile::remove(fifo_);
 }
 
 }  // namespace corvi::test

@@ -6,10 +6,9 @@
 #include <QString>
 #include <QTemporaryDir>
 #include <map>
-#include <memory>
-#include <vector>
 
 #include "support/DBusDaemon.h"
+#include "support/WaylandClients.h"
 
 namespace corvi::test {
 
@@ -17,10 +16,10 @@ namespace corvi::test {
 // home, runtime folder and in-memory settings, a virtual monitor, Wayland only. Extensions are
 // looked for in `extensionData` (a data folder, as in XDG_DATA_DIRS); `entries` are desktop
 // entries (ID → file text) in the private data home. Everything is stopped when it goes.
-class GnomeShell {
+class GnomeShell : public WaylandDesktop {
   public:
-    GnomeShell(const QString& extensionData, const std::map<QString, QByteArray>& entries);
-    ~GnomeShell();
+    explicit GnomeShell(const QString& extensionData, const std::map<QString, QByteArray>& entries = {});
+    ~GnomeShell() override;
     GnomeShell(const GnomeShell&) = delete;
     GnomeShell& operator=(const GnomeShell&) = delete;
 
@@ -30,29 +29,17 @@ class GnomeShell {
     QString dataHome() const { return dir_.filePath(QStringLiteral("data")); }
     // A connection to the private session bus.
     QDBusConnection bus() const;
-    // What a Wayland client of this Shell needs in its environment.
-    QProcessEnvironment clientEnvironment() const;
+    QProcessEnvironment clientEnvironment() const override;
 
-    // Enables or disables an extension the way the Extensions app does, and waits until
-    // `busName` is owned, or not, accordingly.
-    bool setExtensionEnabled(const QString& uuid, bool enabled, const QString& busName);
+    // Enables or disables our extension the way the Extensions app does, and waits until its
+    // bus name is owned, or not, accordingly.
+    bool setExtensionEnabled(bool enabled);
     // Pauses or resumes the Shell (SIGSTOP, SIGCONT), or ends it at once.
     void pause(bool paused);
     void kill();
 
-    // A foot terminal whose title follows the lines written to it.
-    class Terminal {
-      public:
-        Terminal(const GnomeShell& shell, const QString& appId, const QString& title);
-        ~Terminal();
-        std::int32_t pid() const { return std::int32_t(process_.processId()); }
-        void setTitle(const QString& title);
-        void close();
-
-      private:
-        QString fifo_;
-        QProcess process_;
-    };
+  protected:
+    QString clientDir() const override { return dir_.path(); }
 
   private:
     QTemporaryDir dir_;

@@ -2,13 +2,12 @@
 
 #include <QDBusMessage>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
-#include <QThread>
 
 #include "support/ChildProcess.h"
+#include "support/EventLoop.h"
 #include "support/TestFiles.h"
 
 namespace corvi::test {
@@ -79,20 +78,19 @@ bool KWinCompositor::start() {
         program_ = copy;
     }
     // Ready once the socket exists and the scripting interface answers.
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < 30000 && kwin_.state() == QProcess::Running) {
-        auto ask = QDBusMessage::createMethodCall(
-            QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
-            QStringLiteral("org.kde.kwin.Scripting"), QStringLiteral("isScriptLoaded"));
-        ask << QStringLiteral("-");
-        if (QFile::exists(runtimeDir_ + u'/' + socket_) &&
-            bus_.call(ask, QDBus::Block, 1000).type() == QDBusMessage::ReplyMessage) {
-            ok_ = true;
-            return true;
-        }
-        QThread::msleep(50);
-    }
+    auto ask = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
+                                              QStringLiteral("org.kde.kwin.Scripting"),
+                                              QStringLiteral("isScriptLoaded"));
+    ask << QStringLiteral("-");
+    ok_ = waitFor(
+              [&] {
+                  return kwin_.state() != QProcess::Running ||
+                         (QFile::exists(runtimeDir_ + u'/' + socket_) &&
+                          bus_.call(ask, QDBus::Block, 1000).type() == QDBusMessage::ReplyMessage);
+              },
+              30000) &&
+          kwin_.state() == QProcess::Running;
+    if (ok_) return true;
     kwin_.waitForFinished(100);
     error_ = QStringLiteral("kwin_wayland did not come up: ") +
              QString::fromLocal8Bit(kwin_.readAll().right(2000));
@@ -113,14 +111,14 @@ int KWinCompositor::loadScript(const QString& file, const QString& pluginName) {
     load << file << pluginName;
     // A script of that name being unloaded still holds it until KWin deletes it.
     int id = -1;
-    QElapsedTimer clock;
-    clock.start();
-    while (id < 0 && clock.elapsed() < 2000) {
-        const QDBusMessage reply = bus_.call(load, QDBus::Block, 5000);
-        if (reply.type() != QDBusMessage::ReplyMessage) return -1;
-        id = reply.arguments().value(0).toInt();
-        if (id < 0) QThread::msleep(50);
-    }
+    waitFor(
+        [&] {
+            if (id >= 0) return true;  // waitFor asks once more at the end
+            const QDBusMessage reply = bus_.call(load, QDBus::Block, 5000);
+            return reply.type() != QDBusMessage::ReplyMessage ||
+                   (id = reply.arguments().value(0).toInt()) >= 0;
+        },
+        2000);
     if (id < 0) return -1;
     // KWin 6 places a script at /Scripting/Script<id>, KWin 5 at /<id>.
     for (const QString& path : {QStringLiteral("/Scripting/Script%1"), QStringLiteral("/%1")}) {
@@ -149,67 +147,40 @@ bool KWinCompositor::fakeInput() {
     return input.waitForFinished(5000) && input.exitStatus() == QProcess::NormalExit && input.exitCode() == 0;
 }
 
-KWinCompositor::Window KWinCompositor::openWindow(const QString& appId, const QString& title) {
+QProcessEnvironment KWinCompositor::clientEnvironment() const {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove(QStringLiteral("DISPLAY"));
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
     env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket_);
     env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
-    return run(QStringLiteral(CORVI_WAYLAND_WINDOW), {appId, title}, env);
+    return env;
 }
 
-KWinCompositor::Window KWinCompositor::openXTerm(const QString& title) {
+ClientWindow KWinCompositor::openXTerm(const QString& title) {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove(QStringLiteral("WAYLAND_DISPLAY"));
     env.insert(QStringLiteral("DISPLAY"), xDisplay());
-    return run(QStringLiteral("xterm"),
-               {QStringLiteral("-T"), title, QStringLiteral("-e"), QStringLiteral("cat")}, env);
-}
-
-KWinCompositor::Window KWinCompositor::run(const QString& program, const QStringList& args,
-                                           const QProcessEnvironment& env) {
-    Window w;
-    w.process = std::make_unique<QProcess>();
-    w.process->setProcessEnvironment(env);
-    w.process->setStandardOutputFile(QProcess::nullDevice());
-    w.process->setStandardErrorFile(QProcess::nullDevice());
-    w.process->start(program, args);
-    w.process->waitForStarted(5000);
-    return w;
+    return ClientWindow(QStringLiteral("xterm"),
+                        {QStringLiteral("-T"), title, QStringLiteral("-e"), QStringLiteral("cat")}, env);
 }
 
 // KWin's Xwayland is its child, started with the display as its first argument.
 QString KWinCompositor::xDisplay() const {
     const QString parent = QString::number(kwin_.processId());
-    QElapsedTimer clock;
-    clock.start();
-    do {
-        for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-            const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
-            const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
-            if (!stat.contains("(Xwayland)") || fields.value(1) != parent.toLatin1()) continue;
-            const QList<QByteArray> args = readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).split('\0');
-            return QString::fromLatin1(args.value(1));
-        }
-        QThread::msleep(50);
-    } while (clock.elapsed() < 10000);
-    return {};
-}
-
-KWinCompositor::Window::~Window() {
-    close();
-}
-
-void KWinCompositor::Window::setTitle(const QString& title) {
-    if (!process) return;
-    process->write(title.toUtf8() + '\n');
-    process->waitForBytesWritten(1000);
-}
-
-void KWinCompositor::Window::close() {
-    if (!process) return;
-    stop(*process);
-    process.reset();
+    QString display;
+    waitFor(
+        [&] {
+            for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+                const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+                const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+                if (!stat.contains("(Xwayland)") || fields.value(1) != parent.toLatin1()) continue;
+                display = QString::fromLatin1(
+                    readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).split('\0').value(1));
+                return true;
+            }
+            return false;
+        },
+        10000);
+    return display;
 }
 
 }  // namespace corvi::test

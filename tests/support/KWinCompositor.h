@@ -6,15 +6,16 @@
 #include <QTemporaryDir>
 #include <memory>
 
+#include "support/WaylandClients.h"
+
 namespace corvi::test {
 
 // A private KWin for tests: kwin_wayland on its virtual backend with Xwayland, on the given
-// session bus, with its own runtime and config folders, and real Qt and X clients in windows
-// on it. Stopped, with its clients, when the object goes.
-class KWinCompositor {
+// session bus, with its own runtime and config folders. Stopped when the object goes.
+class KWinCompositor : public WaylandDesktop {
   public:
     explicit KWinCompositor(const QString& busAddress);
-    ~KWinCompositor();
+    ~KWinCompositor() override;
     KWinCompositor(const KWinCompositor&) = delete;
     KWinCompositor& operator=(const KWinCompositor&) = delete;
 
@@ -26,26 +27,9 @@ class KWinCompositor {
     // The socket as an absolute path, for a client whose runtime folder is another.
     QString socketPath() const { return runtimeDir_ + u'/' + socket_; }
 
-    // A client showing one window with this app ID and title; KWin activates a new window.
-    class Window {
-      public:
-        Window() = default;
-        Window(Window&&) = default;
-        Window& operator=(Window&&) = default;
-        ~Window();
-        bool ok() const { return process && process->state() == QProcess::Running; }
-        qint64 pid() const { return process ? process->processId() : 0; }
-        // A line on the client's stdin: its new title.
-        void setTitle(const QString& title);
-        void close();
-
-      private:
-        friend class KWinCompositor;
-        std::unique_ptr<QProcess> process;
-    };
-    Window openWindow(const QString& appId, const QString& title);
+    QProcessEnvironment clientEnvironment() const override;
     // An X client on KWin's Xwayland: xterm, its class XTerm.
-    Window openXTerm(const QString& title);
+    ClientWindow openXTerm(const QString& title);
 
     // Loads and runs a script file under a plugin name, as any session client may; answers
     // KWin's id for it, -1 when refused.
@@ -61,9 +45,11 @@ class KWinCompositor {
     // Starts a new KWin on the same socket and bus; answers ok().
     bool start();
 
+  protected:
+    QString clientDir() const override { return runtimeDir_; }
+
   private:
     bool startKWin(const QString& program);
-    Window run(const QString& program, const QStringList& args, const QProcessEnvironment& env);
     QString xDisplay() const;
 
     QString busAddress_;

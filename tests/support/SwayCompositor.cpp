@@ -1,28 +1,17 @@
 #include "support/SwayCompositor.h"
 
-#include <fcntl.h>
-#include <pwd.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <QDir>
-#include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
-#include <QThread>
 
 #include "support/ChildProcess.h"
+#include "support/EventLoop.h"
 #include "support/TestFiles.h"
 
 namespace corvi::test {
 namespace {
-
-const passwd* unprivileged() {
-    return getuid() == 0 ? getpwnam("nobody") : nullptr;
-}
 
 // Whether a get_tree node or one below it has this app ID and name (and the focus).
 bool holds(const QJsonObject& node, const QString& appId, const QString& name, bool focused) {
@@ -40,14 +29,10 @@ bool holds(const QJsonObject& node, const QString& appId, const QString& name, b
 
 SwayCompositor::SwayCompositor() {
     const QString dir = runtime_.path();
-    const passwd* user = unprivileged();
     writeFile(dir + QStringLiteral("/config"),
               "output HEADLESS-1 resolution 1024x768\n"
               "default_border none\n");
-    if (user) {
-        for (const QString& path : {dir, dir + QStringLiteral("/config")})
-            if (chown(QFile::encodeName(path).constData(), user->pw_uid, user->pw_gid) != 0) return;
-    }
+    if (!giveToNobody(dir) || !giveToNobody(dir + QStringLiteral("/config"))) return;
 
     QProcessEnvironment env;
     env.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH"));
@@ -60,40 +45,30 @@ SwayCompositor::SwayCompositor() {
     sway_.setStandardOutputFile(dir + QStringLiteral("/sway.log"));
     sway_.setStandardErrorFile(dir + QStringLiteral("/sway.log"));
     const QStringList args =
-        asUser(QStringLiteral("sway"), {QStringLiteral("-c"), dir + QStringLiteral("/config")});
+        asNobody(QStringLiteral("sway"), {QStringLiteral("-c"), dir + QStringLiteral("/config")});
     sway_.start(args.first(), args.mid(1));
     if (!sway_.waitForStarted(5000)) return;
 
     // Both sockets appear once sway is ready for clients.
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < 10000 && sway_.state() == QProcess::Running) {
-        const QDir d(dir);
-        const QStringList wayland = d.entryList({QStringLiteral("wayland-*")}, QDir::System)
-                                        .filter(QRegularExpression(QStringLiteral("^wayland-\\d+$")));
-        const QStringList ipc = d.entryList({QStringLiteral("sway-ipc.*.sock")}, QDir::System);
-        if (!wayland.isEmpty() && !ipc.isEmpty()) {
+    waitFor(
+        [&] {
+            const QDir d(dir);
+            const QStringList wayland = d.entryList({QStringLiteral("wayland-*")}, QDir::System)
+                                            .filter(QRegularExpression(QStringLiteral("^wayland-\\d+$")));
+            const QStringList ipc = d.entryList({QStringLiteral("sway-ipc.*.sock")}, QDir::System);
+            if (wayland.isEmpty() || ipc.isEmpty()) return sway_.state() != QProcess::Running;
             socket_ = d.filePath(wayland.first());
             ipc_ = d.filePath(ipc.first());
-            return;
-        }
-        QThread::msleep(20);
-    }
+            return true;
+        },
+        10000);
 }
 
 SwayCompositor::~SwayCompositor() {
-    for (auto& c : clients_) stop(*c);
     stop(sway_);
 }
 
-QStringList SwayCompositor::asUser(const QString& program, const QStringList& args) const {
-    if (!unprivileged()) return QStringList{program} + args;
-    return QStringList{QStringLiteral("setpriv"), QStringLiteral("--reuid=nobody"),
-                       QStringLiteral("--regid=nogroup"), QStringLiteral("--clear-groups"), program} +
-           args;
-}
-
-QProcessEnvironment SwayCompositor::clientEnv() const {
+QProcessEnvironment SwayCompositor::clientEnvironment() const {
     QProcessEnvironment env;
     env.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH"));
     env.insert(QStringLiteral("HOME"), runtime_.path());
@@ -104,93 +79,25 @@ QProcessEnvironment SwayCompositor::clientEnv() const {
     return env;
 }
 
-QProcess* SwayCompositor::track(std::unique_ptr<QProcess> p) {
-    if (!p->waitForStarted(5000)) return nullptr;
-    clients_.push_back(std::move(p));
-    return clients_.back().get();
-}
-
-QProcess* SwayCompositor::launch(const QString& program, const QStringList& args,
-                                 const QStringList& extraEnv) {
-    auto p = std::make_unique<QProcess>();
-    QProcessEnvironment env = clientEnv();
-    for (const QString& kv : extraEnv) env.insert(kv.section(u'=', 0, 0), kv.section(u'=', 1));
-    p->setProcessEnvironment(env);
-    p->setStandardOutputFile(QProcess::nullDevice());
-    p->setStandardErrorFile(QProcess::nullDevice());
-    const QStringList command = asUser(program, args);
-    p->start(command.first(), command.mid(1));
-    return track(std::move(p));
-}
-
-QProcess* SwayCompositor::launchFoot(const QString& appId, const QString& title) {
-    const QString fifo = runtime_.filePath(QStringLiteral("title-%1.fifo").arg(fifos_.size()));
-    const QByteArray path = QFile::encodeName(fifo);
-    if (mkfifo(path.constData(), 0600) != 0) return nullptr;
-    if (const passwd* user = unprivileged(); user && chown(path.constData(), user->pw_uid, user->pw_gid) != 0)
-        return nullptr;
-    fifos_.insert(appId, fifo);
-    const QString shell =
-        QStringLiteral("while :; do IFS= read -r t < '%1' && printf '\\033]2;%s\\033\\\\' \"$t\"; done")
-            .arg(fifo);
-    return launch(QStringLiteral("foot"),
-                  {QStringLiteral("--app-id=") + appId, QStringLiteral("--title=") + title,
-                   QStringLiteral("sh"), QStringLiteral("-c"), shell});
-}
-
-bool SwayCompositor::setFootTitle(const QString& appId, const QString& title) {
-    const QString fifo = fifos_.value(appId);
-    // The shell opens the fifo anew for each line; wait for it to be listening.
-    QElapsedTimer clock;
-    clock.start();
-    int fd = -1;
-    while ((fd = open(QFile::encodeName(fifo).constData(), O_WRONLY | O_NONBLOCK)) < 0 &&
-           clock.elapsed() < 5000)
-        QThread::msleep(10);
-    if (fd < 0) return false;
-    const QByteArray line = title.toUtf8() + '\n';
-    const bool ok = write(fd, line.constData(), static_cast<size_t>(line.size())) == line.size();
-    close(fd);
+bool SwayCompositor::run(const QString& program, const QStringList& args, QByteArray* out) const {
+    QProcess p;
+    p.setProcessEnvironment(clientEnvironment());
+    const QStringList command = asNobody(program, args);
+    p.start(command.first(), command.mid(1));
+    const bool ok = p.waitForFinished(5000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+    if (out) *out = p.readAllStandardOutput();
     return ok;
 }
 
-QProcess* SwayCompositor::launchQtWindow(const QString& appId, const QString& title) {
-    auto p = std::make_unique<QProcess>();
-    QProcessEnvironment env = clientEnv();
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
-    p->setProcessEnvironment(env);
-    p->setStandardOutputFile(QProcess::nullDevice());
-    p->setStandardErrorFile(QProcess::nullDevice());
-    const QStringList command = asUser(QStringLiteral(CORVI_WAYLAND_WINDOW), {appId, title});
-    p->start(command.first(), command.mid(1));
-    return track(std::move(p));
-}
-
-bool SwayCompositor::command(const QStringList& args) {
-    QProcess msg;
-    msg.setProcessEnvironment(clientEnv());
-    const QStringList command = asUser(QStringLiteral("swaymsg"), args);
-    msg.start(command.first(), command.mid(1));
-    return msg.waitForFinished(5000) && msg.exitStatus() == QProcess::NormalExit && msg.exitCode() == 0;
-}
-
-bool SwayCompositor::waitForWindow(const QString& appId, const QString& title, bool focused, int ms) {
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < ms) {
-        QProcess msg;
-        msg.setProcessEnvironment(clientEnv());
-        const QStringList command =
-            asUser(QStringLiteral("swaymsg"),
-                   {QStringLiteral("-r"), QStringLiteral("-t"), QStringLiteral("get_tree")});
-        msg.start(command.first(), command.mid(1));
-        if (msg.waitForFinished(5000)) {
-            if (holds(QJsonDocument::fromJson(msg.readAllStandardOutput()).object(), appId, title, focused))
-                return true;
-        }
-        QThread::msleep(50);
-    }
-    return false;
+bool SwayCompositor::waitForWindow(const QString& appId, const QString& title, bool focused, int ms) const {
+    QByteArray tree;
+    return waitFor(
+        [&] {
+            return run(QStringLiteral("swaymsg"),
+                       {QStringLiteral("-r"), QStringLiteral("-t"), QStringLiteral("get_tree")}, &tree) &&
+                   holds(QJsonDocument::fromJson(tree).object(), appId, title, focused);
+        },
+        ms);
 }
 
 void SwayCompositor::kill() {

@@ -1,23 +1,21 @@
 #pragma once
 
-#include <QHash>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
-#include <memory>
-#include <vector>
+
+#include "support/WaylandClients.h"
 
 namespace corvi::test {
 
-// A headless sway of its own (wlroots 0.15 on Debian 12) and the real clients that put
-// windows on it. sway refuses root, so as root it and its clients run as nobody, with a
-// runtime folder that nobody owns; root still reaches the sockets. Everything started here
-// ends with the object.
-class SwayCompositor {
+// A headless sway of its own (wlroots 0.15 on Debian 12). sway refuses root, so as root it
+// and its clients run as nobody, with a runtime folder that nobody owns; root still reaches
+// the sockets. Ends with the object.
+class SwayCompositor : public WaylandDesktop {
   public:
     SwayCompositor();
-    ~SwayCompositor();
+    ~SwayCompositor() override;
     SwayCompositor(const SwayCompositor&) = delete;
     SwayCompositor& operator=(const SwayCompositor&) = delete;
 
@@ -26,37 +24,26 @@ class SwayCompositor {
     QString socket() const { return socket_; }
     // sway's IPC socket, as SWAYSOCK names it.
     QString ipcSocket() const { return ipc_; }
+    QProcessEnvironment clientEnvironment() const override;
 
-    // A client process in the compositor's session; nullptr when it did not start.
-    QProcess* launch(const QString& program, const QStringList& args, const QStringList& extraEnv = {});
-    // foot with this app ID and title, whose shell sets each line sent by setFootTitle() as
-    // its title (OSC 2).
-    QProcess* launchFoot(const QString& appId, const QString& title);
-    bool setFootTitle(const QString& appId, const QString& title);
-    // The test's Qt window (QT_QPA_PLATFORM=wayland): app ID, title, then a new title per
-    // line written to its stdin.
-    QProcess* launchQtWindow(const QString& appId, const QString& title);
-
-    // swaymsg with these arguments; true when sway accepted the command.
-    bool command(const QStringList& args);
+    // Runs a program in the session to its end (swaymsg, wtype); true when it exited with 0.
+    bool run(const QString& program, const QStringList& args, QByteArray* out = nullptr) const;
     // Waits until sway shows a window (or, with no app ID, a workspace) with this app ID and
     // title, holding the focus if asked.
-    bool waitForWindow(const QString& appId, const QString& title, bool focused = true, int ms = 10000);
+    bool waitForWindow(const QString& appId, const QString& title, bool focused = true, int ms = 10000) const;
 
     // Kills sway outright, as a crash would.
     void kill();
 
-  private:
-    QProcess* track(std::unique_ptr<QProcess> p);
-    QStringList asUser(const QString& program, const QStringList& args) const;
-    QProcessEnvironment clientEnv() const;
+  protected:
+    QString clientDir() const override { return runtime_.path(); }
+    bool clientsAsNobody() const override { return true; }
 
+  private:
     QTemporaryDir runtime_;
     QString socket_;
     QString ipc_;
-    QHash<QString, QString> fifos_;  // app ID → the fifo its foot reads titles from
     QProcess sway_;
-    std::vector<std::unique_ptr<QProcess>> clients_;
 };
 
 }  // namespace corvi::test

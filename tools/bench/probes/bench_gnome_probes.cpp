@@ -17,17 +17,15 @@ using namespace corvi;
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    test::GnomeShell shell(CORVI_GNOME_EXTENSION_DATA, {});
-    const QString busName = QString::fromLatin1(GnomeShellExtension::kBusName);
-    if (!shell.ok() ||
-        !shell.setExtensionEnabled(QString::fromLatin1(GnomeShellExtension::kUuid), true, busName)) {
+    test::GnomeShell shell(CORVI_GNOME_EXTENSION_DATA);
+    if (!shell.ok() || !shell.setExtensionEnabled(true)) {
         std::fprintf(stderr, "could not start gnome-shell with the extension:\n%s\n",
                      qPrintable(shell.log()));
         return 1;
     }
-    test::GnomeShell::Terminal terminal(
-        shell, QStringLiteral("org.gnome.TextEditor"),
-        QString::fromUtf8("Relat\xc3\xb3rio final \xe2\x80\x94 Layout.indd @ 100%"));
+    const test::ClientWindow terminal =
+        shell.open(test::ClientWindow::Foot, QStringLiteral("org.gnome.TextEditor"),
+                   QString::fromUtf8("Relat\xc3\xb3rio final \xe2\x80\x94 Layout.indd @ 100%"));
     const QDBusConnection bus = shell.bus();
     auto extension = std::make_shared<GnomeShellExtension>(bus);
     GnomeActiveWindow window(extension);  // the installed desktop entries, as in the agent

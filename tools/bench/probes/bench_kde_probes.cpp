@@ -54,8 +54,8 @@ int main(int argc, char** argv) {
     }
     bench::report("script loaded until its first report", static_cast<double>(loading.elapsed()), "ms");
 
-    auto client = kwin.openWindow(QStringLiteral("org.kde.kate"),
-                                  QStringLiteral("Relat\xc3\xb3rio final \xe2\x80\x94 Kate"));
+    test::ClientWindow client = kwin.open(test::ClientWindow::Qt, QStringLiteral("org.kde.kate"),
+                                          QStringLiteral("Relat\xc3\xb3rio final \xe2\x80\x94 Kate"));
     if (!test::waitFor([&] { return window.current() && window.current()->pid == client.pid(); })) {
         std::fprintf(stderr, "the window was never reported\n");
         return 1;

@@ -65,8 +65,9 @@ int main(int argc, char** argv) {
     bench::report("probe round without the lock call, median", xOnly / 1000.0, "us");
 
     test::SwayCompositor sway;
+    const test::ClientWindow foot = sway.open(test::ClientWindow::Foot, QStringLiteral("org.example.Layout"),
+                                              QStringLiteral("Layout.indd @ 100%"));
     if (!sway.ok() ||
-        !sway.launchFoot(QStringLiteral("org.example.Layout"), QStringLiteral("Layout.indd @ 100%")) ||
         !sway.waitForWindow(QStringLiteral("org.example.Layout"), QStringLiteral("Layout.indd @ 100%"))) {
         std::fprintf(stderr, "could not start sway with a foot window\n");
         return 1;

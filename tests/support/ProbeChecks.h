@@ -1,0 +1,54 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "platform/Accessibility.h"
+#include "platform/ActiveWindow.h"
+#include "platform/IdleMonitor.h"
+#include "support/EventLoop.h"
+
+namespace corvi::test {
+
+// One row of the tables the backends' tests share: a window opened with this app ID and
+// title, and how the probe must describe it.
+struct WindowCase {
+    const char* row;
+    QString appId, title, bundleID, appName;
+};
+
+// The focused window is `c`'s, owned by `pid`, with its raw title; no other process has it.
+inline void expectDescribes(ActiveWindow& window, const WindowCase& c, std::int32_t pid) {
+    const auto info = window.current();
+    ASSERT_TRUE(info.has_value());
+    EXPECT_EQ(info->bundleID, c.bundleID);
+    EXPECT_EQ(info->appName, c.appName);
+    EXPECT_EQ(info->pid, pid);
+    EXPECT_EQ(info->windowTitle, c.title) << "the title as the window set it";
+    EXPECT_EQ(window.focusedWindowTitle(pid), c.title);
+    for (const std::int32_t other : {0, 1}) EXPECT_EQ(window.focusedWindowTitle(other), QString());
+}
+
+// Waits until the focused window is `pid`'s, with this title.
+inline bool showsWindow(ActiveWindow& window, std::int32_t pid, const QString& title, int ms = 10000) {
+    return waitFor(
+        [&] {
+            const auto info = window.current();
+            return info && info->pid == pid && info->windowTitle == title;
+        },
+        ms);
+}
+
+// Every probe answers neutrally, for a few ticks in a row.
+inline void expectNeutral(ActiveWindow& window, IdleMonitor& idle, Accessibility& access,
+                          std::int32_t pid = 1) {
+    for (int tick = 0; tick < 3; ++tick) {
+        SCOPED_TRACE(tick);
+        settle(20);
+        EXPECT_FALSE(window.current().has_value());
+        EXPECT_EQ(window.focusedWindowTitle(pid), QString());
+        EXPECT_EQ(idle.idleSeconds(), 0.0);
+        EXPECT_FALSE(access.trusted());
+    }
+}
+
+}  // namespace corvi::test
