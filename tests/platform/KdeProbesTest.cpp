@@ -58,31 +58,25 @@ class KdeProbesTest : public ::testing::Test {
         bus_ = new test::DBusDaemon();
         bus_->becomeSessionBus();
         kwin_ = new KWinCompositor(bus_->address());
-        entries_ = new QTemporaryDir();
-        test::writeFile(entries_->filePath(QStringLiteral("applications/org.example.Editor.desktop")),
-                        "[Desktop Entry]\nName=Example Editor\n");
     }
     static void TearDownTestSuite() {
         delete kwin_;
         delete bus_;
-        delete entries_;
     }
     void SetUp() override {
         ASSERT_TRUE(bus_->ok());
         ASSERT_TRUE(kwin_->ok()) << qPrintable(kwin_->error());
     }
-    static QString entries() { return entries_->filePath(QStringLiteral("applications")); }
     static ClientWindow open(const QString& appId, const QString& title) {
         return kwin_->open(ClientWindow::Qt, appId, title);
     }
 
     static inline test::DBusDaemon* bus_ = nullptr;
     static inline KWinCompositor* kwin_ = nullptr;
-    static inline QTemporaryDir* entries_ = nullptr;
 };
 
 TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
-    KdeProbes p(bus_->address(), kwin_->socketPath(), entries());
+    KdeProbes p(bus_->address(), kwin_->socketPath(), test::exampleEntries());
     ASSERT_TRUE(p.ready()) << "the script never reported";
 
     const QString hostile =
@@ -129,7 +123,7 @@ TEST_F(KdeProbesTest, ActiveWindowIsWhatKWinReports) {
 }
 
 TEST_F(KdeProbesTest, IdleTimeFromKWinsTimer) {
-    KdeProbes p(bus_->address(), kwin_->socketPath(), entries());
+    KdeProbes p(bus_->address(), kwin_->socketPath(), test::exampleEntries());
     EXPECT_TRUE(waitFor([&] { return p.idle.idleSeconds() >= 2.0; })) << "idle time grows without input";
     ASSERT_TRUE(kwin_->fakeInput()) << "KWin offers fake input to the program its entry names";
     EXPECT_TRUE(waitFor([&] { return p.idle.idleSeconds() < 1.0; }, 2000)) << "input resets it";
@@ -158,7 +152,7 @@ TEST_F(KdeProbesTest, StaleCopyIsReplaced) {
     ASSERT_GE(kwin_->loadScript(stale, KWinScript::kPluginName), 0);
     ASSERT_GE(kwin_->loadScript(other, QStringLiteral("org.example.other")), 0);
 
-    KdeProbes p(bus_->address(), kwin_->socketPath(), entries());
+    KdeProbes p(bus_->address(), kwin_->socketPath(), test::exampleEntries());
     EXPECT_TRUE(p.ready());
     kwin_->unloadScript(QStringLiteral("org.example.other"));
 }
@@ -167,7 +161,7 @@ TEST_F(KdeProbesTest, StaleCopyIsReplaced) {
 TEST_F(KdeProbesTest, KWinGoneThenBack) {
     int unsupported = 0;
     KdeProbes p(
-        bus_->address(), kwin_->socketPath(), entries(), [&] { ++unsupported; }, 1s);
+        bus_->address(), kwin_->socketPath(), test::exampleEntries(), [&] { ++unsupported; }, 1s);
     ASSERT_TRUE(p.ready());
     ClientWindow before = open(QStringLiteral("org.example.Editor"), QStringLiteral("Before"));
     ASSERT_TRUE(test::showsWindow(p.window, before.pid(), QStringLiteral("Before")));

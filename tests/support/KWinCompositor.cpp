@@ -19,13 +19,10 @@ KWinCompositor::KWinCompositor(const QString& busAddress)
       socket_(QStringLiteral("wayland-kwin-test")) {
     QDir().mkpath(runtimeDir_);
     // KWin offers its fake input protocol only to a program a desktop entry lists it for.
-    QFile entry(home_.filePath(QStringLiteral("share/applications/corvi-test-fake-input.desktop")));
-    QDir().mkpath(QFileInfo(entry).path());
-    if (entry.open(QIODevice::WriteOnly))
-        entry.write(
-            "[Desktop Entry]\nType=Application\nName=Fake "
-            "input\nNoDisplay=true\nExec=" CORVI_TEST_KWIN_FAKE_INPUT
-            "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n");
+    writeFile(
+        home_.filePath(QStringLiteral("share/applications/corvi-test-fake-input.desktop")),
+        "[Desktop Entry]\nType=Application\nName=Fake input\nNoDisplay=true\nExec=" CORVI_TEST_KWIN_FAKE_INPUT
+        "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n");
     QFile::setPermissions(runtimeDir_, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     start();
 }

@@ -23,7 +23,6 @@ class KWinCompositor : public WaylandDesktop {
     bool ok() const { return ok_; }
     // Why it is not ok: the program's own words.
     QString error() const { return error_; }
-    QString socket() const { return socket_; }
     // The socket as an absolute path, for a client whose runtime folder is another.
     QString socketPath() const { return runtimeDir_ + u'/' + socket_; }
 

@@ -2,12 +2,24 @@
 
 #include <gtest/gtest.h>
 
+#include <QTemporaryDir>
 #include "platform/Accessibility.h"
 #include "platform/ActiveWindow.h"
 #include "platform/IdleMonitor.h"
+
 #include "support/EventLoop.h"
+#include "support/TestFiles.h"
 
 namespace corvi::test {
+
+// A folder of desktop entries with one: org.example.Editor, named "Example Editor".
+inline QString exampleEntries() {
+    static QTemporaryDir dir;
+    static const bool written =
+        writeFile(dir.filePath(QStringLiteral("applications/org.example.Editor.desktop")),
+                  "[Desktop Entry]\nName=Example Editor\n");
+    return written ? dir.filePath(QStringLiteral("applications")) : QString();
+}
 
 // One row of the tables the backends' tests share: a window opened with this app ID and
 // title, and how the probe must describe it.
