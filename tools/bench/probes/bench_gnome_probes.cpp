@@ -2,7 +2,6 @@
 // from Mutter, the lock, the permission), as the sampler makes it each tick, against a private
 // headless GNOME Shell with a foot window in front.
 #include <QCoreApplication>
-#include <cstdio>
 
 #include "bench/BenchUtil.h"
 #include "bench/probes/ProbeRound.h"
@@ -18,11 +17,8 @@ using namespace corvi;
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     test::GnomeShell shell(CORVI_GNOME_EXTENSION_DATA);
-    if (!shell.ok() || !shell.setExtensionEnabled(true)) {
-        std::fprintf(stderr, "could not start gnome-shell with the extension:\n%s\n",
-                     qPrintable(shell.log()));
-        return 1;
-    }
+    if (!shell.ok() || !shell.setExtensionEnabled(true))
+        return bench::fail("could not start gnome-shell with the extension:\n", shell.log());
     const test::ClientWindow terminal =
         shell.open(test::ClientWindow::Foot, QStringLiteral("org.gnome.TextEditor"),
                    QString::fromUtf8("Relat\xc3\xb3rio final \xe2\x80\x94 Layout.indd @ 100%"));
@@ -37,9 +33,8 @@ int main(int argc, char** argv) {
     };
     if (!test::waitFor(inFront, 10000)) {
         const auto info = window.current();
-        std::fprintf(stderr, "the foot window never had the focus: %s %d\n",
-                     info ? qPrintable(info->bundleID) : "none", info ? info->pid : 0);
-        return 1;
+        return bench::fail("the foot window never had the focus: ",
+                           info ? QStringLiteral("%1 %2").arg(info->bundleID).arg(info->pid) : "none");
     }
 
     int sink = 0;

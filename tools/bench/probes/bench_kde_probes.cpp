@@ -6,7 +6,6 @@
 #include <QElapsedTimer>
 #include <QTemporaryDir>
 #include <algorithm>
-#include <cstdio>
 #include <vector>
 
 #include "bench/BenchUtil.h"
@@ -25,15 +24,9 @@ using namespace corvi;
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     test::DBusDaemon session, system;
-    if (!session.ok() || !system.ok()) {
-        std::fprintf(stderr, "could not start dbus-daemon\n");
-        return 1;
-    }
+    if (!session.ok() || !system.ok()) return bench::fail("could not start dbus-daemon");
     test::KWinCompositor kwin(session.address());
-    if (!kwin.ok()) {
-        std::fprintf(stderr, "could not start KWin: %s\n", qPrintable(kwin.error()));
-        return 1;
-    }
+    if (!kwin.ok()) return bench::fail("could not start KWin: ", kwin.error());
     test::BusStandIn locker(
         session.address(), QStringLiteral("/org/freedesktop/ScreenSaver"),
         [](const QDBusMessage& call, QDBusConnection& bus) { bus.send(call.createReply(QVariant(false))); });
@@ -48,26 +41,16 @@ int main(int argc, char** argv) {
     KdeAccessibility access(script);
     QElapsedTimer loading;
     loading.start();
-    if (!test::waitFor([&] { return access.trusted(); }, 10000)) {
-        std::fprintf(stderr, "the script never reported\n");
-        return 1;
-    }
+    if (!test::waitFor([&] { return access.trusted(); }, 10000))
+        return bench::fail("the script never reported");
     bench::report("script loaded until its first report", static_cast<double>(loading.elapsed()), "ms");
 
     test::ClientWindow client = kwin.open(test::ClientWindow::Qt, QStringLiteral("org.kde.kate"),
                                           QStringLiteral("Relat\xc3\xb3rio final \xe2\x80\x94 Kate"));
-    if (!test::waitFor([&] { return window.current() && window.current()->pid == client.pid(); })) {
-        std::fprintf(stderr, "the window was never reported\n");
-        return 1;
-    }
+    if (!test::waitFor([&] { return window.current() && window.current()->pid == client.pid(); }))
+        return bench::fail("the window was never reported");
 
-    int sink = 0;
-    auto round = [&] { sink += bench::probeRound(window, idle); };
-    constexpr int kRounds = 2000;
-    bench::report("probe round, median", bench::medianNanos(kRounds, round) / 1000.0, "us", "< 500 us");
-    bench::report(
-        "probe round without the lock call, median",
-        bench::medianNanos(kRounds, [&] { sink += bench::probeRound(window, idle, false); }) / 1000.0, "us");
+    const int sink = bench::reportRounds(QString(), window, idle, 2000);
 
     // The report arrives between ticks, from KWin; its delay is what a tick can miss.
     std::vector<double> delays;
@@ -80,10 +63,7 @@ int main(int argc, char** argv) {
             continue;
         delays.push_back(static_cast<double>(clock.nsecsElapsed()) / 1e6);
     }
-    if (delays.empty()) {
-        std::fprintf(stderr, "no caption change was reported\n");
-        return 1;
-    }
+    if (delays.empty()) return bench::fail("no caption change was reported");
     std::sort(delays.begin(), delays.end());
     bench::report("caption change to the probe, median", delays[delays.size() / 2], "ms",
                   "< 3000 ms (a tick)");

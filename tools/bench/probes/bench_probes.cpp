@@ -5,7 +5,6 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QTemporaryDir>
-#include <cstdio>
 
 #include "bench/BenchUtil.h"
 #include "bench/probes/ProbeRound.h"
@@ -25,20 +24,15 @@ int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     test::XServer server;
     test::DBusDaemon session, system;
-    if (!server.ok() || !session.ok() || !system.ok()) {
-        std::fprintf(stderr, "could not start Xvfb, openbox or dbus-daemon\n");
-        return 1;
-    }
+    if (!server.ok() || !session.ok() || !system.ok())
+        return bench::fail("could not start Xvfb, openbox or dbus-daemon");
     test::XClient client(server.display());
     const auto w = client.createWindow();
     client.setText(w, "_NET_WM_NAME", "UTF8_STRING",
                    "Relat\xc3\xb3rio final \xe2\x80\x94 Layout.indd @ 100%");
     client.setClass(w, "indesign", "InDesign");
     client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(getpid()));
-    if (!client.activate(w)) {
-        std::fprintf(stderr, "could not activate the window\n");
-        return 1;
-    }
+    if (!client.activate(w)) return bench::fail("could not activate the window");
     test::BusStandIn locker(
         session.address(), QStringLiteral("/org/freedesktop/ScreenSaver"),
         [](const QDBusMessage& call, QDBusConnection& bus) { bus.send(call.createReply(QVariant(false))); });
@@ -68,10 +62,8 @@ int main(int argc, char** argv) {
     const test::ClientWindow foot = sway.open(test::ClientWindow::Foot, QStringLiteral("org.example.Layout"),
                                               QStringLiteral("Layout.indd @ 100%"));
     if (!sway.ok() ||
-        !sway.waitForWindow(QStringLiteral("org.example.Layout"), QStringLiteral("Layout.indd @ 100%"))) {
-        std::fprintf(stderr, "could not start sway with a foot window\n");
-        return 1;
-    }
+        !sway.waitForWindow(QStringLiteral("org.example.Layout"), QStringLiteral("Layout.indd @ 100%")))
+        return bench::fail("could not start sway with a foot window");
     auto wayland = std::make_shared<WaylandSession>(sway.socket().toLocal8Bit());
     auto toplevels = std::make_shared<WlrToplevels>(wayland);
     WlrActiveWindow wlrWindow(toplevels, std::make_unique<DesktopEntries>(),
@@ -79,17 +71,9 @@ int main(int argc, char** argv) {
     WaylandIdle wlrIdle(wayland, std::make_unique<ScreenLockProbe>(
                                      QDBusConnection::connectToBus(session.address(), QStringLiteral("s2")),
                                      QDBusConnection::connectToBus(system.address(), QStringLiteral("y2"))));
-    auto wlrRound = [&] { sink += bench::probeRound(wlrWindow, wlrIdle); };
-    wlrRound();
-    if (!wlrWindow.current()) {
-        std::fprintf(stderr, "the probes see no focused window on sway\n");
-        return 1;
-    }
-    bench::report("sway probe round, median", bench::medianNanos(kRounds, wlrRound) / 1000.0, "us",
-                  "< 500 us");
-    const double wlrOnly =
-        bench::medianNanos(kRounds, [&] { sink += bench::probeRound(wlrWindow, wlrIdle, false); });
-    bench::report("sway probe round without the lock call, median", wlrOnly / 1000.0, "us");
+    sink += bench::probeRound(wlrWindow, wlrIdle);
+    if (!wlrWindow.current()) return bench::fail("the probes see no focused window on sway");
+    sink += bench::reportRounds(QStringLiteral("sway "), wlrWindow, wlrIdle, kRounds);
     const SwayIpc ipc(sway.ipcSocket().toLocal8Bit());
     const double pidNanos = bench::medianNanos(200, [&] {
         sink +=
