@@ -51,7 +51,7 @@ struct KdeProbes {
     KdeAccessibility access;
 };
 
-// One KWin on one private bus for the suite, and desktop entries in a temp folder.
+// One KWin on one private bus for the suite.
 class KdeProbesTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {

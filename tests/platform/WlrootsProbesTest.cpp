@@ -38,7 +38,7 @@ struct WlrProbes {
     WlrAccessibility access;
 };
 
-// One sway with a foot and a Qt window on it, and desktop entries in a temp folder.
+// One sway with two foot windows and a Qt window on it.
 class WlrootsProbesTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
