@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDir>
 #include <QTemporaryDir>
 #include <functional>
@@ -14,6 +16,7 @@
 #include "support/DBusDaemon.h"
 #include "support/GnomeShell.h"
 #include "support/KWinCompositor.h"
+#include "support/StandInWatcher.h"
 #include "support/SwayCompositor.h"
 
 namespace corvi {
@@ -26,6 +29,8 @@ struct Desktop {
     QProcessEnvironment env;
     std::function<bool(const QString& appId, const QString& title)> open;
     std::function<void(const QString& appId, const QString& title)> retitle;
+    // Whether the agent shows a window with this title; unset where the test cannot see.
+    std::function<bool(const QString& title)> agentShows;
     std::shared_ptr<void> keep;  // the compositor and its windows
 };
 
@@ -55,6 +60,9 @@ Desktop sway() {
         return s->launchFoot(id, title) && s->waitForWindow(id, title);
     };
     d.retitle = [s](const QString& id, const QString& title) { s->setFootTitle(id, title); };
+    d.agentShows = [s](const QString& title) {
+        return s->waitForWindow("tech.stonefold.corvimetry.agent", title, false);
+    };
     d.keep = parts;
     return d;
 }
@@ -147,6 +155,20 @@ TEST_P(WaylandSessions, AgentRecordsAndUploadsTheFocusedApplications) {
         desktop.retitle("firefox-esr", "Previsão do tempo");
         EXPECT_TRUE(seen("bundle_id = 'firefox-esr' AND window_title = 'Previsão do tempo'")) << agent.log();
         EXPECT_FALSE(QString::fromStdString(agent.log()).contains("sem suporte")) << agent.log();
+        if (desktop.agentShows) {
+            // A panel comes up after the agent, and its icon is clicked. A Wayland client
+            // cannot place a menu at the icon, so the click opens the settings, which ask
+            // for the passcode first.
+            const QString bus = desktop.env.value("DBUS_SESSION_BUS_ADDRESS");
+            test::StandInWatcher panel(true, bus);
+            ASSERT_TRUE(panel.start());
+            ASSERT_TRUE(waitFor([&] { return !panel.items().isEmpty(); }, 10000)) << "no tray item came";
+            QDBusMessage click = QDBusMessage::createMethodCall(panel.items().first(), "/StatusNotifierItem",
+                                                                "org.kde.StatusNotifierItem", "Activate");
+            click << 10 << 10;
+            QDBusConnection::connectToBus(bus, "panel").call(click);
+            EXPECT_TRUE(desktop.agentShows("Senha do Corvimetry")) << agent.log();
+        }
         ::kill(agent.p.processId(), SIGKILL);  // nothing stored may be lost
         ASSERT_TRUE(agent.exited());
         lastOfFirstRun = sessions("1 ORDER BY id DESC LIMIT 1").value(0).value(0);
