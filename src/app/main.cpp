@@ -139,6 +139,8 @@ int main(int argc, char** argv) {
     mallopt(M_ARENA_MAX, 1);
     QApplication app(argc, argv);
     app.setApplicationName(QStringLiteral("CorviAgent"));
+    // Wayland desktops and X11 docks match windows to the menu entry (name, icon) by this ID.
+    QGuiApplication::setDesktopFileName(QStringLiteral("tech.stonefold.corvimetry.agent"));
     // A tray agent: closing a prompt or a window never ends it.
     app.setQuitOnLastWindowClosed(false);
 

@@ -18,6 +18,9 @@ class Accessibility {
     // Opens the desktop's own place where the permission is granted (a settings page, an
     // app); false when the desktop has none, and the caller shows its help page instead.
     virtual bool openGrantPlace() { return false; }
+    // True while the answer is still on its way (a compositor that runs our script answers a
+    // moment after start); trusted() may then change without anything being granted.
+    virtual bool settling() { return false; }
 };
 
 }  // namespace corvi

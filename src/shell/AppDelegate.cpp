@@ -106,7 +106,7 @@ void AppDelegate::applicationDidFinishLaunching() {
     model_.setAccessibilityOK(services_.accessibility->trusted());
     if (!model_.accessibilityOK()) {
         services_.accessibility->trustedWithPrompt();
-        permission_->show();
+        showPermissionWhenSettled();
     }
     nagTimer_ = new QTimer(this);
     nagTimer_->setInterval(int(timing_.permissionReminder * 1000));
@@ -235,6 +235,17 @@ void AppDelegate::refreshIcon() {
 
 void AppDelegate::menuWillOpen() {
     model_.refreshIdentity();
+}
+
+// A window that would close again a moment later, taking the focus on the way, is worse than
+// none: it waits until the desktop has answered.
+void AppDelegate::showPermissionWhenSettled() {
+    if (services_.accessibility->settling()) {
+        QTimer::singleShot(100, this, &AppDelegate::showPermissionWhenSettled);
+        return;
+    }
+    model_.setAccessibilityOK(services_.accessibility->trusted());
+    if (!model_.accessibilityOK()) permission_->show();
 }
 
 void AppDelegate::openSettings() {

@@ -97,6 +97,7 @@ class AppDelegate : public QObject {
     // request, then the desktop's own place to grant it, else the service's help page for
     // this platform.
     void grantPermission();
+    void showPermissionWhenSettled();
 
     // The label the menu shows for an activity state (Portuguese in both languages).
     static QString activityLabel(ActivityState state);

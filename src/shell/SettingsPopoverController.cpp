@@ -60,6 +60,8 @@ void SettingsPopoverController::toggle(const QSystemTrayIcon* button) {
     if (!button) return;
     popover();
     if (!mayOpen()) return;
+    // Wayland lets no client place a popup by screen position: a titled window, centred.
+    if (QGuiApplication::platformName().startsWith(QLatin1String("wayland"))) return showAt({}, false);
     const QRect icon = button->geometry();
     showAt(icon.isValid() && !icon.isEmpty() ? icon : QRect(QCursor::pos(), QSize(1, 1)), true);
 }

@@ -139,9 +139,15 @@ void StatusMenu::hostMayHaveArrived() {
 void StatusMenu::makeStatusItem() {
     statusItem_ = new QSystemTrayIcon(this);
     statusItem_->setContextMenu(menu_);
-    // A left click opens the same menu, as a click on the status item does elsewhere.
+    // A left click opens the same menu, as a click on the status item does elsewhere. A Wayland
+    // client cannot place a menu of its own at a panel's icon (it would open as a window), so
+    // there the click opens the settings, and the panel shows this menu on a right click.
     connect(statusItem_, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
-        if (reason == QSystemTrayIcon::Trigger) menu_->popup(QCursor::pos());
+        if (reason != QSystemTrayIcon::Trigger) return;
+        if (QGuiApplication::platformName().startsWith(QLatin1String("wayland")))
+            emit openSettings();
+        else
+            menu_->popup(QCursor::pos());
     });
     if (!icon_.isNull()) statusItem_->setIcon(icon_);
     statusItem_->setToolTip(toolTip_);

@@ -4,14 +4,18 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDir>
 #include <QTemporaryDir>
+#include <functional>
 #include <memory>
 
 #include "app/AgentProcess.h"
 #include "support/DBusDaemon.h"
 #include "support/GnomeShell.h"
 #include "support/KWinCompositor.h"
+#include "support/StandInWatcher.h"
 #include "support/SwayCompositor.h"
 
 namespace corvi {
@@ -25,6 +29,8 @@ struct Desktop {
     const test::WaylandDesktop* compositor = nullptr;
     test::ClientWindow::Kind kind = test::ClientWindow::Foot;
     std::shared_ptr<void> keep;  // the compositor and its buses
+    // Whether the agent shows a window with this title; unset where the test cannot see.
+    std::function<bool(const QString& title)> agentShows;
 };
 
 QProcessEnvironment waylandEnv(const QString& socket, const QString& desktop, const QString& bus) {
@@ -44,8 +50,14 @@ Desktop sway() {
         test::SwayCompositor sway;
     };
     auto parts = std::make_shared<Parts>();
-    Desktop d{{}, waylandEnv(parts->sway.socket(), "sway", parts->bus.address()), &parts->sway,
-              test::ClientWindow::Foot, parts};
+    Desktop d{{},
+              waylandEnv(parts->sway.socket(), "sway", parts->bus.address()),
+              &parts->sway,
+              test::ClientWindow::Foot,
+              parts,
+              [s = &parts->sway](const QString& title) {
+                  return s->waitForWindow("tech.stonefold.corvimetry.agent", title, false);
+              }};
     if (!parts->bus.ok() || !parts->sway.ok()) d.error = "no headless sway or dbus-daemon";
     d.env.insert("SWAYSOCK", parts->sway.ipcSocket());
     return d;
@@ -57,11 +69,9 @@ Desktop kwin() {
         test::KWinCompositor kwin{bus.address()};
     };
     auto parts = std::make_shared<Parts>();
-    Desktop d{{},
-              waylandEnv(parts->kwin.socketPath(), "KDE", parts->bus.address()),
-              &parts->kwin,
-              test::ClientWindow::Qt,
-              parts};
+    Desktop d{{},           waylandEnv(parts->kwin.socketPath(), "KDE", parts->bus.address()),
+              &parts->kwin, test::ClientWindow::Qt,
+              parts,        {}};
     if (!parts->bus.ok() || !parts->kwin.ok())
         d.error = "no kwin_wayland or dbus-daemon: " + parts->kwin.error();
     return d;
@@ -69,7 +79,7 @@ Desktop kwin() {
 
 Desktop gnome() {
     auto shell = std::make_shared<test::GnomeShell>(CORVI_GNOME_EXTENSION_DATA);
-    Desktop d{{}, shell->clientEnvironment(), shell.get(), test::ClientWindow::Foot, shell};
+    Desktop d{{}, shell->clientEnvironment(), shell.get(), test::ClientWindow::Foot, shell, {}};
     d.env.insert("QT_QPA_PLATFORM", "wayland");
     if (!shell->ok() || !shell->setExtensionEnabled(true))
         d.error = "no headless GNOME Shell with our extension: " + shell->log().right(2000);
@@ -122,6 +132,20 @@ TEST_P(WaylandSessions, AgentRecordsAndUploadsTheFocusedApplications) {
         windows["firefox-esr"].setTitle("Previsão do tempo");
         EXPECT_TRUE(seen("bundle_id = 'firefox-esr' AND window_title = 'Previsão do tempo'")) << agent.log();
         EXPECT_FALSE(QString::fromStdString(agent.log()).contains("sem suporte")) << agent.log();
+        if (desktop.agentShows) {
+            // A panel comes up after the agent, and its icon is clicked. A Wayland client
+            // cannot place a menu at the icon, so the click opens the settings, which ask
+            // for the passcode first.
+            const QString bus = desktop.env.value("DBUS_SESSION_BUS_ADDRESS");
+            test::StandInWatcher panel(true, bus);
+            ASSERT_TRUE(panel.start());
+            ASSERT_TRUE(waitFor([&] { return !panel.items().isEmpty(); }, 10000)) << "no tray item came";
+            QDBusMessage click = QDBusMessage::createMethodCall(panel.items().first(), "/StatusNotifierItem",
+                                                                "org.kde.StatusNotifierItem", "Activate");
+            click << 10 << 10;
+            QDBusConnection::connectToBus(bus, "panel").call(click);
+            EXPECT_TRUE(desktop.agentShows("Senha do Corvimetry")) << agent.log();
+        }
         ::kill(agent.p.processId(), SIGKILL);  // nothing stored may be lost
         ASSERT_TRUE(agent.exited());
         lastOfFirstRun = sessions("1 ORDER BY id DESC LIMIT 1").value(0).value(0);

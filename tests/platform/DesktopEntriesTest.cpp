@@ -70,6 +70,13 @@ TEST(DesktopEntriesTest, FirstFolderWinsAndNamesAreThePlainKey) {
             EXPECT_EQ(entries.nameForId(c.id), c.name);
         }
     }
+    // A Wayland window by app ID: an Xwayland one brings its X class, as given or lower-cased.
+    for (const char* id : {"Paint", "paint", "org.example.Paint"}) {
+        const ActiveWindow::Info info = describeWindow(entries, id, 7, "t");
+        EXPECT_EQ(info.bundleID + " " + info.appName, "org.example.Paint Paint (mine)") << id;
+    }
+    EXPECT_EQ(describeWindow(entries, "", 0, "").appName, "unknown");
+    EXPECT_EQ(describeWindow(entries, "org.example.None", 0, "").appName, "org.example.None");
 }
 
 TEST(DesktopEntriesTest, NameIsTheBestLocaleMatchOfTheFirstUiLanguageThatHasOne) {

@@ -238,6 +238,17 @@ TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSig
         if (configured) {
             settle(500);
             EXPECT_FALSE(permission->window()) << "a window shown with the permission granted";
+            // A desktop that answers a moment after start: no window until it has.
+            access->granted = false;
+            access->stillSettling = true;
+            auto later = makeDelegate(3600, 0.2);
+            later->applicationDidFinishLaunching();
+            settle(300);
+            EXPECT_FALSE(later->permission()->window()) << "shown before the desktop answered";
+            access->granted = true;
+            access->stillSettling = false;
+            EXPECT_TRUE(waitFor([&] { return later->model().accessibilityOK(); }, 1000));
+            EXPECT_FALSE(later->permission()->window());
             continue;
         }
         EXPECT_FALSE(settings->popover()->windowFlags().testFlag(Qt::Popup)) << "a first-run popup";

@@ -44,7 +44,9 @@ struct StandInAccessibility final : Accessibility {
         ++grantPlaceOpened;
         return hasGrantPlace;
     }
+    bool settling() override { return stillSettling; }
     bool granted = true;
+    bool stillSettling = false;
     bool hasGrantPlace = false;  // the desktop has its own place to grant the permission
     int grantPlaceOpened = 0;
 };

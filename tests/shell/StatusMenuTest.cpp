@@ -9,9 +9,9 @@
 
 #include "model/AppModel.h"
 #include "shell/StatusMenu.h"
-#include "support/BusStandIn.h"
 #include "support/EventLoop.h"
 #include "support/QtPrinters.h"
+#include "support/StandInWatcher.h"
 #include "ui/MenuStatusView.h"
 #include "ui/Theme.h"
 
@@ -63,47 +63,6 @@ TEST(StatusMenu, ShowsEachStateInItsLanguage) {
     EXPECT_NE(pauseIcons[true], pauseIcons[false]);
 }
 
-const QString kWatcher = "org.kde.StatusNotifierWatcher";
-
-// A panel's StatusNotifierWatcher: it takes items and says whether its host is up, described
-// the way Qt reads it (introspection, then the property).
-class StandInWatcher {
-  public:
-    explicit StandInWatcher(bool hostUp) : hostUp_(hostUp) {}
-    bool start() { return standIn_.claim(kWatcher); }
-    void hostComes() {
-        hostUp_ = true;
-        standIn_.send(
-            QDBusMessage::createSignal("/StatusNotifierWatcher", kWatcher, "StatusNotifierHostRegistered"));
-    }
-    // The services that registered an item, in order.
-    QStringList items() const {
-        QStringList out;
-        for (const QDBusMessage& m : standIn_.received())
-            if (m.member() == "RegisterStatusNotifierItem") out << m.arguments().value(0).toString();
-        return out;
-    }
-
-  private:
-    void answer(const QDBusMessage& call, QDBusConnection& bus) {
-        if (call.member() != "Get") return void(bus.send(call.createReply()));
-        const QVariant value =
-            call.arguments().value(1) == "ProtocolVersion" ? QVariant(0) : QVariant(hostUp_.load());
-        bus.send(call.createReply(QVariant::fromValue(QDBusVariant(value))));
-    }
-
-    std::atomic<bool> hostUp_;
-    test::BusStandIn standIn_{qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), "/StatusNotifierWatcher",
-                              [this](const QDBusMessage& call, QDBusConnection& bus) { answer(call, bus); },
-                              false,
-                              R"(<interface name="org.kde.StatusNotifierWatcher">
-                                   <method name="RegisterStatusNotifierItem"><arg type="s" direction="in"/></method>
-                                   <property name="IsStatusNotifierHostRegistered" type="b" access="read"/>
-                                   <property name="ProtocolVersion" type="i" access="read"/>
-                                   <signal name="StatusNotifierHostRegistered"/>
-                                 </interface>)"};
-};
-
 // The agent starts at login before the panel. Qt settles the kind of tray when the first tray
 // icon is made, once per process, so nothing in this program may make one before this runs
 // (the menus above have no tray to make one for).
@@ -115,7 +74,7 @@ TEST(StatusMenu, TheIconWaitsForAPanelThatComesAfterTheMenu) {
         model.setLanguage("en");
         model.setAccessibilityOK(true);
         model.setPaused(true);
-        StandInWatcher watcher(hostWithWatcher);
+        test::StandInWatcher watcher(hostWithWatcher);
         StatusMenu menu;
         menu.refresh(model, std::nullopt);
         menu.show();

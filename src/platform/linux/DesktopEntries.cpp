@@ -89,9 +89,14 @@ DesktopEntries::DesktopEntries(QStringList folders, const QStringList& languages
     nameKeys_ << QStringLiteral("Name");
 }
 
-QString DesktopEntries::idForWindowClass(const QString& windowClass) {
+QString DesktopEntries::idForWindowClass(const QString& windowClass, Qt::CaseSensitivity cs) {
     load();
-    return windowClass.isEmpty() ? QString() : classes_.value(windowClass);
+    if (windowClass.isEmpty()) return {};
+    if (const auto it = classes_.constFind(windowClass); it != classes_.constEnd()) return it.value();
+    if (cs == Qt::CaseSensitive) return {};
+    for (auto it = classes_.constBegin(); it != classes_.constEnd(); ++it)
+        if (it.key().compare(windowClass, Qt::CaseInsensitive) == 0) return it.value();
+    return {};
 }
 
 QString DesktopEntries::nameForId(const QString& appId) {
@@ -162,6 +167,15 @@ ActiveWindow::Info describeWindow(DesktopEntries& entries, const QString& appId,
     ActiveWindow::Info info;
     info.bundleID = appId.isEmpty() ? QStringLiteral("unknown") : appId;
     if (!appId.isEmpty()) info.appName = entries.nameForId(appId);
+    // An Xwayland window comes with its X class as app ID (KWin lower-cases it): the entry that
+    // claims the class names it, as on X11.
+    if (!appId.isEmpty() && info.appName.isEmpty()) {
+        if (const QString claimed = entries.idForWindowClass(appId, Qt::CaseInsensitive);
+            !claimed.isEmpty()) {
+            info.bundleID = claimed;
+            info.appName = entries.nameForId(claimed);
+        }
+    }
     if (info.appName.isEmpty()) info.appName = info.bundleID;
     info.pid = pid;
     info.windowTitle = title;

@@ -25,7 +25,7 @@ class DesktopEntries {
                             const QStringList& languages = uiLanguages());
 
     // Empty when no entry claims the class, or the ID has no entry or no name.
-    QString idForWindowClass(const QString& windowClass);
+    QString idForWindowClass(const QString& windowClass, Qt::CaseSensitivity cs = Qt::CaseSensitive);
     QString nameForId(const QString& appId);
 
   private:

@@ -2,6 +2,7 @@
 
 #include <QDBusMessage>
 
+#include "platform/linux/GnomeShellExtension.h"
 #include "platform/linux/ScreenLockProbe.h"
 
 namespace corvi {
@@ -12,11 +13,15 @@ GnomeIdleMonitor::GnomeIdleMonitor(QDBusConnection bus, std::unique_ptr<ScreenLo
 GnomeIdleMonitor::~GnomeIdleMonitor() = default;
 
 double GnomeIdleMonitor::idleSeconds() {
-    if (!bus_.isConnected()) return 0;
+    const auto now = std::chrono::steady_clock::now();
+    if (!bus_.isConnected() || now < quietUntil_) return 0;
     const QDBusMessage call = QDBusMessage::createMethodCall(
         QStringLiteral("org.gnome.Mutter.IdleMonitor"), QStringLiteral("/org/gnome/Mutter/IdleMonitor/Core"),
         QStringLiteral("org.gnome.Mutter.IdleMonitor"), QStringLiteral("GetIdletime"));
     const QDBusMessage reply = bus_.call(call, QDBus::Block, kCallTimeoutMs);
+    if (reply.type() == QDBusMessage::ErrorMessage &&
+        reply.errorName() == QLatin1String("org.freedesktop.DBus.Error.NoReply"))
+        quietUntil_ = std::chrono::steady_clock::now() + GnomeShellExtension::kQuietAfterTimeout;
     if (reply.type() != QDBusMessage::ReplyMessage || reply.signature() != QLatin1String("t")) return 0;
     return double(reply.arguments().constFirst().toULongLong()) / 1000.0;
 }

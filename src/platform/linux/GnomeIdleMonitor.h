@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <chrono>
 #include <memory>
 
 #include "platform/IdleMonitor.h"
@@ -23,6 +24,8 @@ class GnomeIdleMonitor : public IdleMonitor {
 
   private:
     QDBusConnection bus_;
+    // After a timeout the Shell is left alone for a while, as the extension's client does.
+    std::chrono::steady_clock::time_point quietUntil_{};
     std::unique_ptr<ScreenLockProbe> lock_;
 };
 

@@ -6,6 +6,16 @@
 namespace corvi {
 
 std::optional<GnomeShellExtension::Focus> GnomeShellExtension::focus() {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < quietUntil_) return std::nullopt;
+    std::optional<Focus> answer = ask();
+    const auto answeredAt = std::chrono::steady_clock::now();
+    if (!answer && answeredAt - now >= std::chrono::milliseconds(kCallTimeoutMs))
+        quietUntil_ = answeredAt + kQuietAfterTimeout;
+    return answer;
+}
+
+std::optional<GnomeShellExtension::Focus> GnomeShellExtension::ask() {
     if (!bus_.isConnected()) return std::nullopt;
     const QDBusMessage call =
         QDBusMessage::createMethodCall(QString::fromLatin1(kBusName), QString::fromLatin1(kObjectPath),

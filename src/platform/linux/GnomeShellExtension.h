@@ -2,14 +2,17 @@
 
 #include <QDBusConnection>
 #include <QString>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 
 namespace corvi {
 
 // Our GNOME Shell extension as seen from the session bus: it owns kBusName while enabled and
-// answers Get with the focused window. Asked once per call, so a disabled extension or a Shell
-// that went away is noticed at the next tick, with nothing held from an earlier one.
+// answers Get with the focused window. Asked afresh at each call, so a disabled extension or
+// a Shell that went away is noticed at the next tick, with nothing held from an earlier one. A
+// Shell that does not answer in time (hung, stopped) is left alone for a while, so it costs one
+// timeout every other tick rather than one per question.
 class GnomeShellExtension {
   public:
     static constexpr const char* kUuid = "corviagent@corvimetry.stonefold.tech";
@@ -17,6 +20,7 @@ class GnomeShellExtension {
     static constexpr const char* kObjectPath = "/tech/stonefold/corvimetry/FocusedWindow";
     static constexpr const char* kInterface = "tech.stonefold.corvimetry.FocusedWindow";
     static constexpr int kCallTimeoutMs = 250;
+    static constexpr std::chrono::seconds kQuietAfterTimeout{4};
 
     struct Focus {
         bool focused = false;  // false: no window has the focus, and the rest is empty
@@ -31,7 +35,10 @@ class GnomeShellExtension {
     std::optional<Focus> focus();
 
   private:
+    std::optional<Focus> ask();
+
     QDBusConnection bus_;
+    std::chrono::steady_clock::time_point quietUntil_{};
 };
 
 }  // namespace corvi

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 
 #include "platform/Accessibility.h"
@@ -15,9 +16,13 @@ class KdeAccessibility : public Accessibility {
 
     bool trusted() override { return script_->reporting(); }
     bool trustedWithPrompt() override { return trusted(); }
+    // The script reports a few milliseconds after start on a running KWin; a KWin that is
+    // itself starting, at login, may take seconds.
+    bool settling() override { return !trusted() && std::chrono::steady_clock::now() < settledBy_; }
 
   private:
     std::shared_ptr<KWinScript> script_;
+    std::chrono::steady_clock::time_point settledBy_ = std::chrono::steady_clock::now() + std::chrono::seconds(5);
 };
 
 }  // namespace corvi

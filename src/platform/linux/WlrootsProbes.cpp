@@ -11,7 +11,9 @@ Probes makeWlrootsProbes(const DesktopSession& session) {
     auto wayland = WaylandSession::shared();
     auto toplevels = std::make_shared<WlrToplevels>(wayland);
     const auto unsupported = [session] { logUnsupportedSession(session); };
-    if (!toplevels->refresh() || !toplevels->offered()) unsupported();
+    // No socket at all is known now; a missing manager only once a tick has read what the
+    // compositor offers, since a compositor busy at login may still be answering.
+    if (!toplevels->refresh()) unsupported();
     // sway names its IPC socket in the session's environment.
     const QByteArray swaySocket = qgetenv("SWAYSOCK");
     auto sway = swaySocket.isEmpty() ? nullptr : std::make_unique<SwayIpc>(swaySocket);
