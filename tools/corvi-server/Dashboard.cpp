@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QMap>
+#include <QTimeZone>
 #include <algorithm>
 
 #include "RefDatabase.h"
@@ -11,7 +12,7 @@ namespace {
 
 QString when(double secs) {
     if (secs <= 0) return QStringLiteral("never");
-    return QDateTime::fromMSecsSinceEpoch(qint64(secs * 1000), Qt::UTC).toString(Qt::ISODate);
+    return QDateTime::fromMSecsSinceEpoch(qint64(secs * 1000), QTimeZone::utc()).toString(Qt::ISODate);
 }
 
 QString bars(const QList<DayHours>& rows, const QString& title) {

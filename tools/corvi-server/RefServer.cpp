@@ -8,7 +8,10 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QSslKey>
+#include <QSslServer>
+#include <QTcpServer>
 
 #include "Dashboard.h"
 
@@ -87,6 +90,9 @@ void RefServer::setUp() {
 
 quint16 RefServer::listen(const QHostAddress& address, quint16 port) {
     if (!ok()) return 0;
+    // The server is handed a listening socket server (Qt 6.8 has no other way; 6.4 has this one
+    // too), a QSslServer when TLS is asked for.
+    std::unique_ptr<QTcpServer> socketServer;
     if (tls()) {
         QFile certFile(options_.tlsCert), keyFile(options_.tlsKey);
         if (!certFile.open(QIODevice::ReadOnly) || !keyFile.open(QIODevice::ReadOnly)) return 0;
@@ -95,9 +101,18 @@ quint16 RefServer::listen(const QHostAddress& address, quint16 port) {
         QSslKey key(keyPem, QSsl::Ec);
         if (key.isNull()) key = QSslKey(keyPem, QSsl::Rsa);
         if (cert.isNull() || key.isNull()) return 0;
-        http_->sslSetup(cert, key);
+        QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+        config.setLocalCertificate(cert);
+        config.setPrivateKey(key);
+        auto sslServer = std::make_unique<QSslServer>();
+        sslServer->setSslConfiguration(config);
+        socketServer = std::move(sslServer);
+    } else {
+        socketServer = std::make_unique<QTcpServer>();
     }
-    port_ = http_->listen(address, port);
+    if (!socketServer->listen(address, port)) return 0;
+    port_ = socketServer->serverPort();
+    http_->bind(socketServer.release());  // the HTTP server becomes its parent
     return port_;
 }
 
