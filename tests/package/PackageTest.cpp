@@ -29,6 +29,9 @@ using test::waitFor;
 
 const QString appID = "tech.stonefold.corvimetry.agent";
 const QString version = CORVI_VERSION;
+// The packages' version names the release they were built for.
+const QString tag = CORVI_RELEASE_TAG;
+const QString packageVersion = version + "~" + tag;
 
 struct Outcome {
     int status;
@@ -45,7 +48,8 @@ Outcome run(const QString& program, const QStringList& args, const QProcessEnvir
 }
 
 QString package(const QString& name) {
-    const QStringList found = QDir(CORVI_PACKAGES).entryList({name + "_" + version + "_*.deb"}, QDir::Files);
+    const QStringList found =
+        QDir(CORVI_PACKAGES).entryList({name + "_" + packageVersion + "_*.deb"}, QDir::Files);
     return found.size() == 1 ? QString(CORVI_PACKAGES) + "/" + found.first() : QString();
 }
 
@@ -60,7 +64,7 @@ class Packages : public ::testing::Test {
     static void TearDownTestSuite() { delete root; }
     void SetUp() override {
         ASSERT_FALSE(package("corviagent").isEmpty() || package("corviagent-autostart").isEmpty())
-            << "scripts/package made no packages of version " << version.toStdString() << " in "
+            << "scripts/package made no packages of version " << packageVersion.toStdString() << " in "
             << CORVI_PACKAGES;
     }
     static QString file(const QString& path) { return root->path() + path; }
@@ -87,7 +91,8 @@ TEST_F(Packages, HoldWhatAnInstalledAgentNeeds) {
         {"corviagent", "/usr/lib/systemd/user/corviagent.service"},
         {"corviagent", "/usr/libexec/corviagent/start"},
         {"corviagent", "/usr/share/gnome-shell/extensions/corviagent@corvimetry.stonefold.tech/extension.js"},
-        {"corviagent", "/usr/share/gnome-shell/extensions/corviagent@corvimetry.stonefold.tech/metadata.json"},
+        {"corviagent",
+         "/usr/share/gnome-shell/extensions/corviagent@corvimetry.stonefold.tech/metadata.json"},
         {"corviagent-autostart", "/etc/xdg/autostart/" + appID + ".desktop"},
     };
     for (int size : {16, 32, 48, 64, 128, 256})
@@ -109,9 +114,9 @@ TEST_F(Packages, HoldWhatAnInstalledAgentNeeds) {
     EXPECT_EQ(entry("/usr/share/applications/" + appID + ".desktop", "Icon"), appID);
     EXPECT_TRUE(QFile::exists(file(entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec"))))
         << "the autostart entry starts a program the package does not hold";
-    EXPECT_EQ(run("dpkg-deb", {"-f", package("corviagent"), "Version"}).out.trimmed(), version);
+    EXPECT_EQ(run("dpkg-deb", {"-f", package("corviagent"), "Version"}).out.trimmed(), packageVersion);
     EXPECT_EQ(run("dpkg-deb", {"-f", package("corviagent-autostart"), "Depends"}).out.trimmed(),
-              "corviagent (>= " + version + "), corviagent (<< " + version + ".1~)");
+              "corviagent (>= " + packageVersion + "), corviagent (<< " + packageVersion + ".1~)");
 }
 
 TEST_F(Packages, LintianFindsNoErrors) {
@@ -127,19 +132,34 @@ TEST_F(Packages, ReleaseSignsTheWholePackageWithTheKeyItPrints) {
     QTemporaryDir dir;
     const QString key = dir.filePath("key.pem"), updates = dir.filePath("updates");
     ASSERT_EQ(run("openssl", {"genpkey", "-algorithm", "ed25519", "-out", key}).status, 0);
-    const Outcome release = run(CORVI_RELEASE, {version, package("corviagent"), key, "--base",
+    // The same version built for another release, which must land in that release's feed only.
+    const QString otherTag = tag == "deb12" ? "deb13" : "deb12";
+    const QString other = dir.filePath("corviagent_" + version + "~" + otherTag + ".deb");
+    ASSERT_EQ(run("dpkg-deb", {"-R", package("corviagent"), dir.filePath("other")}).status, 0);
+    const QString control = dir.filePath("other/DEBIAN/control");
+    ASSERT_TRUE(test::writeFile(control, test::readFile(control).replace(
+                                             packageVersion.toUtf8(), (version + "~" + otherTag).toUtf8())));
+    ASSERT_EQ(run("dpkg-deb", {"-Zgzip", "-b", dir.filePath("other"), other}).status, 0);
+    const Outcome release = run(CORVI_RELEASE, {version, package("corviagent"), other, key, "--base",
                                                 "https://updates.example/linux", "--updates", updates});
     ASSERT_EQ(release.status, 0) << release.out.toStdString();
 
-    const QString appcast = QString::fromUtf8(test::readFile(updates + "/appcast.xml"));
-    const QString published = updates + "/" + QFileInfo(package("corviagent")).fileName();
+    const QString appcast = QString::fromUtf8(test::readFile(updates + "/" + tag + "/appcast.xml"));
+    const QString otherAppcast = QString::fromUtf8(test::readFile(updates + "/" + otherTag + "/appcast.xml"));
+    const QString published = updates + "/" + tag + "/" + QFileInfo(package("corviagent")).fileName();
     const auto attribute = [&](const QString& name) {
         return QRegularExpression(name + "=\"([^\"]*)\"").match(appcast).captured(1);
     };
-    EXPECT_EQ(attribute("url"), "https://updates.example/linux/" + QFileInfo(published).fileName());
+    EXPECT_EQ(attribute("url"),
+              "https://updates.example/linux/" + tag + "/" + QFileInfo(published).fileName());
     EXPECT_EQ(attribute("length").toLongLong(), QFileInfo(published).size());
+    // The agent compares its own version, which carries no release.
     EXPECT_TRUE(appcast.contains("<sparkle:version>" + version + "</sparkle:version>"))
         << appcast.toStdString();
+    EXPECT_EQ(appcast.count("<item>"), 1);
+    EXPECT_TRUE(otherAppcast.contains("/linux/" + otherTag + "/corviagent_" + version + "~" + otherTag + "_"))
+        << otherAppcast.toStdString();
+    EXPECT_FALSE(otherAppcast.contains("~" + tag)) << "a feed offers another release's package";
 
     // The printed key, as the agent would hold it, verifies the signature over the copied file.
     const QByteArray raw = QByteArray::fromBase64(
