@@ -4,7 +4,10 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
+#include <QSet>
 #include <QStandardPaths>
+#include <climits>
 
 #include "support/ChildProcess.h"
 #include "support/EventLoop.h"
@@ -19,11 +22,20 @@ KWinCompositor::KWinCompositor(const QString& busAddress)
       socket_(QStringLiteral("wayland-kwin-test")) {
     QDir().mkpath(runtimeDir_);
     // KWin offers its fake input protocol only to a program a desktop entry lists it for.
+    // KDE Frameworks 6 indexes only the entries an applications menu takes in (Plasma ships
+    // one); this one takes all.
+    writeFile(home_.filePath(QStringLiteral("config/menus/applications.menu")),
+              "<!DOCTYPE Menu PUBLIC \"-//freedesktop//DTD Menu 1.0//EN\"\n"
+              " \"http://www.freedesktop.org/standards/menu-spec/1.0/menu.dtd\">\n"
+              "<Menu><Name>Applications</Name><DefaultAppDirs/><Include><All/></Include></Menu>\n");
     writeFile(
         home_.filePath(QStringLiteral("share/applications/corvi-test-fake-input.desktop")),
         "[Desktop Entry]\nType=Application\nName=Fake input\nNoDisplay=true\nExec=" CORVI_TEST_KWIN_FAKE_INPUT
         "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n");
     QFile::setPermissions(runtimeDir_, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    // KWin 6 puts its X socket in the folder systemd-tmpfiles makes at boot, and gives up on
+    // Xwayland without it; a container's fresh /tmp has none.
+    if (::mkdir("/tmp/.X11-unix", 01777) == 0) ::chmod("/tmp/.X11-unix", 01777);
     start();
 }
 
@@ -63,8 +75,9 @@ bool KWinCompositor::start() {
     } else if (startKWin(QStringLiteral("kwin_wayland"))) {
         program_ = QStringLiteral("kwin_wayland");
     } else {
-        // Debian gives kwin_wayland the CAP_SYS_RESOURCE file capability; where the bounding
-        // set lacks it (a container), exec fails with EPERM. A copy carries no capability.
+        // Debian 12 gives kwin_wayland the CAP_SYS_RESOURCE file capability (Debian 13
+        // CAP_SYS_NICE); where the bounding set lacks it (a container), exec fails with EPERM.
+        // A copy carries no capability.
         const QString firstError = error_;
         const QString copy = home_.filePath(QStringLiteral("kwin_wayland"));
         const QString installed = QStandardPaths::findExecutable(QStringLiteral("kwin_wayland"));
@@ -157,21 +170,42 @@ ClientWindow KWinCompositor::openXTerm(const QString& title) {
     env.remove(QStringLiteral("WAYLAND_DISPLAY"));
     env.insert(QStringLiteral("DISPLAY"), xDisplay());
     return ClientWindow(QStringLiteral("xterm"),
-                        {QStringLiteral("-T"), title, QStringLiteral("-e"), QStringLiteral("cat")}, env);
+                        {QStringLiteral("-name"), QStringLiteral("noentryterm"), QStringLiteral("-class"),
+                         QStringLiteral("NoEntryTerm"), QStringLiteral("-T"), title, QStringLiteral("-e"),
+                         QStringLiteral("cat")},
+                        env);
 }
 
-// KWin's Xwayland is its child, started with the display as its first argument.
+int KWinCompositor::majorVersion() const {
+    QProcess version;
+    version.start(program_, {QStringLiteral("--version")});
+    if (!version.waitForFinished(5000)) return 0;
+    // "kwin 6.3.6"
+    return QString::fromLatin1(version.readAllStandardOutput()).section(u' ', 1).section(u'.', 0, 0).toInt();
+}
+
+// The display of the X socket KWin listens on: KWin 6 starts Xwayland only when the first X
+// client connects to it.
 QString KWinCompositor::xDisplay() const {
-    const QString parent = QString::number(kwin_.processId());
+    const QString fds = QStringLiteral("/proc/%1/fd/").arg(kwin_.processId());
+    static const QRegularExpression xSocket(QStringLiteral("^@?/tmp/\\.X11-unix/X(\\d+)$"));
     QString display;
     waitFor(
         [&] {
-            for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-                const QByteArray stat = readFile(QStringLiteral("/proc/%1/stat").arg(pid));
-                const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
-                if (!stat.contains("(Xwayland)") || fields.value(1) != parent.toLatin1()) continue;
-                display = QString::fromLatin1(
-                    readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).split('\0').value(1));
+            QSet<QByteArray> inodes;
+            for (const QString& fd : QDir(fds).entryList(QDir::System)) {
+                char target[PATH_MAX];
+                const ssize_t n = ::readlink(QFile::encodeName(fds + fd).constData(), target, sizeof target);
+                const QByteArray link(target, n > 0 ? int(n) : 0);
+                if (link.startsWith("socket:[")) inodes.insert(link.mid(8).chopped(1));
+            }
+            // Num RefCount Protocol Flags Type St Inode Path
+            for (const QByteArray& line : readFile(QStringLiteral("/proc/net/unix")).split('\n')) {
+                const QList<QByteArray> fields = line.simplified().split(' ');
+                if (fields.size() < 8 || !inodes.contains(fields[6])) continue;
+                const auto match = xSocket.match(QString::fromLocal8Bit(fields[7]));
+                if (!match.hasMatch()) continue;
+                display = u':' + match.captured(1);
                 return true;
             }
             return false;

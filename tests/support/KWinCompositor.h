@@ -27,8 +27,11 @@ class KWinCompositor : public WaylandDesktop {
     QString socketPath() const { return runtimeDir_ + u'/' + socket_; }
 
     QProcessEnvironment clientEnvironment() const override;
-    // An X client on KWin's Xwayland: xterm, its class XTerm.
+    // An X client on KWin's Xwayland: xterm named so no desktop entry matches it, its class
+    // NoEntryTerm (KWin 6 finds the xterm package's entry by the name xterm).
     ClientWindow openXTerm(const QString& title);
+    // The running KWin's major version (5, 6), 0 when unknown.
+    int majorVersion() const;
 
     // Loads and runs a script file under a plugin name, as any session client may; answers
     // KWin's id for it, -1 when refused.
