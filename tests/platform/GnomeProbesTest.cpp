@@ -93,7 +93,7 @@ TEST_F(GnomeProbesTest, FocusedWindowIsNamedByItsDesktopEntry) {
         SCOPED_TRACE(c.row);
         open.push_back(shell_->open(ClientWindow::Foot, c.appId, c.title));
         ASSERT_TRUE(test::showsWindow(window, open.back().pid(), c.title))
-            << "the new window never had the focus";
+            << "the new window never came to the front with its own title";
         test::expectDescribes(window, c, open.back().pid());
     }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QTemporaryDir>
+#include <optional>
 #include "platform/Accessibility.h"
 #include "platform/ActiveWindow.h"
 #include "platform/IdleMonitor.h"
@@ -40,14 +41,21 @@ inline void expectDescribes(ActiveWindow& window, const WindowCase& c, std::int3
     for (const std::int32_t other : {0, 1}) EXPECT_EQ(window.focusedWindowTitle(other), QString());
 }
 
-// Waits until the focused window is `pid`'s, with this title.
-inline bool showsWindow(ActiveWindow& window, std::int32_t pid, const QString& title, int ms = 10000) {
-    return waitFor(
+// Waits until the focused window is `pid`'s, with this title; a failure says what was in front
+// instead, so a client that changed the title is not taken for one that never got the focus.
+inline ::testing::AssertionResult showsWindow(ActiveWindow& window, std::int32_t pid, const QString& title,
+                                              int ms = 10000) {
+    std::optional<ActiveWindow::Info> info;
+    const bool shown = waitFor(
         [&] {
-            const auto info = window.current();
+            info = window.current();
             return info && info->pid == pid && info->windowTitle == title;
         },
         ms);
+    if (shown) return ::testing::AssertionSuccess();
+    if (!info) return ::testing::AssertionFailure() << "no window in front";
+    return ::testing::AssertionFailure()
+           << "in front: pid " << info->pid << ", title \"" << info->windowTitle.toStdString() << '"';
 }
 
 // Every probe answers neutrally, for a few ticks in a row.

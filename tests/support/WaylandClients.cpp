@@ -42,12 +42,14 @@ ClientWindow::ClientWindow(Kind kind, const QProcessEnvironment& env, const QStr
     static int count = 0;
     const QString fifo = QStringLiteral("%1/title-%2.fifo").arg(dir).arg(++count);
     if (mkfifo(QFile::encodeName(fifo).constData(), 0600) != 0 || (nobody && !giveToNobody(fifo))) return;
-    const QString shell =
-        QStringLiteral("while :; do IFS= read -r t < '%1' && printf '\\033]2;%s\\033\\\\' \"$t\"; done")
-            .arg(fifo);
+    // foot 1.21 trims the title given with --title, so the shell sets it again exactly, the way
+    // it sets every later one.
+    const QString osc = QStringLiteral("printf '\\033]2;%s\\033\\\\' ");
+    const QString shell = osc + QStringLiteral("\"$1\"; while :; do IFS= read -r t < '%1' && ").arg(fifo) +
+                          osc + QStringLiteral("\"$t\"; done");
     *this = ClientWindow(QStringLiteral("foot"),
                          {QStringLiteral("--app-id=") + appId, QStringLiteral("--title=") + title,
-                          QStringLiteral("sh"), QStringLiteral("-c"), shell},
+                          QStringLiteral("sh"), QStringLiteral("-c"), shell, QStringLiteral("sh"), title},
                          env, nobody);
     fifo_ = fifo;
 }
