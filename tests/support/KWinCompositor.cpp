@@ -25,8 +25,6 @@ KWinCompositor::KWinCompositor(const QString& busAddress)
     // KDE Frameworks 6 indexes only the entries an applications menu takes in (Plasma ships
     // one); this one takes all.
     writeFile(home_.filePath(QStringLiteral("config/menus/applications.menu")),
-              "<!DOCTYPE Menu PUBLIC \"-//freedesktop//DTD Menu 1.0//EN\"\n"
-              " \"http://www.freedesktop.org/standards/menu-spec/1.0/menu.dtd\">\n"
               "<Menu><Name>Applications</Name><DefaultAppDirs/><Include><All/></Include></Menu>\n");
     writeFile(
         home_.filePath(QStringLiteral("share/applications/corvi-test-fake-input.desktop")),
