@@ -12,11 +12,13 @@
 
 #include "model/AppModel.h"
 #include "platform/Display.h"
+#include "platform/LoginItem.h"
 #include "platform/Paths.h"
 #include "shell/AgentBus.h"
 #include "shell/AppDelegate.h"
 #include "shell/InstanceLock.h"
 #include "shell/SignalRelay.h"
+#include "shell/Supervision.h"
 
 namespace {
 
@@ -122,35 +124,46 @@ int main(int argc, char** argv) {
     }
 
     // Taken before anything opens the database or the configuration.
-    corvi::InstanceLock lock(corvi::dataFolder() + QStringLiteral("/corviagent.lock"));
-    if (!lock.acquired()) return askRunningAgent(argc, argv, lock, signInServer, signInEmail);
-    if (!signInServer.isEmpty()) return signIn(argc, argv, signInServer, signInEmail, readPassword());
-    // Before anything slow: a SIGTERM while the agent starts waits for the gate.
-    corvi::SignalRelay::catchEarly({SIGTERM, SIGINT});
+    const auto mode = corvi::supervision::takeMode();
+    QString program;
+    int status = 0;
+    {
+        corvi::InstanceLock lock(corvi::dataFolder() + QStringLiteral("/corviagent.lock"));
+        if (!lock.acquired()) return askRunningAgent(argc, argv, lock, signInServer, signInEmail);
+        if (!signInServer.isEmpty()) return signIn(argc, argv, signInServer, signInEmail, readPassword());
+        // The lock goes with the exec (close-on-exec): the service's agent takes it.
+        const bool installed = corvi::platformLoginItem().installedProgram();
+        corvi::supervision::handOver(mode, installed);
+        // Before anything slow: a SIGTERM while the agent starts waits for the gate.
+        corvi::SignalRelay::catchEarly({SIGTERM, SIGINT});
 
-    QString why;
-    if (!corvi::displayReachable(&why)) {
-        std::fprintf(stderr, "corviagent: %s. The agent runs in a desktop session (X11 or Wayland).\n",
-                     why.toLocal8Bit().constData());
-        return 1;
+        QString why;
+        if (!corvi::displayReachable(&why)) {
+            std::fprintf(stderr, "corviagent: %s. The agent runs in a desktop session (X11 or Wayland).\n",
+                         why.toLocal8Bit().constData());
+            return 1;
+        }
+
+        // A quiet program with a few helper threads: one heap keeps it small, at no cost that shows.
+        mallopt(M_ARENA_MAX, 1);
+        QApplication app(argc, argv);
+        app.setApplicationName(QStringLiteral("CorviAgent"));
+        // Wayland desktops and X11 docks match windows to the menu entry (name, icon) by this ID.
+        QGuiApplication::setDesktopFileName(QStringLiteral("tech.stonefold.corvimetry.agent"));
+        // A tray agent: closing a prompt or a window never ends it.
+        app.setQuitOnLastWindowClosed(false);
+        program = QCoreApplication::applicationFilePath();
+
+        corvi::SignalRelay relay({SIGTERM, SIGINT});
+        corvi::AppDelegate delegate;
+        QObject::connect(&relay, &corvi::SignalRelay::received, &delegate,
+                         &corvi::AppDelegate::requestTermination, Qt::QueuedConnection);
+        QTimer::singleShot(0, &delegate, &corvi::AppDelegate::applicationDidFinishLaunching);
+        // What starting up needed and freed goes back to the system; the agent then runs for days.
+        QTimer::singleShot(2000, &delegate, [] { malloc_trim(0); });
+        status = app.exec();
     }
-
-    // A quiet program with a few helper threads: one heap keeps it small, at no cost that shows.
-    mallopt(M_ARENA_MAX, 1);
-    QApplication app(argc, argv);
-    app.setApplicationName(QStringLiteral("CorviAgent"));
-    // Wayland desktops and X11 docks match windows to the menu entry (name, icon) by this ID.
-    QGuiApplication::setDesktopFileName(QStringLiteral("tech.stonefold.corvimetry.agent"));
-    // A tray agent: closing a prompt or a window never ends it.
-    app.setQuitOnLastWindowClosed(false);
-
-    corvi::SignalRelay relay({SIGTERM, SIGINT});
-    corvi::AppDelegate delegate;
-    QObject::connect(&relay, &corvi::SignalRelay::received, &delegate,
-                     &corvi::AppDelegate::requestTermination, Qt::QueuedConnection);
-    QTimer::singleShot(0, &delegate, &corvi::AppDelegate::applicationDidFinishLaunching);
-    // What starting up needed and freed goes back to the system; the agent then runs for days.
-    QTimer::singleShot(2000, &delegate, [] { malloc_trim(0); });
-    app.exec();
+    // The database is closed and the lock released by now.
+    if (status == corvi::supervision::restartStatus) return corvi::supervision::restart(mode, program, argv);
     return 0;
 }

@@ -177,10 +177,13 @@ bool AppModel::save() {
 void AppModel::applyLaunchAtLogin() {
     if (!loginItem_) return;
     LoginItem& item = *loginItem_;
-    if (!item.installedProgram() || item.systemWideEntryPresent()) return;
+    if (!item.installedProgram()) return;
+    QString error;
+    if (!item.upgradeItem(error))
+        Log::line(QStringLiteral("CorviAgent: iniciar com o sistema falhou: ") + error);
+    if (item.systemWideEntryPresent()) return;
     const bool enabled = item.status() == LoginItem::Status::enabled;
     if (launchAtLogin_ == enabled) return;
-    QString error;
     const bool ok = launchAtLogin_ ? item.registerItem(error) : item.unregisterItem(error);
     if (!ok) Log::line(QStringLiteral("CorviAgent: iniciar com o sistema falhou: ") + error);
 }

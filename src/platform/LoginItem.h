@@ -20,6 +20,12 @@ class LoginItem {
     // On failure, false with a description in `error`.
     virtual bool registerItem(QString& error) = 0;
     virtual bool unregisterItem(QString& error) = 0;
+    // Brings an entry an earlier version wrote up to date, whatever the decision above; false
+    // with a description in `error` when it could not.
+    virtual bool upgradeItem(QString& error) {
+        (void)error;
+        return true;
+    }
 };
 
 // The running platform's login item (one per process).

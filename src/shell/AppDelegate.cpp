@@ -22,8 +22,10 @@
 #include "shell/AgentBus.h"
 #include "shell/PasscodePrompt.h"
 #include "shell/PermissionWindowController.h"
+#include "shell/ProgramWatch.h"
 #include "shell/SettingsPopoverController.h"
 #include "shell/StatusMenu.h"
+#include "shell/Supervision.h"
 #include "shell/Updater.h"
 #include "store/Store.h"
 #include "ui/Appearance.h"
@@ -138,9 +140,28 @@ void AppDelegate::applicationDidFinishLaunching() {
     refreshIcon();
     Log::line(QStringLiteral("CorviAgent iniciado. DB: ") + store_->path());
     publishOnBus();
+    if (model_.loginItem() && model_.loginItem()->installedProgram()) followPackage();
     // A new install is never silently unenrolled: the sign-in form shows once by itself.
     // A window of its own, centred: a popup would vanish at the first click elsewhere.
     if (!model_.configured()) settings_->present(nullptr);
+}
+
+void AppDelegate::followPackage() {
+    const QString program = QCoreApplication::applicationFilePath();
+    auto* watch = new ProgramWatch(program, this);
+    connect(watch, &ProgramWatch::replaced, this, &AppDelegate::programReplaced);
+    connect(watch, &ProgramWatch::removed, this, [program] {
+        Log::line(QStringLiteral("CorviAgent: %1 foi removido; este agente segue até o fim da sessão")
+                      .arg(program));
+    });
+}
+
+void AppDelegate::programReplaced(const QString& version) {
+    // Only an administrator can have installed it: that install was the authorization, so the
+    // gate is not asked.
+    Log::line(QStringLiteral("CorviAgent: versão %1 instalada; reiniciando").arg(version));
+    quitAuthorized_ = true;
+    QCoreApplication::exit(supervision::restartStatus);
 }
 
 void AppDelegate::modelChanged() {

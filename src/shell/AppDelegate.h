@@ -78,6 +78,9 @@ class AppDelegate : public QObject {
     bool logoutShouldTerminate(bool mayAsk);
     // Last work before exit: the open session is written once more.
     void applicationWillTerminate();
+    // A newer program was installed under the agent: it ends with supervision::restartStatus,
+    // the open session written, and the new version takes over.
+    void programReplaced(const QString& version);
 
     bool autoriza(GuardedAction action);
 
@@ -117,6 +120,7 @@ class AppDelegate : public QObject {
     void handleSample(const Sample& sample);
     void commitDataRequest(QSessionManager& manager);
     void publishOnBus();
+    void followPackage();
     void modelChanged();
 
     AgentServices services_;

@@ -173,11 +173,11 @@ void Updater::install(const AppcastItem& item) {
                 Log::line(QStringLiteral("CorviAgent atualização instalada: versão ") +
                           item.displayVersion());
                 dialog_->showMessage(
-                    p ? QStringLiteral("A versão %1 foi instalada e vale a partir da próxima vez que o "
-                                       "Corvimetry abrir.")
+                    p ? QStringLiteral("A versão %1 foi instalada. O Corvimetry reinicia com ela em "
+                                       "instantes.")
                             .arg(item.displayVersion())
                       : QStringLiteral(
-                            "Version %1 is installed and takes effect the next time Corvimetry starts.")
+                            "Version %1 is installed. Corvimetry restarts with it in a moment.")
                             .arg(item.displayVersion()));
             });
         });

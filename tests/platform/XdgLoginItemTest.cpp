@@ -17,6 +17,7 @@ class XdgLoginItemTest : public ::testing::Test {
     void SetUp() override {
         item.setProgram(QStringLiteral("/opt/Corvi Agent/bin/corvi-agent"));
         item.setSystemWideEntryPath(dir.filePath(QStringLiteral("system-wide.desktop")));
+        item.setStarter(dir.filePath(QStringLiteral("no-starter")));
     }
 
     QTemporaryDir dir;
@@ -74,6 +75,53 @@ TEST_F(XdgLoginItemTest, RegisteredEntryStartsExactlyThisProgramUntilUnregistere
     EXPECT_TRUE(item.unregisterItem(error));
     EXPECT_FALSE(QFile::exists(item.entryPath()));
     EXPECT_TRUE(item.unregisterItem(error)) << "an absent entry is no failure";
+}
+
+// An installed agent's entry runs the user service's starter; an entry of an earlier version,
+// which started the program itself, is made to run it once, keeping what the person chose.
+TEST_F(XdgLoginItemTest, AnInstalledAgentsEntryRunsTheStarter) {
+    const QString starter = dir.filePath(QStringLiteral("libexec/start"));
+    ASSERT_TRUE(test::writeFile(starter, "#!/bin/sh\n"));
+    QFile::setPermissions(starter, QFile::ReadOwner | QFile::ExeOwner);
+    item.setStarter(starter);
+    item.forceInstalled(true);
+    QString error;
+    ASSERT_TRUE(item.registerItem(error)) << error.toStdString();
+    const QByteArray written = test::readFile(item.entryPath());
+    EXPECT_TRUE(written.contains("\nExec=\"" + starter.toUtf8() + "\"\nTryExec=" + starter.toUtf8() + "\n"))
+        << written.toStdString();
+    EXPECT_EQ(item.status(), Status::enabled);
+
+    const QByteArray old = "Exec=\"/opt/Corvi Agent/bin/corvi-agent\"";
+    struct Case {
+        const char* row;
+        QByteArray entry;
+        QByteArray upgraded;  // empty: left as it was
+    };
+    const Case cases[] = {
+        {"an earlier version's, switched off by the person",
+         "[Desktop Entry]\nName=CorviAgent\n" + old +
+             "\nTryExec=/gone\nX-GNOME-Autostart-enabled=false\n"
+             "[Desktop Action x]\n" +
+             old + "\n",
+         "[Desktop Entry]\nName=CorviAgent\nExec=\"" + starter.toUtf8() + "\"\nTryExec=" + starter.toUtf8() +
+             "\nX-GNOME-Autostart-enabled=false\n[Desktop Action x]\n" + old + "\n"},
+        {"already the starter's", written, {}},
+        {"another program's", "[Desktop Entry]\nExec=/usr/bin/other\n", {}},
+    };
+    for (const Case& c : cases) {
+        ASSERT_TRUE(test::writeFile(item.entryPath(), c.entry));
+        EXPECT_TRUE(item.upgradeItem(error)) << c.row;
+        EXPECT_EQ(test::readFile(item.entryPath()), c.upgraded.isEmpty() ? c.entry : c.upgraded) << c.row;
+    }
+    // A development build, or no starter installed: the entry starts the program itself.
+    item.forceInstalled(false);
+    ASSERT_TRUE(test::writeFile(item.entryPath(), "[Desktop Entry]\n" + old + "\n"));
+    EXPECT_TRUE(item.upgradeItem(error));
+    EXPECT_EQ(item.status(), Status::enabled);
+    QFile::remove(item.entryPath());
+    EXPECT_TRUE(item.upgradeItem(error));
+    EXPECT_FALSE(QFile::exists(item.entryPath())) << "an upgrade never creates an entry";
 }
 
 TEST_F(XdgLoginItemTest, FailuresDescribeThemselves) {

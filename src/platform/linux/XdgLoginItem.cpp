@@ -5,6 +5,8 @@
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include "BuildConfig.h"
+
 namespace corvi {
 namespace {
 
@@ -61,7 +63,13 @@ LoginItem& platformLoginItem() {
     return item;
 }
 
-XdgLoginItem::XdgLoginItem() : program_(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath()) {}
+XdgLoginItem::XdgLoginItem()
+    : program_(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath()),
+      starter_(QString::fromUtf8(build::startProgram)) {}
+
+QString XdgLoginItem::launcher() const {
+    return installedProgram() && QFileInfo(starter_).isExecutable() ? starter_ : program_;
+}
 
 QString XdgLoginItem::entryPath() const {
     return configHome() + QStringLiteral("/autostart/") + QString::fromLatin1(entryName);
@@ -80,13 +88,50 @@ LoginItem::Status XdgLoginItem::status() const {
     QFile file(entryPath());
     if (!file.open(QIODevice::ReadOnly)) return Status::notRegistered;
     const QHash<QString, QString> keys = desktopEntry(file.read(64 * 1024));
-    const bool ours = programOfExec(keys.value(QStringLiteral("Exec"))) == program_;
+    const bool ours = programOfExec(keys.value(QStringLiteral("Exec"))) == launcher();
     const bool hidden = keys.value(QStringLiteral("Hidden")) == u"true";
     const bool disabled = keys.value(QStringLiteral("X-GNOME-Autostart-enabled")) == u"false";
     return ours && !hidden && !disabled ? Status::enabled : Status::notRegistered;
 }
 
 bool XdgLoginItem::registerItem(QString& error) {
+    // TryExec: once the package is removed, the desktop skips the entry instead of failing it.
+    const QString text = QStringLiteral(
+                             "[Desktop Entry]\n"
+                             "Type=Application\n"
+                             "Name=CorviAgent\n"
+                             "Exec=%1\n"
+                             "TryExec=%2\n"
+                             "NoDisplay=true\n"
+                             "X-GNOME-Autostart-enabled=true\n")
+                             .arg(execFor(launcher()), tryExecFor(launcher()));
+    return write(text, error);
+}
+
+bool XdgLoginItem::upgradeItem(QString& error) {
+    const QString target = launcher();
+    if (target == program_) return true;
+    QFile file(entryPath());
+    if (!file.open(QIODevice::ReadOnly)) return true;
+    const QByteArray text = file.read(64 * 1024);
+    if (programOfExec(desktopEntry(text).value(QStringLiteral("Exec"))) != program_) return true;
+    QStringList lines;
+    bool inGroup = false;
+    for (const QString& line : QString::fromUtf8(text).split(u'\n')) {
+        const QString key = line.section(u'=', 0, 0).trimmed();
+        if (line.trimmed().startsWith(u'[')) inGroup = line.trimmed() == u"[Desktop Entry]";
+        if (inGroup && line.contains(u'=') && key == u"TryExec") continue;
+        if (inGroup && line.contains(u'=') && key == u"Exec") {
+            lines << QStringLiteral("Exec=") + execFor(target)
+                  << QStringLiteral("TryExec=") + tryExecFor(target);
+            continue;
+        }
+        lines << line;
+    }
+    return write(lines.join(u'\n'), error);
+}
+
+bool XdgLoginItem::write(const QString& text, QString& error) const {
     const QString path = entryPath();
     const QString folder = QFileInfo(path).absolutePath();
     if (!QDir().mkpath(folder)) {
@@ -98,14 +143,6 @@ bool XdgLoginItem::registerItem(QString& error) {
         error = path + QStringLiteral(": ") + file.errorString();
         return false;
     }
-    const QString text = QStringLiteral(
-                             "[Desktop Entry]\n"
-                             "Type=Application\n"
-                             "Name=CorviAgent\n"
-                             "Exec=%1\n"
-                             "NoDisplay=true\n"
-                             "X-GNOME-Autostart-enabled=true\n")
-                             .arg(execFor(program_));
     file.write(text.toUtf8());
     if (!file.commit()) {
         error = path + QStringLiteral(": ") + file.errorString();
@@ -132,6 +169,11 @@ QString XdgLoginItem::execFor(const QString& program) {
     }
     quoted = u'"' + quoted + u'"';
     return quoted.replace(u'\\', QStringLiteral("\\\\"));
+}
+
+// A plain string value: only the backslash needs escaping.
+QString XdgLoginItem::tryExecFor(const QString& program) {
+    return QString(program).replace(u'\\', QStringLiteral("\\\\"));
 }
 
 QString XdgLoginItem::programOfExec(const QString& exec) {
