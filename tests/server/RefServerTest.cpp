@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -241,6 +243,46 @@ TEST_F(RefServerTest, AgentSignsInEnrollsAndDrainsABacklog) {
     EXPECT_EQ(copy->idleAtEnd, grown.idleAtEnd);
     EXPECT_EQ(copy->samples, 40);
     EXPECT_EQ(copy->windowTitle, QString::fromUtf8("poster été \"final\".xcf"));
+}
+
+// The updates folder as a feed per release and an apt repository are served from it: files
+// in sub-folders, and nothing outside it or hidden.
+TEST_F(RefServerTest, ServesTheUpdatesFolderAndNothingElse) {
+    const QString updates = dir.filePath("updates");
+    ASSERT_TRUE(QDir().mkpath(updates + "/deb13/.hidden") && QDir().mkpath(updates + "/apt/dists/trixie"));
+    const auto put = [](const QString& path, const QByteArray& body) {
+        QFile f(path);
+        return f.open(QIODevice::WriteOnly) && f.write(body) == body.size();
+    };
+    ASSERT_TRUE(put(updates + "/deb13/appcast.xml", "<rss/>") &&
+                put(updates + "/apt/dists/trixie/InRelease", "r") &&
+                put(updates + "/deb13/.hidden/key", "k") && put(dir.filePath("secret"), "s"));
+    ASSERT_TRUE(QFile::link(dir.filePath("secret"), updates + "/deb13/link"));
+    server.reset();
+    ServerOptions o;
+    o.dbPath = dir.filePath("server.sqlite");
+    o.updatesDir = updates;
+    server = std::make_unique<RefServer>(o);
+    ASSERT_NE(server->listen(QHostAddress::LocalHost, 0), 0);
+    const struct {
+        const char* path;
+        int status;
+        QByteArray body;
+    } cases[] = {
+        {"/updates/deb13/appcast.xml", 200, "<rss/>"},
+        {"/updates/apt/dists/trixie/InRelease", 200, "r"},
+        {"/updates/deb13/.hidden/key", 404, {}},
+        {"/updates/deb13/../../secret", 404, {}},
+        {"/updates/deb13/%2e%2e/%2e%2e/secret", 404, {}},
+        {"/updates/deb13/link", 404, {}},
+        {"/updates/deb13", 404, {}},
+        {"/updates/deb13//appcast.xml", 404, {}},
+    };
+    for (const auto& c : cases) {
+        const HttpResult r = call(c.path);
+        EXPECT_EQ(r.status, c.status) << c.path;
+        EXPECT_EQ(r.status == 200 ? r.body : QByteArray(), c.body) << c.path;
+    }
 }
 
 TEST(ServerOptionsTest, UserFlagsAndArguments) {

@@ -61,7 +61,8 @@ RefServer::RefServer(const ServerOptions& options, QObject* parent)
     http_->route("/v1/ingest", Method::Post, [this](const QHttpServerRequest& r) { return ingest(r); });
     http_->route("/", Method::Get, [this] { return dashboard(); });
     if (!options_.updatesDir.isEmpty())
-        http_->route("/updates/<arg>", Method::Get, [this](const QString& name) { return updateFile(name); });
+        http_->route("/updates/<arg>", Method::Get,
+                     [this](const QUrl& path) { return updateFile(path.path()); });
 }
 
 RefServer::~RefServer() = default;
@@ -183,15 +184,20 @@ QHttpServerResponse RefServer::ingest(const QHttpServerRequest& request) {
 }
 
 QHttpServerResponse RefServer::updateFile(const QString& name) {
-    // One plain file name straight inside the folder: nothing above it, nothing hidden.
+    // A file inside the folder, in sub-folders too (a feed per release, an apt repository):
+    // nothing above it, nothing hidden.
     const QDir dir(options_.updatesDir);
     const QFileInfo file(dir.filePath(name));
-    if (name.isEmpty() || name.startsWith(u'.') || name.contains(u'/') || name.contains(u'\\') ||
-        !file.isFile() || file.canonicalPath() != dir.canonicalPath())
+    const QStringList parts = name.split(u'/');
+    const bool plain = std::all_of(parts.begin(), parts.end(), [](const QString& part) {
+        return !part.isEmpty() && !part.startsWith(u'.') && !part.contains(u'\\');
+    });
+    if (!plain || !file.isFile() || !file.canonicalFilePath().startsWith(dir.canonicalPath() + u'/'))
         return QHttpServerResponse(Status::NotFound);
     QFile f(file.filePath());
     if (!f.open(QIODevice::ReadOnly)) return QHttpServerResponse(Status::NotFound);
-    const QByteArray type = name == u"appcast.xml" ? "application/rss+xml" : "application/octet-stream";
+    const QByteArray type =
+        file.fileName() == u"appcast.xml" ? "application/rss+xml" : "application/octet-stream";
     return QHttpServerResponse(type, f.readAll());
 }
 
