@@ -1,10 +1,13 @@
 #include "ui/UpdateDialog.h"
 
+#include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
+#include <QScreen>
 #include <QTextBrowser>
 #include <QVBoxLayout>
+#include <algorithm>
 
 namespace corvi {
 
@@ -97,7 +100,21 @@ void UpdateDialog::showButtons(bool offer, bool ok, bool later) {
     skip_->setVisible(offer);
     later_->setVisible(later);
     ok_->setVisible(ok);
+    // Each step changes the size: the window keeps its centre (the screen's at first), so it
+    // never grows past the screen's edge with its title bar out of reach.
+    const bool shown = isVisible();
+    const QPoint centre = frameGeometry().center();
     adjustSize();
+    const QScreen* screen = shown ? this->screen() : QGuiApplication::primaryScreen();
+    if (!screen) return;
+    const QRect area = screen->availableGeometry();
+    QRect frame = frameGeometry();
+    frame.moveCenter(shown ? centre : area.center());
+    frame.moveRight(std::min(frame.right(), area.right()));
+    frame.moveBottom(std::min(frame.bottom(), area.bottom()));
+    frame.moveLeft(std::max(frame.left(), area.left()));
+    frame.moveTop(std::max(frame.top(), area.top()));
+    move(frame.topLeft());
 }
 
 }  // namespace corvi

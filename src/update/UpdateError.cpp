@@ -50,7 +50,8 @@ QString UpdateError::text(bool pt) const {
 }
 
 QString UpdateError::logLine() const {
-    return QStringLiteral("CorviAgent atualização falhou: ") + text(true);
+    // PackageKit's details span lines; a log entry is one.
+    return QStringLiteral("CorviAgent atualização falhou: ") + text(true).simplified();
 }
 
 }  // namespace corvi
