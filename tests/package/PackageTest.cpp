@@ -13,6 +13,7 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <cstring>
+#include <functional>
 #include <numeric>
 
 #include "support/ChildProcess.h"
@@ -115,8 +116,9 @@ TEST_F(Packages, HoldWhatAnInstalledAgentNeeds) {
     EXPECT_TRUE(QFile::exists(file(entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec"))))
         << "the autostart entry starts a program the package does not hold";
     EXPECT_EQ(run("dpkg-deb", {"-f", package("corviagent"), "Version"}).out.trimmed(), packageVersion);
+    // No upper bound: the agent's own updates replace corviagent alone.
     EXPECT_EQ(run("dpkg-deb", {"-f", package("corviagent-autostart"), "Depends"}).out.trimmed(),
-              "corviagent (>= " + packageVersion + "), corviagent (<< " + packageVersion + ".1~)");
+              "corviagent (>= " + packageVersion + ")");
 }
 
 TEST_F(Packages, LintianFindsNoErrors) {
@@ -241,17 +243,38 @@ class PackagedService : public Packages {
 
     void TearDown() override {
         if (manager.state() != QProcess::NotRunning) {
-            run("systemctl", {"--user", "kill", "--signal=SIGKILL", "corviagent.service"}, ctl);
-            run("systemctl", {"--user", "stop", "corviagent.service"}, ctl);
+            down();
             test::stop(manager);
         }
         if (::geteuid() == 0) run("sh", {"-c", managerScript, "sh", cgroup, root->path(), "clean"});
     }
 
     // What the desktop does at login: run the autostart entry's program.
-    int login() {
-        const QString exec = entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec");
-        return run("nsenter", {"-t", QString::number(manager.processId()), "-m", "--", exec}, session).status;
+    int login() { return start(entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec")); }
+    // An Exec= line run as the desktop runs it, in the session, where the packages are installed.
+    int start(const QString& exec) {
+        return run("nsenter", {"-t", QString::number(manager.processId()), "-m", "--", "sh", "-c", exec},
+                   session)
+            .status;
+    }
+    // The agent is down and the service will not bring it back by itself.
+    void down() {
+        run("systemctl", {"--user", "kill", "--signal=SIGKILL", "corviagent.service"}, ctl);
+        run("systemctl", {"--user", "stop", "corviagent.service"}, ctl);
+    }
+    // The service runs the installed program, and brings it back from a kill.
+    ::testing::AssertionResult supervised() {
+        QString pid;
+        if (!waitFor([&] { return (pid = show("MainPID")) != "0" && show("ActiveState") == "active"; },
+                     10000))
+            return ::testing::AssertionFailure() << "the service runs no agent\n" << status();
+        const QString exe = QFile::symLinkTarget("/proc/" + pid + "/exe");
+        if (exe != "/usr/bin/corviagent")
+            return ::testing::AssertionFailure() << "the service runs " << exe.toStdString();
+        ::kill(pid.toInt(), SIGKILL);
+        if (!waitFor([&] { return show("MainPID") != "0" && show("MainPID") != pid; }, 10000))
+            return ::testing::AssertionFailure() << "a killed agent stayed down\n" << status();
+        return ::testing::AssertionSuccess();
     }
     QString show(const QString& property) {
         return run("systemctl", {"--user", "show", "-P", property, "corviagent.service"}, ctl).out.trimmed();
@@ -343,7 +366,49 @@ TEST_F(PackagedService, KilledAgentComesBackOnItsDatabaseAndAGrantedQuitStaysQui
     EXPECT_EQ(run("systemctl", {"--user", "stop", "corviagent.service"}, ctl).status, 0);
     EXPECT_LT(stop.elapsed(), 15000) << "a stop waits for the quit prompt";
     // Killed after the timeout, the unit is "failed"; the starter resets that at the next login.
+    test::settle(4000);  // past RestartSec
     EXPECT_TRUE(QStringList({"inactive", "failed"}).contains(show("ActiveState"))) << status();
+}
+
+// However the agent is started, the user service runs it: the autostart entries, the menu, a
+// terminal. A user entry of an earlier version, which started the program itself and shadows
+// the machine-wide entry of the same name, is made to run the starter.
+TEST_F(PackagedService, EveryStartIsSupervised) {
+    // The user wants to start at login; without the machine-wide entry (not installed here) the
+    // agent keeps the user's entry.
+    const QString config = dir.filePath("data/CorviAgent/config.json");
+    ASSERT_TRUE(test::writeFile(
+        config, test::readFile(config).replace("\"launch_at_login\": false", "\"launch_at_login\": true")));
+    const QString userEntry = dir.filePath("config/autostart/" + appID + ".desktop");
+    const QString starter = "/usr/libexec/corviagent/start";
+    ASSERT_TRUE(test::writeFile(userEntry,
+                                "[Desktop Entry]\nType=Application\nName=CorviAgent\n"
+                                "Exec=\"/usr/bin/corviagent\"\nX-GNOME-Autostart-enabled=true\n"));
+    const auto userExec = [&] {
+        return QRegularExpression("^Exec=(.*)$", QRegularExpression::MultilineOption)
+            .match(QString::fromUtf8(test::readFile(userEntry)))
+            .captured(1);
+    };
+    struct Case {
+        const char* row;
+        std::function<QString()> exec;
+    };
+    const Case cases[] = {
+        {"the user's entry of an earlier version", userExec},
+        {"the user's entry, rewritten", userExec},
+        {"the machine-wide autostart entry",
+         [&] { return entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec"); }},
+        {"the application menu",
+         [&] { return entry("/usr/share/applications/" + appID + ".desktop", "Exec"); }},
+        {"a terminal", [] { return QString("corviagent"); }},
+    };
+    for (const Case& c : cases) {
+        down();
+        EXPECT_EQ(start(c.exec()), 0) << c.row;
+        EXPECT_TRUE(supervised()) << c.row;
+    }
+    EXPECT_EQ(userExec(), "\"" + starter + "\"") << "the earlier entry was not rewritten";
+    EXPECT_TRUE(test::readFile(userEntry).contains("\nTryExec=" + starter.toUtf8() + "\n"));
 }
 
 }  // namespace

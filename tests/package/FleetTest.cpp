@@ -1,0 +1,323 @@
+// A machine of a fleet, for real, in a throwaway copy of this one: the agent installed from
+// the vendor's signed apt repository and upgraded with apt; installed from a package, found a
+// newer version in its HTTPS feed, installed it through PackageKit (or said why not) and came
+// back as that version; then removed and purged. The vendor's server answers as corvimetry.com
+// inside the copy, with a certificate the copy trusts.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <QDir>
+#include <QRegularExpression>
+#include <functional>
+
+#include "Machine.h"
+#include "support/ChildProcess.h"
+#include "support/EventLoop.h"
+
+namespace corvi {
+namespace {
+
+using test::Machine;
+using test::waitFor;
+
+const QString version = CORVI_VERSION, next = CORVI_NEXT_VERSION, tag = CORVI_RELEASE_TAG;
+const QString packages = CORVI_PACKAGES;
+const QString feed = "/srv/updates/linux";
+
+QString deb(const QString& name, const QString& v) {
+    const QString folder = v == version ? packages : packages + "/next";
+    const QStringList found = QDir(folder).entryList({name + "_" + v + "~" + tag + "_*.deb"}, QDir::Files);
+    return found.size() == 1 ? folder + "/" + found.first() : QString();
+}
+
+// What the vendor does once: a TLS certificate for corvimetry.com that the machine trusts, an
+// OpenPGP key for the apt repository, and the reference server serving /srv/updates.
+const char* const vendor = R"(set -e
+mkdir -p /root/tls /srv/updates && cd /root/tls
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ca.key -out ca.crt \
+  -days 2 -subj /CN=Corvi-Test-CA 2>/dev/null
+openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout tls.key -out tls.csr \
+  -subj /CN=corvimetry.com 2>/dev/null
+printf 'subjectAltName=DNS:corvimetry.com\nbasicConstraints=CA:FALSE\n' > ext
+openssl x509 -req -in tls.csr -CA ca.crt -CAkey ca.key -CAcreateserial -out tls.crt -days 2 -extfile ext 2>/dev/null
+cp ca.crt /usr/local/share/ca-certificates/corvi-test.crt && update-ca-certificates >/dev/null 2>&1
+echo '127.0.0.1 corvimetry.com' >> /etc/hosts
+export GNUPGHOME=/root/gnupg && mkdir -m 0700 $GNUPGHOME
+gpg --batch --passphrase '' --quick-gen-key 'Corvimetry Archive (test) <archive@corvimetry.invalid>' ed25519 sign never 2>/dev/null
+gpg --batch --export-secret-keys --armor > /root/apt-key.asc
+# The copy is offline: only the vendor's repository is reachable.
+rm -f /etc/apt/sources.list /etc/apt/sources.list.d/*
+)";
+
+class Fleet : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "a throwaway machine needs root (namespaces, mounts)";
+        ASSERT_FALSE(deb("corviagent", version).isEmpty() || deb("corviagent", next).isEmpty())
+            << "the package tests' packages are missing from " << packages.toStdString();
+    }
+    void TearDown() override {
+        if (server.state() != QProcess::NotRunning) server.kill();
+        server.waitForFinished(5000);
+    }
+
+    void start(const QStringList& options) {
+        machine = std::make_unique<Machine>(options);
+        ASSERT_TRUE(machine->ok()) << machine->error().toStdString();
+        const Machine::Run v = root(vendor);
+        ASSERT_EQ(v.status, 0) << v.out.toStdString();
+        machine->spawn(server, QString(CORVI_SERVER_BIN) +
+                                   " --port 443 --db /root/server.sqlite --updates /srv/updates"
+                                   " --tls-cert /root/tls/tls.crt --tls-key /root/tls/tls.key"
+                                   " --user demo@corvi.local:demo:Demo --passcode 4321");
+        QString said;
+        ASSERT_TRUE(waitFor(
+            [&] { return (said += QString::fromUtf8(server.readAll())).contains("listening"); }, 20000))
+            << "the server did not start: " << said.toStdString();
+    }
+    Machine::Run root(const QString& script) const { return machine->sh(script); }
+    Machine::Run user(const QString& script) const { return machine->sh(script, true); }
+    // Publishes packages as the vendor's release script does: the feed, and with apt the repository.
+    void publish(const QString& v, const QStringList& debs, bool apt) {
+        const Machine::Run r = root(QString(CORVI_RELEASE) + " " + v + " " + debs.join(' ') + " " + packages +
+                                    "/update-key.pem --base https://corvimetry.com/updates/linux --updates " +
+                                    feed + (apt ? " --apt-key /root/apt-key.asc" : ""));
+        ASSERT_EQ(r.status, 0) << r.out.toStdString();
+    }
+    QString installed() const {
+        return root("dpkg-query -W -f '${Version} ${db:Status-Status}' corviagent 2>/dev/null").out.trimmed();
+    }
+
+    std::unique_ptr<Machine> machine;
+    QProcess server;
+};
+
+// An administrator's day one and each release after: three lines, then apt (as unattended-upgrades
+// runs it). Removal keeps everything of the users'; purge takes everything of the package's.
+TEST_F(Fleet, InstallsFromTheAptRepositoryUpgradesRemovesAndPurges) {
+    ASSERT_NO_FATAL_FAILURE(start({}));
+    ASSERT_NO_FATAL_FAILURE(
+        publish(version, {deb("corviagent", version), deb("corviagent-autostart", version)}, true));
+
+    const Machine::Run dayOne = root(R"(set -e
+wget -qO /usr/share/keyrings/corvimetry-archive-keyring.gpg https://corvimetry.com/updates/linux/apt/corvimetry-archive-keyring.gpg
+echo "deb [signed-by=/usr/share/keyrings/corvimetry-archive-keyring.gpg] https://corvimetry.com/updates/linux/apt $(. /etc/os-release && echo "$VERSION_CODENAME") main" > /etc/apt/sources.list.d/corvimetry.list
+apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q corviagent corviagent-autostart)");
+    ASSERT_EQ(dayOne.status, 0) << dayOne.out.toStdString();
+    EXPECT_EQ(installed(), version + "~" + tag + " installed");
+
+    // A user's data, settings and own autostart entry, which neither removal may touch.
+    const QString mine =
+        ".local/share/CorviAgent/config.json .local/share/CorviAgent/corvi.sqlite "
+        ".config/CorviAgent/CorviAgent.conf .config/autostart/tech.stonefold.corvimetry.agent.desktop";
+    ASSERT_EQ(user("set -e; cd; for f in " + mine + "; do mkdir -p $(dirname $f); echo $f > $f; done").status,
+              0);
+    const QString userFiles = "cd; for f in " + mine + "; do cat $f; done | md5sum";
+    const QString before = user(userFiles).out;
+
+    ASSERT_NO_FATAL_FAILURE(
+        publish(next, {deb("corviagent", next), deb("corviagent-autostart", next)}, true));
+    const Machine::Run upgrade =
+        root("apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get upgrade -y -q");
+    ASSERT_EQ(upgrade.status, 0) << upgrade.out.toStdString();
+    EXPECT_EQ(installed(), next + "~" + tag + " installed");
+
+    // A tampered index is refused, and the installed version stays.
+    const Machine::Run tampered = root(
+        "sed -i 's/^Label: Corvimetry/Label: Evil/' /srv/updates/linux/apt/dists/*/InRelease && apt-get "
+        "update -q");
+    // apt goes on with the index it had, and says why.
+    EXPECT_TRUE(tampered.out.contains(
+        QRegularExpression("signature|not signed", QRegularExpression::CaseInsensitiveOption)))
+        << tampered.out.toStdString();
+    EXPECT_EQ(root("apt-cache policy corviagent | sed -n 's/ *Candidate: //p'").out.trimmed(),
+              next + "~" + tag);
+
+    const QString agentFiles =
+        "/usr/bin/corviagent /usr/libexec/corviagent/start /usr/lib/systemd/user/corviagent.service "
+        "/usr/share/applications/tech.stonefold.corvimetry.agent.desktop "
+        "/usr/share/polkit-1/actions/tech.stonefold.corvimetry.policy";
+    const QString machineWide = "/etc/xdg/autostart/tech.stonefold.corvimetry.agent.desktop";
+    ASSERT_EQ(
+        root("DEBIAN_FRONTEND=noninteractive apt-get remove -y -q corviagent corviagent-autostart").status,
+        0);
+    EXPECT_EQ(root("for f in " + agentFiles + "; do [ -e $f ] && echo $f; done; true").out, "")
+        << "removal left program files";
+    EXPECT_EQ(root("test -e " + machineWide).status, 0) << "removal took the administrator's configuration";
+    EXPECT_EQ(user(userFiles).out, before) << "removal touched a user's files";
+
+    ASSERT_EQ(
+        root("DEBIAN_FRONTEND=noninteractive apt-get purge -y -q corviagent corviagent-autostart").status, 0);
+    EXPECT_NE(root("test -e " + machineWide).status, 0) << "purge left the machine-wide autostart entry";
+    EXPECT_EQ(root("dpkg -l 'corviagent*' 2>/dev/null | grep -c '^.[^n]'").out.trimmed(), "0");
+    EXPECT_EQ(user(userFiles).out, before) << "purge touched a user's files";
+}
+
+// The user's desktop inside the machine: Xvfb with openbox, a tray and a window in front (no
+// shell in it, whose prompt would retitle it).
+const char* const desktop = R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp & sleep 1
+export DISPLAY=:7
+openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request & xterm -T poster.psd -e sleep infinity & wait)";
+const QString x = "export DISPLAY=:7 XDG_SESSION_TYPE=x11; ";
+const QString dialog = "^(Atualização do Corvimetry|Corvimetry update)$";
+
+// What the update path must survive, each with what the log must say; the installed version
+// and the running agent stay as they were.
+struct Refusal {
+    const char* row;
+    QString prepare;  // run as root before the agent looks: the package offered, polkit's answer
+    QString said;     // a regular expression the log line must match
+};
+
+class Update : public Fleet {
+  protected:
+    // The menu's "New version" item (the one above Quit), then Install in the window it opens.
+    ::testing::AssertionResult chooseAndInstall() {
+        const QString tray = user(x + "xdotool search --onlyvisible --class trayer | head -n1").out.trimmed();
+        if (tray.isEmpty()) return ::testing::AssertionFailure() << "no tray";
+        user(x + "xdotool mousemove --window " + tray + " 12 13 click 1; sleep 1; xdotool key Up Up Return");
+        QString window;
+        if (!waitFor(
+                [&] {
+                    return !(window = user(x + "xdotool search --onlyvisible --name '" + dialog + "'")
+                                          .out.trimmed())
+                                .isEmpty();
+                },
+                10000))
+            return ::testing::AssertionFailure() << "the menu offered no update";
+        user(x + "sleep 1; xdotool windowactivate --sync " + window + " key Return");
+        return ::testing::AssertionSuccess();
+    }
+    // The next check is due at once, as at a first launch.
+    void forgetLastCheck() {
+        user("sed -i '/^LastCheck=/d' ~/.config/CorviAgent/CorviAgent.conf 2>/dev/null; true");
+    }
+    bool checked() { return user("grep -q '^LastCheck=' ~/.config/CorviAgent/CorviAgent.conf").status == 0; }
+    QString service(const QString& property) {
+        return user("systemctl --user show -P " + property + " corviagent.service").out.trimmed();
+    }
+    QString sessions() {
+        return user(
+                   "python3 -c 'import sqlite3, os; db = "
+                   "sqlite3.connect(os.path.expanduser(\"~/.local/share/CorviAgent/corvi.sqlite\"));"
+                   " print(\" \".join(\"%d:%d\" % r for r in db.execute(\"SELECT id, samples FROM sessions "
+                   "ORDER BY id\")))'")
+            .out.trimmed();
+    }
+};
+
+TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
+    ASSERT_NO_FATAL_FAILURE(start({"-m"}));
+    const Machine::Run install =
+        root("DEBIAN_FRONTEND=noninteractive apt-get install -y -q " + deb("corviagent", version) + " " +
+             deb("corviagent-autostart", version));
+    ASSERT_EQ(install.status, 0) << install.out.toStdString();
+    const Machine::Run signIn =
+        user("echo demo | corviagent --sign-in https://corvimetry.com demo@corvi.local");
+    ASSERT_EQ(signIn.status, 0) << signIn.out.toStdString();
+    QProcess screen;
+    machine->spawn(screen, desktop, true);
+    ASSERT_TRUE(waitFor(
+        [&] { return user(x + "xdotool search --onlyvisible --name '^poster.psd$'").status == 0; }, 15000));
+
+    const QString nextDeb = deb("corviagent", next);
+    // repack: the next version unpacked to /root/r; rebuild: packed again for the feed; rule:
+    // polkit's answer to the user's PackageKit actions (logged, then the given statement).
+    const QString tools =
+        "set -e\nrepack() { rm -rf /root/r /srv/updates/linux; dpkg-deb -R " + nextDeb +
+        " /root/r; }\nrebuild() { dpkg-deb -b /root/r /root/corviagent_" + next + "~" + tag +
+        "_$(sed -n 's/^Architecture: //p' /root/r/DEBIAN/control).deb >/dev/null; }\n"
+        "rule() { cat > /etc/polkit-1/rules.d/10-machine.rules <<EOF\n"
+        "polkit.addRule(function(action, subject) {\n"
+        "  if (action.id.indexOf('org.freedesktop.packagekit.') == 0 && subject.user == 'studio') {\n"
+        "    polkit.log('machine-rule: ' + action.id + ' -> $1'); $2\n  }\n});\nEOF\nsleep 1; }\n";
+    const Refusal refusals[] = {
+        {"the administrator refuses", "repack; rebuild; rule no 'return polkit.Result.NO;'",
+         "Failed to obtain authentication"},
+        {"another architecture",
+         "repack; sed -i 's/^Architecture: .*/Architecture: arm64/' /root/r/DEBIAN/control; rebuild",
+         "not installable|architecture"},
+        {"a dependency nobody has",
+         "repack; sed -i 's/^Depends: .*/&, corvi-no-such-package (>= 1)/' /root/r/DEBIAN/control; rebuild",
+         "corvi-no-such-package"},
+        {"PackageKit dies while it works",
+         "repack; rebuild; rule slow 'polkit.spawn([\"/bin/sleep\", \"5\"]); return polkit.Result.YES;'",
+         "PackageKit stopped"},
+    };
+    for (const Refusal& r : refusals) {
+        const Machine::Run prepared = root(tools + r.prepare);
+        ASSERT_EQ(prepared.status, 0) << r.row << ": " << prepared.out.toStdString();
+        ASSERT_NO_FATAL_FAILURE(publish(next, {"/root/corviagent_" + next + "~" + tag + "_*.deb"}, false));
+        root("rm -f /root/corviagent_*.deb");
+        forgetLastCheck();
+        QProcess agent;
+        machine->spawn(agent, x + "CORVI_SUPERVISED=none CORVI_LOG_STDERR=1 exec corviagent", true);
+        ASSERT_TRUE(waitFor([&] { return checked(); }, 15000)) << r.row << ": no check\n"
+                                                               << agent.readAll().toStdString();
+        test::settle(3000);
+        ASSERT_TRUE(chooseAndInstall()) << r.row;
+        if (QString(r.row).startsWith("PackageKit dies")) {
+            EXPECT_TRUE(waitFor(
+                [&] { return root("grep -q -- '-> slow' /run/machine/polkitd.log").status == 0; }, 20000));
+            root("pkill -KILL -x packagekitd");
+        }
+        QString log;
+        EXPECT_TRUE(waitFor(
+            [&] {
+                return (log += QString::fromUtf8(agent.readAll()))
+                    .contains(QRegularExpression("CorviAgent atualização falhou: [^\\n]*(" + r.said + ")"));
+            },
+            60000))
+            << r.row << ": the log says\n"
+            << log.toStdString();
+        EXPECT_EQ(installed(), version + "~" + tag + " installed") << r.row;
+        EXPECT_EQ(root("pgrep -x corviagent >/dev/null").status, 0) << r.row << ": the agent ended";
+        root(tools + "pkill -KILL -x corviagent || true; rule yes 'return polkit.Result.YES;'");
+        agent.waitForFinished(5000);
+    }
+
+    // The real next version, and an agent started as at login, under the user's service.
+    root("rm -rf /srv/updates/linux");
+    ASSERT_NO_FATAL_FAILURE(publish(next, {nextDeb}, false));
+    forgetLastCheck();
+    ASSERT_EQ(user(x + "/usr/libexec/corviagent/start").status, 0);
+    QString pid;
+    ASSERT_TRUE(
+        waitFor([&] { return (pid = service("MainPID")) != "0" && !pid.isEmpty() && checked(); }, 15000))
+        << user("systemctl --user status corviagent.service").out.toStdString();
+    ASSERT_TRUE(waitFor([&] { return !sessions().isEmpty(); }, 15000)) << "the agent stores nothing";
+    test::settle(2000);
+    const QString before = sessions();
+    ASSERT_TRUE(chooseAndInstall());
+    QString now;
+    EXPECT_TRUE(waitFor([&] { return installed() == next + "~" + tag + " installed"; }, 90000))
+        << installed().toStdString();
+    EXPECT_TRUE(
+        waitFor([&] { return (now = service("MainPID")) != "0" && now != pid && !now.isEmpty(); }, 20000))
+        << "the agent did not come back\n"
+        << user("systemctl --user status corviagent.service").out.toStdString();
+    EXPECT_EQ(root("readlink /proc/" + now + "/exe").out.trimmed(), "/usr/bin/corviagent");
+    EXPECT_EQ(root("/usr/bin/corviagent --version").out.trimmed().section(' ', 1, 1), next);
+    EXPECT_EQ(user(x + "xdotool search --onlyvisible --name '^Senha do Corvimetry$'").out, "")
+        << "the quit gate asked";
+    // Every session kept, none shortened, on the same database.
+    EXPECT_TRUE(waitFor([&] { return sessions() != before; }, 15000)) << "the new version stores nothing";
+    const QString after = sessions();
+    for (const QString& row : before.split(' ', Qt::SkipEmptyParts)) {
+        const QString id = row.section(':', 0, 0);
+        const auto match = QRegularExpression("(^| )" + id + ":(\\d+)").match(after);
+        EXPECT_TRUE(match.hasMatch() && match.captured(2).toInt() >= row.section(':', 1).toInt())
+            << "session " << id.toStdString() << " lost: " << after.toStdString();
+    }
+
+    // Removing the package stops nobody's agent: it goes on until the session ends.
+    ASSERT_EQ(
+        root("DEBIAN_FRONTEND=noninteractive apt-get remove -y -q corviagent-autostart corviagent").status,
+        0);
+    test::settle(5000);
+    EXPECT_EQ(root("kill -0 " + now).status, 0) << "removal ended the running agent";
+    root("pkill -KILL -x corviagent; true");
+}
+
+}  // namespace
+}  // namespace corvi

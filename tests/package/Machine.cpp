@@ -1,0 +1,82 @@
+#include "Machine.h"
+
+#include <signal.h>
+
+#include <QFile>
+
+#include "support/EventLoop.h"
+
+namespace corvi::test {
+namespace {
+
+qint64 onlyChild(qint64 pid) {
+    QFile f(QString("/proc/%1/task/%1/children").arg(pid));
+    if (!f.open(QIODevice::ReadOnly)) return 0;
+    const QList<QByteArray> list = f.readAll().simplified().split(' ');
+    return list.size() == 1 ? list.first().toLongLong() : 0;
+}
+
+}  // namespace
+
+Machine::Machine(const QStringList& options) {
+    machine_.setProcessChannelMode(QProcess::MergedChannels);
+    machine_.start(CORVI_MACHINE,
+                   options + QStringList{"--", "sh", "-c", "touch /run/machine/ready; exec sleep infinity"});
+    qint64 unshare = 0;
+    // The script runs unshare, whose one child is the namespace's first process.
+    const bool found = waitFor(
+        [&] {
+            if (machine_.state() == QProcess::NotRunning) return true;
+            unshare = onlyChild(machine_.processId());
+            pid_ = unshare ? onlyChild(unshare) : 0;
+            return pid_ > 0 && sh("test -e /run/machine/ready", false, 5000).status == 0;
+        },
+        60000);
+    if (!found || machine_.state() == QProcess::NotRunning) {
+        error_ = "the machine did not come up: " + QString::fromUtf8(machine_.readAll());
+        pid_ = 0;
+    }
+}
+
+Machine::~Machine() {
+    // unshare --kill-child takes the whole namespace with it; the script then cleans up.
+    if (const qint64 unshare = onlyChild(machine_.processId())) ::kill(pid_t(unshare), SIGKILL);
+    if (!machine_.waitForFinished(20000)) machine_.kill();
+    machine_.waitForFinished(5000);
+}
+
+QStringList Machine::enter(const QString& script, bool asUser) const {
+    QStringList args{"-t",
+                     QString::number(pid_),
+                     "-m",
+                     "-n",
+                     "-p",
+                     "-r",
+                     "-w",
+                     "--",
+                     "env",
+                     "-i",
+                     "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                     "HOME=/root",
+                     "LANG=C.UTF-8"};
+    if (asUser) args << "as-user";
+    return args << "sh"
+                << "-c" << script;
+}
+
+Machine::Run Machine::sh(const QString& script, bool asUser, int timeoutMs) const {
+    QProcess p;
+    p.setProcessChannelMode(QProcess::MergedChannels);
+    p.start("nsenter", enter(script, asUser));
+    const bool done = p.waitForFinished(timeoutMs) && p.exitStatus() == QProcess::NormalExit;
+    if (!done) p.kill();
+    p.waitForFinished(2000);
+    return {done ? p.exitCode() : -1, QString::fromUtf8(p.readAll())};
+}
+
+void Machine::spawn(QProcess& process, const QString& script, bool asUser) const {
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start("nsenter", enter(script, asUser));
+}
+
+}  // namespace corvi::test

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+namespace corvi::test {
+
+// A throwaway copy of this machine (tests/support/machine): its own mount, network and PID
+// namespaces over an overlay of /, a system bus, polkit and PackageKit, and a user "studio".
+// Packages are really installed, upgraded and removed there; nothing reaches this machine.
+// Needs root.
+class Machine {
+  public:
+    struct Run {
+        int status = -1;
+        QString out;  // standard output and error, merged
+    };
+
+    // `options` go to the machine script (-m: the user's service manager, -p no: polkit refuses).
+    explicit Machine(const QStringList& options = {});
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    bool ok() const { return pid_ > 0; }
+    QString error() const { return error_; }
+
+    // A shell script run inside, as root or as the user (with the user's session with -m).
+    Run sh(const QString& script, bool asUser = false, int timeoutMs = 300000) const;
+    // The same, left running in `process` (stopped by its owner or with the machine).
+    void spawn(QProcess& process, const QString& script, bool asUser = false) const;
+
+  private:
+    QStringList enter(const QString& script, bool asUser) const;
+
+    QProcess machine_;
+    qint64 pid_ = 0;  // the namespace's first process, as this machine numbers it
+    QString error_;
+};
+
+}  // namespace corvi::test
