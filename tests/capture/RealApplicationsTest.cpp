@@ -72,7 +72,7 @@ TEST(RealApplications, SamplesNameAndClassifyWhatTheyReallySend) {
     };
     QTemporaryDir home;
     const Case cases[] = {
-        {"inkscape", {}, "Inkscape", "Inkscape", AppCategory::work, ActivityState::working},
+        {"inkscape", {}, "org.inkscape.Inkscape", "Inkscape", AppCategory::work, ActivityState::working},
         {"epiphany",
          {"--private-instance", "about:blank"},
          "org.gnome.Epiphany",

@@ -43,28 +43,56 @@ TEST(DesktopEntriesTest, FirstFolderWinsAndNamesAreThePlainKey) {
               "# comment\n[Desktop Action x]\nName=Wrong\n[Desktop Entry]\nName=Right\nStartupWMClass=Act\n"
               "[Desktop Action y]\nName=Also wrong\n");
     writeFile(s + "/broken.desktop", "garbage without groups\nName=Nope\n");
+    // As Debian installs them: GIMP 2.10's without StartupWMClass, Firefox ESR's with the class
+    // older Firefox sent, two KDE settings modules that both run systemsettings; and one Chrome
+    // writes for a web app.
+    writeFile(s + "/gimp.desktop",
+              "[Desktop Entry]\nName=GNU Image Manipulation Program\nExec=gimp-2.10 %U\n");
+    writeFile(s + "/firefox-esr.desktop",
+              "[Desktop Entry]\nName=Firefox ESR\n"
+              "Exec=/usr/lib/firefox-esr/firefox-esr %u\nStartupWMClass=Firefox-esr\n");
+    writeFile(s + "/thunderbird.desktop",
+              "[Desktop Entry]\nName=Thunderbird\nExec=/usr/bin/thunderbird %u\n"
+              "StartupWMClass=thunderbird-default\n");
+    writeFile(s + "/org.inkscape.Inkscape.desktop", "[Desktop Entry]\nName=Inkscape\nExec=inkscape %F\n");
+    writeFile(s + "/kcm_kwinrules.desktop",
+              "[Desktop Entry]\nName=Window Rules\nExec=systemsettings kcm_kwinrules\n");
+    writeFile(s + "/kcm_kwinoptions.desktop",
+              "[Desktop Entry]\nName=Window Behavior\nExec=systemsettings kcm_kwinoptions\n");
+    writeFile(u + "/chrome-bmfccmnckbnljdcnoglodbceoplecbkl-Default.desktop",
+              "[Desktop Entry]\nName=GNOME Handbook\nStartupWMClass=crx_bmfccmnckbnljdcnoglodbceoplecbkl\n");
     // "share//applications", as the default XDG_DATA_DIRS gives it
     DesktopEntries entries({u, system.path() + "//applications"}, {});
 
     struct Case {
         const char* row;
-        QString windowClass;
+        QString instance, windowClass;  // WM_CLASS
         QString id;
         QString name;
     };
+    // clang-format off
     const Case cases[] = {
-        {"user entry shadows the system one", "Paint", "org.example.Paint", "Paint (mine)"},
-        {"shadowed entry's class is not indexed", "PaintOld", "", ""},
-        {"hidden user entry hides the system one", "Gone", "", ""},
-        {"entry in a subfolder gets a dashed ID", "", "kde-viewer", "Viewer Plus"},
-        {"only the main group counts", "Act", "actions", "Right"},
-        {"file without the main group has no name", "", "broken", ""},
-        {"unknown class", "Nothing", "", ""},
+        {"user entry shadows the system one", "", "Paint", "org.example.Paint", "Paint (mine)"},
+        {"shadowed entry's class is not indexed", "", "PaintOld", "", ""},
+        {"hidden user entry hides the system one", "", "Gone", "", ""},
+        {"entry in a subfolder gets a dashed ID", "", "", "kde-viewer", "Viewer Plus"},
+        {"only the main group counts", "", "Act", "actions", "Right"},
+        {"file without the main group has no name", "", "", "broken", ""},
+        {"unknown class", "", "Nothing", "", ""},
+        {"Thunderbird by StartupWMClass", "Mail", "thunderbird-default", "thunderbird", "Thunderbird"},
+        {"a web app's entry claims the instance", "crx_bmfccmnckbnljdcnoglodbceoplecbkl", "Google-chrome",
+         "chrome-bmfccmnckbnljdcnoglodbceoplecbkl-Default", "GNOME Handbook"},
+        {"Firefox ESR: the class is the entry's ID", "Navigator", "firefox-esr", "firefox-esr", "Firefox ESR"},
+        {"older Thunderbird: the class lower-cased", "Mail", "Thunderbird", "thunderbird", "Thunderbird"},
+        {"Inkscape: the instance is the entry's ID", "org.inkscape.Inkscape", "Inkscape", "org.inkscape.Inkscape", "Inkscape"},
+        {"GIMP 2.10: the instance is the program Exec= runs", "gimp-2.10", "Gimp-2.10", "gimp", "GNU Image Manipulation Program"},
+        {"a program several entries run names none", "systemsettings", "systemsettings", "", ""},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.row);
         if (!c.windowClass.isEmpty()) {
-            EXPECT_EQ(entries.idForWindowClass(c.windowClass), c.id);
+            EXPECT_EQ(entries.idForWmClass(c.instance, c.windowClass), c.id);
         }
         if (!c.id.isEmpty()) {
             EXPECT_EQ(entries.nameForId(c.id), c.name);

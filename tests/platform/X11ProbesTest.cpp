@@ -121,6 +121,8 @@ TEST_F(X11ProbesTest, ActiveWindowIsDescribedByItsProperties) {
         {"KDE desktop file without an entry is named by the class",
          {{"_KDE_NET_WM_DESKTOP_FILE", "UTF8_STRING", "org.kde.kate"}, windowClass("kate", "kate")}, "org.kde.kate", "kate", ""},
         {"StartupWMClass maps the class to the entry's plain Name", {windowClass("exedit", "ExEdit")}, "org.example.Editor", "Example Editor", ""},
+        {"the instance is the entry's ID, as GTK sets it", {windowClass("org.gnome.TextEditor", "Org.gnome.TextEditor")},
+         "org.gnome.TextEditor", "Text Editor", ""},
         {"class without the instance separator is ignored", {{"WM_CLASS", "STRING", "lonely"}}, "unknown", self, ""},
     };
     // clang-format on

@@ -53,6 +53,11 @@ QStringList nameKeysFor(QString locale) {
     return keys;
 }
 
+// The program an Exec line starts, without its folder: "gimp-2.10" of "gimp-2.10 %U".
+QString programOf(const QString& exec) {
+    return exec.section(u' ', 0, 0).section(u'/', -1);
+}
+
 }  // namespace
 
 QStringList DesktopEntries::uiLanguages() {
@@ -89,11 +94,27 @@ DesktopEntries::DesktopEntries(QStringList folders, const QStringList& languages
     nameKeys_ << QStringLiteral("Name");
 }
 
-QString DesktopEntries::idForWindowClass(const QString& windowClass, Qt::CaseSensitivity cs) {
+QString DesktopEntries::idForWmClass(const QString& instance, const QString& windowClass) {
+    load();
+    // GNOME Shell's order: the instance first, which a web app's entry claims beside its browser's.
+    const QString parts[] = {instance, windowClass};
+    for (const QString& part : parts)
+        if (const QString id = classes_.value(part); !id.isEmpty()) return id;
+    // GNOME Shell's next guess: an entry named after either part, as given or lower-cased
+    // (Firefox ESR's class "firefox-esr", Inkscape's instance "org.inkscape.Inkscape").
+    for (const QString& part : parts)
+        for (const QString& id : {part, part.toLower()})
+            if (!nameForId(id).isEmpty()) return id;
+    // Toolkits name the instance after the program, which an entry without StartupWMClass
+    // still gives in its Exec= (Debian's GIMP 2.10: "gimp-2.10"); what Plasma's task manager
+    // finds from the window's process.
+    return programs_.value(instance);
+}
+
+QString DesktopEntries::idForWindowClass(const QString& windowClass) {
     load();
     if (windowClass.isEmpty()) return {};
     if (const auto it = classes_.constFind(windowClass); it != classes_.constEnd()) return it.value();
-    if (cs == Qt::CaseSensitive) return {};
     for (auto it = classes_.constBegin(); it != classes_.constEnd(); ++it)
         if (it.key().compare(windowClass, Qt::CaseInsensitive) == 0) return it.value();
     return {};
@@ -126,7 +147,7 @@ void DesktopEntries::readEntry(const QString& id, const QString& path) {
     names_.insert(id, QString());  // claimed even when unreadable: a later folder must not win
     if (file.size() > 1024 * 1024 || !file.open(QIODevice::ReadOnly)) return;
     QHash<QString, QString> names;  // by key, the plain Name included
-    QString wmClass;
+    QString wmClass, program;
     bool inMain = false, hidden = false;
     while (!file.atEnd()) {
         const QString line = QString::fromUtf8(file.readLine()).trimmed();
@@ -144,6 +165,8 @@ void DesktopEntries::readEntry(const QString& id, const QString& path) {
             names.insert(key, unescape(value));
         else if (key == QStringLiteral("StartupWMClass"))
             wmClass = unescape(value);
+        else if (key == QStringLiteral("Exec"))
+            program = programOf(unescape(value));
         else if (key == QStringLiteral("Hidden"))
             hidden = value == QStringLiteral("true");
     }
@@ -153,6 +176,7 @@ void DesktopEntries::readEntry(const QString& id, const QString& path) {
         if (name = names.value(key); !name.isEmpty()) break;
     names_.insert(id, name);
     if (!wmClass.isEmpty() && !classes_.contains(wmClass)) classes_.insert(wmClass, id);
+    if (!program.isEmpty()) programs_.insert(program, programs_.contains(program) ? QString() : id);
 }
 
 QString desktopFileId(QString value) {
@@ -170,8 +194,7 @@ ActiveWindow::Info describeWindow(DesktopEntries& entries, const QString& appId,
     // An Xwayland window comes with its X class as app ID (KWin lower-cases it): the entry that
     // claims the class names it, as on X11.
     if (!appId.isEmpty() && info.appName.isEmpty()) {
-        if (const QString claimed = entries.idForWindowClass(appId, Qt::CaseInsensitive);
-            !claimed.isEmpty()) {
+        if (const QString claimed = entries.idForWindowClass(appId); !claimed.isEmpty()) {
             info.bundleID = claimed;
             info.appName = entries.nameForId(claimed);
         }

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <tuple>
+#include <utility>
 
 namespace corvi {
 namespace {
@@ -94,15 +96,18 @@ QString titleOf(X11Session& s, const Property& netName, const Property& wmName) 
     return textOf(s, wmName);
 }
 
-// "instance\0class\0": the class part.
-QString windowClassOf(X11Session& s, const Property& p) {
+// "instance\0class\0": both parts, none without the separator.
+std::pair<QString, QString> windowClassOf(X11Session& s, const Property& p) {
     if (!p.isText(XCB_ATOM_STRING) && !p.isText(s.atoms().utf8String)) return {};
     const QByteArray b = p.bytes();
     const qsizetype nul = b.indexOf('\0');
     if (nul < 0) return {};
     QByteArray cls = b.mid(nul + 1);
     if (const qsizetype end = cls.indexOf('\0'); end >= 0) cls.truncate(end);
-    return p.reply->type == XCB_ATOM_STRING ? QString::fromLatin1(cls) : strictUtf8(cls, false);
+    const auto text = [&](const QByteArray& part) {
+        return p.reply->type == XCB_ATOM_STRING ? QString::fromLatin1(part) : strictUtf8(part, false);
+    };
+    return {text(b.left(nul)), text(cls)};
 }
 
 bool processExists(std::int32_t pid) {
@@ -198,7 +203,7 @@ std::optional<X11ActiveWindow::Facts> X11ActiveWindow::read(xcb_connection_t* c,
 
     Facts f;
     f.title = titleOf(s, pNetName, pWmName);
-    f.windowClass = windowClassOf(s, pClass);
+    std::tie(f.instance, f.windowClass) = windowClassOf(s, pClass);
     f.gtkApplicationId = textOf(s, pGtk).trimmed();
     f.kdeDesktopFile = desktopFileId(textOf(s, pKde));
     std::int32_t pid = resPid;
@@ -221,7 +226,7 @@ std::optional<ActiveWindow::Info> X11ActiveWindow::current() {
     QString id = f->pid > 0 ? flatpakId(f->pid) : QString();
     if (id.isEmpty()) id = f->gtkApplicationId;
     if (id.isEmpty()) id = f->kdeDesktopFile;
-    if (id.isEmpty()) id = entries_->idForWindowClass(f->windowClass);
+    if (id.isEmpty()) id = entries_->idForWmClass(f->instance, f->windowClass);
     if (id.isEmpty()) id = f->windowClass;
 
     Info info;

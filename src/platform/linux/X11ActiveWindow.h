@@ -29,7 +29,7 @@ class X11ActiveWindow : public ActiveWindow {
     struct Facts {
         std::int32_t pid = 0;
         QString title;
-        QString windowClass;
+        QString instance, windowClass;  // the two parts of WM_CLASS
         QString gtkApplicationId;
         QString kdeDesktopFile;
     };
