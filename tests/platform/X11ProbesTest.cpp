@@ -9,9 +9,9 @@
 #include <QThread>
 #include <functional>
 
-#include "platform/linux/X11Accessibility.h"
-#include "platform/linux/X11ActiveWindow.h"
-#include "platform/linux/X11IdleMonitor.h"
+#include "platform/linux/x11/X11Accessibility.h"
+#include "platform/linux/x11/X11ActiveWindow.h"
+#include "platform/linux/x11/X11IdleMonitor.h"
 #include "support/QtPrinters.h"
 #include "support/TestFiles.h"
 #include "support/XClient.h"

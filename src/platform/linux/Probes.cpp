@@ -2,9 +2,9 @@
 #include "platform/Probes.h"
 
 #include "platform/linux/DesktopSession.h"
-#include "platform/linux/X11Accessibility.h"
-#include "platform/linux/X11ActiveWindow.h"
-#include "platform/linux/X11IdleMonitor.h"
+#include "platform/linux/x11/X11Accessibility.h"
+#include "platform/linux/x11/X11ActiveWindow.h"
+#include "platform/linux/x11/X11IdleMonitor.h"
 
 namespace corvi {
 

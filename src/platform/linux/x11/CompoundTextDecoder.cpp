@@ -1,4 +1,4 @@
-#include "platform/linux/CompoundTextDecoder.h"
+#include "platform/linux/x11/CompoundTextDecoder.h"
 
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>

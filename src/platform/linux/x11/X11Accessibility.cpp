@@ -1,4 +1,4 @@
-#include "platform/linux/X11Accessibility.h"
+#include "platform/linux/x11/X11Accessibility.h"
 
 #include <cstdlib>
 

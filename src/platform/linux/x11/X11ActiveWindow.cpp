@@ -1,4 +1,4 @@
-#include "platform/linux/X11ActiveWindow.h"
+#include "platform/linux/x11/X11ActiveWindow.h"
 
 #include <signal.h>
 #include <xcb/res.h>

@@ -4,7 +4,7 @@
 
 #include "platform/IdleMonitor.h"
 #include "platform/linux/ScreenLockProbe.h"
-#include "platform/linux/X11Session.h"
+#include "platform/linux/x11/X11Session.h"
 
 namespace corvi {
 

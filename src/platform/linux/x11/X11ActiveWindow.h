@@ -5,7 +5,7 @@
 
 #include "platform/ActiveWindow.h"
 #include "platform/linux/DesktopEntries.h"
-#include "platform/linux/X11Session.h"
+#include "platform/linux/x11/X11Session.h"
 
 namespace corvi {
 

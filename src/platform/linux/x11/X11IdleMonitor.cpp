@@ -1,4 +1,4 @@
-#include "platform/linux/X11IdleMonitor.h"
+#include "platform/linux/x11/X11IdleMonitor.h"
 
 #include <xcb/screensaver.h>
 

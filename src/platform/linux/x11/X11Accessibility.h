@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "platform/Accessibility.h"
-#include "platform/linux/X11Session.h"
+#include "platform/linux/x11/X11Session.h"
 
 namespace corvi {
 

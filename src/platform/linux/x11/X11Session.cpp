@@ -1,4 +1,4 @@
-#include "platform/linux/X11Session.h"
+#include "platform/linux/x11/X11Session.h"
 
 #include <xcb/res.h>
 #include <xcb/screensaver.h>
@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/linux/CompoundTextDecoder.h"
+#include "platform/linux/x11/CompoundTextDecoder.h"
 
 namespace corvi {
 
