@@ -4,9 +4,9 @@
 #include <QTemporaryDir>
 
 #include "platform/linux/DesktopSession.h"
-#include "platform/linux/WaylandIdle.h"
-#include "platform/linux/WlrAccessibility.h"
-#include "platform/linux/WlrActiveWindow.h"
+#include "platform/linux/wayland/WaylandIdle.h"
+#include "platform/linux/wayland/WlrAccessibility.h"
+#include "platform/linux/wayland/WlrActiveWindow.h"
 #include "support/EventLoop.h"
 #include "support/ProbeChecks.h"
 #include "support/RecordingLog.h"

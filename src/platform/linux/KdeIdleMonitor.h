@@ -6,7 +6,7 @@
 
 #include "platform/IdleMonitor.h"
 #include "platform/linux/ScreenLockProbe.h"
-#include "platform/linux/WaylandIdle.h"
+#include "platform/linux/wayland/WaylandIdle.h"
 
 namespace corvi {
 

@@ -8,8 +8,8 @@
 
 #include "bench/BenchUtil.h"
 #include "bench/probes/ProbeRound.h"
-#include "platform/linux/WaylandIdle.h"
-#include "platform/linux/WlrActiveWindow.h"
+#include "platform/linux/wayland/WaylandIdle.h"
+#include "platform/linux/wayland/WlrActiveWindow.h"
 #include "platform/linux/x11/X11ActiveWindow.h"
 #include "platform/linux/x11/X11IdleMonitor.h"
 #include "support/BusStandIn.h"

@@ -1,4 +1,4 @@
-#include "platform/linux/WlrActiveWindow.h"
+#include "platform/linux/wayland/WlrActiveWindow.h"
 
 namespace corvi {
 

@@ -1,7 +1,7 @@
 #include "platform/linux/DesktopSession.h"
-#include "platform/linux/WaylandIdle.h"
-#include "platform/linux/WlrAccessibility.h"
-#include "platform/linux/WlrActiveWindow.h"
+#include "platform/linux/wayland/WaylandIdle.h"
+#include "platform/linux/wayland/WlrAccessibility.h"
+#include "platform/linux/wayland/WlrActiveWindow.h"
 
 namespace corvi {
 

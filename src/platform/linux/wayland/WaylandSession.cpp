@@ -1,4 +1,4 @@
-#include "platform/linux/WaylandSession.h"
+#include "platform/linux/wayland/WaylandSession.h"
 
 #include <poll.h>
 #include <wayland-client.h>

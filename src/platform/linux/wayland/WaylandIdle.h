@@ -7,7 +7,7 @@
 
 #include "platform/IdleMonitor.h"
 #include "platform/linux/ScreenLockProbe.h"
-#include "platform/linux/WaylandSession.h"
+#include "platform/linux/wayland/WaylandSession.h"
 
 struct ext_idle_notifier_v1;
 struct ext_idle_notification_v1;

@@ -1,4 +1,4 @@
-#include "platform/linux/WlrToplevels.h"
+#include "platform/linux/wayland/WlrToplevels.h"
 
 #include <wayland-client.h>
 

@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "platform/Accessibility.h"
-#include "platform/linux/WlrToplevels.h"
+#include "platform/linux/wayland/WlrToplevels.h"
 
 namespace corvi {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/WaylandIdle.h"
+#include "platform/linux/wayland/WaylandIdle.h"
 
 #include <wayland-client.h>
 

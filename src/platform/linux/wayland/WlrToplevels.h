@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "platform/linux/WaylandSession.h"
+#include "platform/linux/wayland/WaylandSession.h"
 
 struct zwlr_foreign_toplevel_manager_v1;
 struct zwlr_foreign_toplevel_handle_v1;

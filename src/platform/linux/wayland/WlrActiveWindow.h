@@ -6,8 +6,8 @@
 
 #include "platform/ActiveWindow.h"
 #include "platform/linux/DesktopEntries.h"
-#include "platform/linux/SwayIpc.h"
-#include "platform/linux/WlrToplevels.h"
+#include "platform/linux/wayland/SwayIpc.h"
+#include "platform/linux/wayland/WlrToplevels.h"
 
 namespace corvi {
 
