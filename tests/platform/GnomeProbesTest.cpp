@@ -8,9 +8,9 @@
 #include <QObject>
 #include <QThread>
 
-#include "platform/linux/GnomeAccessibility.h"
-#include "platform/linux/GnomeActiveWindow.h"
-#include "platform/linux/GnomeIdleMonitor.h"
+#include "platform/linux/gnome/GnomeAccessibility.h"
+#include "platform/linux/gnome/GnomeActiveWindow.h"
+#include "platform/linux/gnome/GnomeIdleMonitor.h"
 #include "platform/linux/ScreenLockProbe.h"
 #include "support/EventLoop.h"
 #include "support/GnomeShell.h"

@@ -10,7 +10,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 
-#include "platform/linux/GnomeShellExtension.h"
+#include "platform/linux/gnome/GnomeShellExtension.h"
 #include "support/ChildProcess.h"
 #include "support/EventLoop.h"
 #include "support/TestFiles.h"

@@ -5,9 +5,9 @@
 
 #include "bench/BenchUtil.h"
 #include "bench/probes/ProbeRound.h"
-#include "platform/linux/GnomeAccessibility.h"
-#include "platform/linux/GnomeActiveWindow.h"
-#include "platform/linux/GnomeIdleMonitor.h"
+#include "platform/linux/gnome/GnomeAccessibility.h"
+#include "platform/linux/gnome/GnomeActiveWindow.h"
+#include "platform/linux/gnome/GnomeIdleMonitor.h"
 #include "platform/linux/ScreenLockProbe.h"
 #include "support/EventLoop.h"
 #include "support/GnomeShell.h"

@@ -1,8 +1,8 @@
-#include "platform/linux/GnomeIdleMonitor.h"
+#include "platform/linux/gnome/GnomeIdleMonitor.h"
 
 #include <QDBusMessage>
 
-#include "platform/linux/GnomeShellExtension.h"
+#include "platform/linux/gnome/GnomeShellExtension.h"
 #include "platform/linux/ScreenLockProbe.h"
 
 namespace corvi {

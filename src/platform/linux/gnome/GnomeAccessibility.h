@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "platform/Accessibility.h"
-#include "platform/linux/GnomeShellExtension.h"
+#include "platform/linux/gnome/GnomeShellExtension.h"
 
 namespace corvi {
 

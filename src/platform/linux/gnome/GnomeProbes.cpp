@@ -2,9 +2,9 @@
 
 #include "platform/Log.h"
 #include "platform/linux/DesktopSession.h"
-#include "platform/linux/GnomeAccessibility.h"
-#include "platform/linux/GnomeActiveWindow.h"
-#include "platform/linux/GnomeIdleMonitor.h"
+#include "platform/linux/gnome/GnomeAccessibility.h"
+#include "platform/linux/gnome/GnomeActiveWindow.h"
+#include "platform/linux/gnome/GnomeIdleMonitor.h"
 #include "platform/linux/ScreenLockProbe.h"
 
 namespace corvi {

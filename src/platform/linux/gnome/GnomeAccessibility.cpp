@@ -1,4 +1,4 @@
-#include "platform/linux/GnomeAccessibility.h"
+#include "platform/linux/gnome/GnomeAccessibility.h"
 
 #include <QDBusMessage>
 #include <QDBusReply>

@@ -1,4 +1,4 @@
-#include "platform/linux/GnomeShellExtension.h"
+#include "platform/linux/gnome/GnomeShellExtension.h"
 
 #include <QDBusMessage>
 #include <limits>

@@ -1,4 +1,4 @@
-#include "platform/linux/GnomeActiveWindow.h"
+#include "platform/linux/gnome/GnomeActiveWindow.h"
 
 namespace corvi {
 

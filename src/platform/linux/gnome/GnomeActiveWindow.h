@@ -4,7 +4,7 @@
 
 #include "platform/ActiveWindow.h"
 #include "platform/linux/DesktopEntries.h"
-#include "platform/linux/GnomeShellExtension.h"
+#include "platform/linux/gnome/GnomeShellExtension.h"
 
 namespace corvi {
 
