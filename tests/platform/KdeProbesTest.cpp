@@ -6,10 +6,10 @@
 #include <QTemporaryDir>
 
 #include "platform/Probes.h"
-#include "platform/linux/KWinScript.h"
-#include "platform/linux/KdeAccessibility.h"
-#include "platform/linux/KdeActiveWindow.h"
-#include "platform/linux/KdeIdleMonitor.h"
+#include "platform/linux/kde/KWinScript.h"
+#include "platform/linux/kde/KdeAccessibility.h"
+#include "platform/linux/kde/KdeActiveWindow.h"
+#include "platform/linux/kde/KdeIdleMonitor.h"
 #include "support/DBusDaemon.h"
 #include "support/EventLoop.h"
 #include "support/KWinCompositor.h"

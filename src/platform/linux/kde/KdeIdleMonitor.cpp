@@ -1,4 +1,4 @@
-#include "platform/linux/KdeIdleMonitor.h"
+#include "platform/linux/kde/KdeIdleMonitor.h"
 
 #include <QDBusMessage>
 #include <cmath>

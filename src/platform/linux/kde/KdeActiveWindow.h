@@ -4,7 +4,7 @@
 
 #include "platform/ActiveWindow.h"
 #include "platform/linux/DesktopEntries.h"
-#include "platform/linux/KWinScript.h"
+#include "platform/linux/kde/KWinScript.h"
 
 namespace corvi {
 

@@ -3,10 +3,10 @@
 #include <QDBusConnection>
 
 #include "platform/linux/DesktopSession.h"
-#include "platform/linux/KWinScript.h"
-#include "platform/linux/KdeAccessibility.h"
-#include "platform/linux/KdeActiveWindow.h"
-#include "platform/linux/KdeIdleMonitor.h"
+#include "platform/linux/kde/KWinScript.h"
+#include "platform/linux/kde/KdeAccessibility.h"
+#include "platform/linux/kde/KdeActiveWindow.h"
+#include "platform/linux/kde/KdeIdleMonitor.h"
 
 namespace corvi {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/KdeActiveWindow.h"
+#include "platform/linux/kde/KdeActiveWindow.h"
 
 namespace corvi {
 

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "platform/Accessibility.h"
-#include "platform/linux/KWinScript.h"
+#include "platform/linux/kde/KWinScript.h"
 
 namespace corvi {
 

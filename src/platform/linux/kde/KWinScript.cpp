@@ -1,4 +1,4 @@
-#include "platform/linux/KWinScript.h"
+#include "platform/linux/kde/KWinScript.h"
 
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
