@@ -8,7 +8,7 @@
 
 #include "model/AppModel.h"
 #include "model/RecordingLoginItem.h"
-#include "platform/linux/XdgLoginItem.h"
+#include "platform/linux/freedesktop/XdgLoginItem.h"
 #include "support/RecordingLog.h"
 #include "support/TestFiles.h"
 

@@ -2,7 +2,7 @@
 
 #include <QTemporaryDir>
 
-#include "platform/linux/DesktopEntries.h"
+#include "platform/linux/freedesktop/DesktopEntries.h"
 #include "support/TestFiles.h"
 
 namespace corvi {

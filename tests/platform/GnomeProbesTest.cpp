@@ -11,7 +11,7 @@
 #include "platform/linux/gnome/GnomeAccessibility.h"
 #include "platform/linux/gnome/GnomeActiveWindow.h"
 #include "platform/linux/gnome/GnomeIdleMonitor.h"
-#include "platform/linux/ScreenLockProbe.h"
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 #include "support/EventLoop.h"
 #include "support/GnomeShell.h"
 #include "support/ProbeChecks.h"

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <thread>
 
-#include "platform/linux/LinuxCpuTimeSource.h"
+#include "platform/linux/freedesktop/LinuxCpuTimeSource.h"
 #include "support/ChildProcess.h"
 
 namespace corvi {

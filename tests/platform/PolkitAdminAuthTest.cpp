@@ -6,7 +6,7 @@
 #include <QDBusMessage>
 #include <atomic>
 
-#include "platform/linux/PolkitAdminAuth.h"
+#include "platform/linux/freedesktop/PolkitAdminAuth.h"
 #include "support/BusStandIn.h"
 #include "support/DBusDaemon.h"
 #include "support/QtPrinters.h"

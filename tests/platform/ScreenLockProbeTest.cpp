@@ -6,7 +6,7 @@
 #include <QUuid>
 #include <atomic>
 
-#include "platform/linux/ScreenLockProbe.h"
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 #include "support/BusStandIn.h"
 #include "support/DBusDaemon.h"
 

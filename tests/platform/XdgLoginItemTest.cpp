@@ -4,7 +4,7 @@
 #include <QFile>
 #include <QTemporaryDir>
 
-#include "platform/linux/XdgLoginItem.h"
+#include "platform/linux/freedesktop/XdgLoginItem.h"
 #include "support/TestFiles.h"
 
 namespace corvi {

@@ -4,7 +4,7 @@
 #include <QStringList>
 
 #include "platform/Log.h"
-#include "platform/linux/ScreenLockProbe.h"
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 
 namespace corvi {
 

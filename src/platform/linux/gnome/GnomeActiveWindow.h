@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "platform/ActiveWindow.h"
-#include "platform/linux/DesktopEntries.h"
+#include "platform/linux/freedesktop/DesktopEntries.h"
 #include "platform/linux/gnome/GnomeShellExtension.h"
 
 namespace corvi {

@@ -3,7 +3,7 @@
 #include <QDBusMessage>
 
 #include "platform/linux/gnome/GnomeShellExtension.h"
-#include "platform/linux/ScreenLockProbe.h"
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 
 namespace corvi {
 

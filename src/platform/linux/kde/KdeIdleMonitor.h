@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "platform/IdleMonitor.h"
-#include "platform/linux/ScreenLockProbe.h"
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 #include "platform/linux/wayland/WaylandIdle.h"
 
 namespace corvi {

@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "platform/IdleMonitor.h"
-#include "platform/linux/ScreenLockProbe.h"
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 #include "platform/linux/wayland/WaylandSession.h"
 
 struct ext_idle_notifier_v1;

@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "platform/ActiveWindow.h"
-#include "platform/linux/DesktopEntries.h"
+#include "platform/linux/freedesktop/DesktopEntries.h"
 #include "platform/linux/wayland/SwayIpc.h"
 #include "platform/linux/wayland/WlrToplevels.h"
 

@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "platform/ActiveWindow.h"
-#include "platform/linux/DesktopEntries.h"
+#include "platform/linux/freedesktop/DesktopEntries.h"
 #include "platform/linux/x11/X11Session.h"
 
 namespace corvi {

@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "platform/IdleMonitor.h"
-#include "platform/linux/ScreenLockProbe.h"
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 #include "platform/linux/x11/X11Session.h"
 
 namespace corvi {

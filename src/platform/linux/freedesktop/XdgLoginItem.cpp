@@ -1,4 +1,4 @@
-#include "platform/linux/XdgLoginItem.h"
+#include "platform/linux/freedesktop/XdgLoginItem.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,4 +1,4 @@
-#include "platform/linux/ProcStat.h"
+#include "platform/linux/freedesktop/ProcStat.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,4 +1,4 @@
-#include "platform/linux/ScreenLockProbe.h"
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 
 #include <QDBusMessage>
 #include <QDBusVariant>

@@ -1,4 +1,4 @@
-#include "platform/linux/PolkitAdminAuth.h"
+#include "platform/linux/freedesktop/PolkitAdminAuth.h"
 
 #include <unistd.h>
 
@@ -10,7 +10,7 @@
 #include <atomic>
 
 #include "platform/Log.h"
-#include "platform/linux/ProcStat.h"
+#include "platform/linux/freedesktop/ProcStat.h"
 
 namespace corvi {
 

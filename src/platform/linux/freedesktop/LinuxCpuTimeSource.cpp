@@ -1,4 +1,4 @@
-#include "platform/linux/LinuxCpuTimeSource.h"
+#include "platform/linux/freedesktop/LinuxCpuTimeSource.h"
 
 #include <fcntl.h>
 #include <time.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <string>
 
-#include "platform/linux/ProcStat.h"
+#include "platform/linux/freedesktop/ProcStat.h"
 
 namespace corvi {
 
