@@ -26,6 +26,10 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
          {"--sign-in", "not a server", "ana@studio.example"},
          1,
          "Invalid address."},
+        {"sign-in over http to another computer",
+         {"--sign-in", "http://corvi.example", "ana@studio.example"},
+         1,
+         "Invalid address."},
     };
     QTemporaryDir dir;
     for (const Case& c : cases) {
