@@ -12,6 +12,7 @@
 
 #include "model/AppModel.h"
 #include "platform/Display.h"
+#include "platform/Log.h"
 #include "platform/LoginItem.h"
 #include "platform/Paths.h"
 #include "shell/AgentBus.h"
@@ -128,8 +129,16 @@ int main(int argc, char** argv) {
     QString program;
     int status = 0;
     {
-        corvi::InstanceLock lock(corvi::dataFolder() + QStringLiteral("/corviagent.lock"));
-        if (!lock.acquired()) return askRunningAgent(argc, argv, lock, signInServer, signInEmail);
+        const QString lockPath = corvi::dataFolder() + QStringLiteral("/corviagent.lock");
+        corvi::InstanceLock lock(lockPath);
+        if (lock.heldElsewhere()) return askRunningAgent(argc, argv, lock, signInServer, signInEmail);
+        // No lock file to be had is no sign of another agent. The agent runs as it does without
+        // its database, measuring and saying why, rather than refuse to start: only a second
+        // start is no longer kept out.
+        if (!lock.acquired())
+            corvi::Log::localFailure(QStringLiteral("CorviAgent: não é possível usar a trava ") + lockPath +
+                                     QStringLiteral(": ") + corvi::Log::reason(lock.error()) +
+                                     QStringLiteral("; uma segunda execução do agente não será impedida"));
         if (!signInServer.isEmpty()) return signIn(argc, argv, signInServer, signInEmail, readPassword());
         // The lock goes with the exec (close-on-exec): the service's agent takes it.
         const bool installed = corvi::platformLoginItem().installedProgram();

@@ -3,6 +3,7 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QUrl>
 #include <functional>
 #include <optional>
 
@@ -102,6 +103,9 @@ class AppModel : public QObject {
 
     // Server link (defined with the server code).
     QString base() const;
+    // base() + path as the URL to send to; none when the address is refused, which the log
+    // hears of once per address rather than at every tick.
+    std::optional<QUrl> endpoint(const QString& path);
     void loginAndEnroll(const QString& server, const QString& email, const QString& password,
                         std::function<void(bool ok, std::optional<QString> message)> done);
     void refreshIdentity();
@@ -136,6 +140,7 @@ class AppModel : public QObject {
 
     bool loading_ = false;
     bool configUnread_ = false;
+    QString refusedAddressSaid_;
     LanguageSource languageSource_;
     LoginItem* loginItem_ = nullptr;
 };

@@ -6,7 +6,8 @@ namespace corvi {
 
 // Where the agent's log lines go. Two channels, as the agent has always had them:
 // system log lines (Portuguese, beginning with "CorviAgent") and SQLite failures,
-// which are single lines on standard error. Tests install a recording sink.
+// which are single lines on standard error; local failures go to both. Tests install a
+// recording sink.
 class Log {
   public:
     virtual ~Log() = default;
@@ -24,6 +25,14 @@ class Log {
     static void sqliteOpenFailed(const QString& path) {
         sink().error(QStringLiteral("Falha ao abrir SQLite em ") + path);
     }
+    // A local failure (a folder or file the agent cannot write): also on standard error, for
+    // the person at a terminal or a session whose system log nobody reads.
+    static void localFailure(const QString& line) {
+        sink().system(line);
+        sink().error(line);
+    }
+    // The system's words for an errno value ("Permission denied", "Read-only file system").
+    static QString reason(int error);
 };
 
 // The default sink: syslog(3) with ident "CorviAgent", and standard error (UTF-8, one line each).

@@ -5,7 +5,9 @@
 namespace corvi {
 
 // The agent's data folder, where config.json and corvi.sqlite live. Created (with missing
-// parents, mode 0700) on every call; without a home it can be made in, a folder in /tmp.
+// parents, mode 0700), or brought back to 0700, on every call; without a home it can be made
+// in, a folder in /tmp. A folder that cannot be made or written is said once, in the log and
+// on standard error, with the system's reason.
 QString dataFolder();
 
 // The fallback folder under `tmp` ("/tmp"): the first of "CorviAgent-<uid>",

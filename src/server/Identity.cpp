@@ -9,6 +9,7 @@
 #include "BuildConfig.h"
 #include "model/AppModel.h"
 #include "platform/HostIdentity.h"
+#include "platform/Log.h"
 #include "server/HttpClient.h"
 #include "server/ServerAddress.h"
 #include "server/ServerTimeouts.h"
@@ -108,6 +109,19 @@ QString AppModel::base() const {
     return normalizedBase(serverURL_);
 }
 
+std::optional<QUrl> AppModel::endpoint(const QString& path) {
+    const QString address = base();
+    AddressFault fault{};
+    const auto url = endpointUrl(address, path, &fault);
+    if (url || address == refusedAddressSaid_) return url;
+    refusedAddressSaid_ = address;
+    Log::line(QStringLiteral("CorviAgent: nada é enviado a ") + address +
+              (fault == AddressFault::cleartext
+                   ? QStringLiteral(": http só vale para este computador; use https")
+                   : QStringLiteral(": endereço inválido")));
+    return url;
+}
+
 void AppModel::loginAndEnroll(const QString& server, const QString& email, const QString& password,
                               Done done) {
     const QString base = normalizedBase(server);
@@ -136,7 +150,7 @@ void AppModel::refreshIdentity() {
         setServerReachable(false);
         return;
     }
-    const auto url = endpointUrl(base(), QStringLiteral("/v1/me"));
+    const auto url = endpoint(QStringLiteral("/v1/me"));
     if (!url) {
         setServerReachable(false);
         return;

@@ -1,10 +1,18 @@
 #include "server/ServerAddress.h"
 
+#include <QHostAddress>
+
 namespace corvi {
 namespace {
 
 bool isBlank(QChar c) {
     return c == u'\t' || c.category() == QChar::Separator_Space;
+}
+
+// QUrl has already lower-cased the name and written any IPv4 form (127.1, 0x7f.1) in full.
+// "localhost." and "*.localhost" are left out: the resolver may send those to DNS.
+bool isLoopbackHost(const QString& host) {
+    return host == QLatin1String("localhost") || QHostAddress(host).isLoopback();
 }
 
 }  // namespace
@@ -19,14 +27,19 @@ QString normalizedBase(const QString& serverURL) {
     return base;
 }
 
-std::optional<QUrl> endpointUrl(const QString& base, const QString& path) {
+std::optional<QUrl> endpointUrl(const QString& base, const QString& path, AddressFault* fault) {
+    const auto refuse = [fault](AddressFault why) -> std::optional<QUrl> {
+        if (fault) *fault = why;
+        return std::nullopt;
+    };
     const QString text = base + path;
     for (QChar c : text)
-        if (c.isSpace()) return std::nullopt;
+        if (c.isSpace()) return refuse(AddressFault::malformed);
     const QUrl url(text, QUrl::StrictMode);
-    if (!url.isValid() || url.host().isEmpty()) return std::nullopt;
-    if (url.scheme() != QLatin1String("http") && url.scheme() != QLatin1String("https")) return std::nullopt;
-    return url;
+    if (!url.isValid() || url.host().isEmpty()) return refuse(AddressFault::malformed);
+    if (url.scheme() == QLatin1String("https")) return url;
+    if (url.scheme() != QLatin1String("http")) return refuse(AddressFault::malformed);
+    return isLoopbackHost(url.host()) ? std::optional(url) : refuse(AddressFault::cleartext);
 }
 
 bool isHeaderSafe(const QString& value) {

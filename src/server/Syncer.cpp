@@ -73,7 +73,7 @@ void Syncer::tick() {
     if (inFlight_ || !model_.configured() || !isHeaderSafe(model_.apiKey())) return;
     const std::vector<Unsynced> batch = store_.fetchUnsynced(batchSize);
     if (batch.empty()) return;
-    const auto url = endpointUrl(model_.base(), QStringLiteral("/v1/ingest"));
+    const auto url = model_.endpoint(QStringLiteral("/v1/ingest"));
     if (!url) return;
 
     inFlight_ = true;

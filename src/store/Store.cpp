@@ -6,6 +6,7 @@
 
 #include <QFile>
 #include <QStringDecoder>
+#include <cerrno>
 #include <cmath>
 #include <limits>
 
@@ -85,6 +86,19 @@ void bindReal(sqlite3_stmt* stmt, int index, double value) {
     sqlite3_bind_double(stmt, index, std::isfinite(value) ? value : 0.0);
 }
 
+// Why `file` cannot be written, as the system puts it: SQLite keeps no errno for most of its
+// failures, so the file and the folder its journal goes to are asked again. 0 when both would
+// take writes.
+int writeError(const QByteArray& file) {
+    if (const int fd = ::open(file.constData(), O_RDWR | O_CLOEXEC); fd >= 0)
+        ::close(fd);
+    else if (errno != ENOENT)
+        return errno;
+    const qsizetype slash = file.lastIndexOf('/');
+    const QByteArray folder = slash < 0 ? QByteArray(".") : slash == 0 ? QByteArray("/") : file.left(slash);
+    return ::access(folder.constData(), W_OK | X_OK) == 0 ? 0 : errno;
+}
+
 // One prepared statement, finalized on every path; null when there is no database or the
 // text does not prepare.
 class Statement {
@@ -127,13 +141,17 @@ void Store::open() {
 
     // Read-write and create, nothing that would rebuild or replace a file: one that is not a
     // database stays untouched, and every statement on it fails.
-    if (sqlite3_open_v2(file.constData(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-        SQLITE_OK) {
+    if (const int rc =
+            sqlite3_open_v2(file.constData(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+        rc != SQLITE_OK) {
         Log::sqliteOpenFailed(path_);
+        sayCannotWrite(rc);
         sqlite3_close(db_);
         db_ = nullptr;
         return;
     }
+    // SQLite quietly opens a file it may not write read-only; every session would be lost.
+    if (sqlite3_db_readonly(db_, "main") == 1) sayCannotWrite(SQLITE_READONLY);
     sqlite3_busy_timeout(db_, kBusyTimeoutMs);
 
     const bool usable = exec(kCreateTable);
@@ -147,12 +165,33 @@ void Store::open() {
     sqlite3_exec(db_, "PRAGMA synchronous=FULL;", nullptr, nullptr, nullptr);
 }
 
+void Store::sayCannotWrite(int rc) {
+    switch (rc & 0xff) {
+        case SQLITE_CANTOPEN:
+        case SQLITE_READONLY:
+        case SQLITE_PERM:
+        case SQLITE_IOERR:
+        case SQLITE_FULL:
+            break;
+        default:  // busy, damaged, not a database: SQLite's own lines tell those
+            return;
+    }
+    // Once: the sampler writes every few seconds.
+    if (cannotWriteSaid_) return;
+    cannotWriteSaid_ = true;
+    const int error = (rc & 0xff) == SQLITE_FULL ? ENOSPC : writeError(QFile::encodeName(path_));
+    Log::localFailure(QStringLiteral("CorviAgent: não é possível gravar o banco de dados ") + path_ +
+                      QStringLiteral(": ") +
+                      (error ? Log::reason(error) : QString::fromUtf8(sqlite3_errstr(rc))));
+}
+
 bool Store::exec(const char* sql) {
     if (!db_) return false;
     char* message = nullptr;
     const int rc = sqlite3_exec(db_, sql, nullptr, nullptr, &message);
     if (rc != SQLITE_OK && message) Log::sqlite(QString::fromUtf8(message));
     sqlite3_free(message);
+    if (rc != SQLITE_OK) sayCannotWrite(rc);
     return rc == SQLITE_OK;
 }
 
@@ -171,7 +210,11 @@ std::int64_t Store::openSession(const SessionRow& row) {
     bindReal(stmt, 10, row.idleAtEnd);
     sqlite3_bind_int(stmt, 11, clampToInt32(row.samples));
 
-    return sqlite3_step(stmt) == SQLITE_DONE ? sqlite3_last_insert_rowid(db_) : -1;
+    if (const int rc = sqlite3_step(stmt); rc != SQLITE_DONE) {
+        sayCannotWrite(rc);
+        return -1;
+    }
+    return sqlite3_last_insert_rowid(db_);
 }
 
 void Store::updateSession(std::int64_t id, const SessionRow& row) {
@@ -186,7 +229,7 @@ void Store::updateSession(std::int64_t id, const SessionRow& row) {
     bindReal(stmt, 4, row.idleAtEnd);
     sqlite3_bind_int(stmt, 5, clampToInt32(row.samples));
     sqlite3_bind_int64(stmt, 6, id);
-    sqlite3_step(stmt);
+    if (const int rc = sqlite3_step(stmt); rc != SQLITE_DONE) sayCannotWrite(rc);
 }
 
 std::vector<Unsynced> Store::fetchUnsynced(int limit) {

@@ -43,11 +43,14 @@ class Store final : public SessionWriter {
     void open();
     // Runs one statement that returns no rows; a failure is logged and answers false.
     bool exec(const char* sql);
+    // Says, once, that the file cannot take writes and why, when `rc` means that.
+    void sayCannotWrite(int rc);
 
     sqlite3* db_ = nullptr;
     QString path_;
     QSet<std::int64_t> inFlight_;   // ids the last fetch handed out
     QSet<std::int64_t> rewritten_;  // of those, the ones updated since
+    bool cannotWriteSaid_ = false;
 };
 
 }  // namespace corvi

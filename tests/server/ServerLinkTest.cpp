@@ -312,21 +312,32 @@ TEST_F(ServerLinkTest, NothingIsSentWithoutRowsOrAUsableAddressAndKey) {
     EXPECT_EQ(model->pending(), 0);
     addRows(2);
     const QString b = server.base(), lineBreak = "K\r\nX: 1", nul = QStringLiteral("K\u0000");
-    const std::pair<QString, QString> cases[] = {{"", ""},       {b, ""}, {"", "K"}, {"http://a b", "K"},
-                                                 {b, lineBreak}, {b, nul}};
+    // Linux connects 0.0.0.0 to this computer: a request would reach the scripted server.
+    const QString anyAddress = QStringLiteral("http://0.0.0.0:%1").arg(server.serverPort());
+    const std::pair<QString, QString> cases[] = {{"", ""},          {b, ""},
+                                                 {"", "K"},         {b, lineBreak},
+                                                 {b, nul},          {"http://a b", "K"},
+                                                 {anyAddress, "K"}, {"http://corvi.example", "K"}};
     for (const auto& [url, key] : cases) {
         model->setServerURL(url);
         model->setApiKey(key);
-        model->setPending(99);
-        model->refreshIdentity();
-        syncer.tick();
+        for (int tick = 0; tick < 3; ++tick) {
+            model->setPending(99);
+            model->refreshIdentity();
+            syncer.tick();
+        }
         EXPECT_FALSE(model->serverReachable()) << qPrintable(url + " / " + key);
         EXPECT_FALSE(syncer.inFlight()) << qPrintable(url + " / " + key);
         EXPECT_EQ(model->pending(), 2) << qPrintable(url) << ": the pending count is refreshed anyway";
     }
     QTest::qWait(50);
     EXPECT_TRUE(server.received.isEmpty());
-    EXPECT_TRUE(log.systemLines.isEmpty());
+    // Said once per address, however often it is tried.
+    const QString prefix = QStringLiteral("CorviAgent: nada é enviado a ");
+    const QString cleartext = QStringLiteral(": http só vale para este computador; use https");
+    EXPECT_EQ(log.systemLines,
+              (QStringList{prefix + "http://a b: endereço inválido", prefix + anyAddress + cleartext,
+                           prefix + "http://corvi.example" + cleartext}));
 }
 
 TEST_F(ServerLinkTest, OneUploadInFlightAtMost) {
@@ -392,28 +403,47 @@ TEST(SyncerBodyTest, TitleGoesAsItCameAndNoNumberIsNonFinite) {
 }
 
 // What the agent makes of a typed server address: blanks and one "/" trimmed, then a strict
-// http(s) URL with a host and no blank anywhere, or none.
-TEST(ServerAddressTest, OnlyWellFormedHttpAddressesAreUsed) {
+// URL with a host and no blank anywhere, https or else http to this computer; or the reason not.
+TEST(ServerAddressTest, OnlyWellFormedHttpsOrLoopbackHttpAddressesAreUsed) {
+    const char* malformed = "malformed";
+    const char* cleartext = "cleartext";
     const std::pair<const char*, const char*> cases[] = {
         {"  https://corvi.example/  ", "https://corvi.example/auth/login"},
         {"\t\u00a0http://127.0.0.1:8787\u00a0", "http://127.0.0.1:8787/auth/login"},
         {"https://corvi.example/api/ ", "https://corvi.example/api/auth/login"},
         {"https://corvi.example//", "https://corvi.example//auth/login"},
         {"HTTPS://Corvi.Example", "https://corvi.example/auth/login"},
+        {"https://10.0.0.1", "https://10.0.0.1/auth/login"},
         {"http://[::1]:8080", "http://[::1]:8080/auth/login"},
-        {"https://corvi.example\n", nullptr},
-        {"https://corvi example", nullptr},
-        {"https://corvi.ex\tample", nullptr},
-        {"ftp://corvi.example", nullptr},
-        {"corvi.example", nullptr},
-        {"https:///", nullptr},
-        {" / ", nullptr},
-        {"https://corvi.example:99999", nullptr},
-        {"https://corvi.example/%zz", nullptr},
+        {"http://127.0.0.2", "http://127.0.0.2/auth/login"},
+        {"HTTP://LOCALHOST:8787", "http://localhost:8787/auth/login"},
+        {"http://127.1", "http://127.0.0.1/auth/login"},  // QUrl writes IPv4 forms in full
+        {"http://0x7f.0.0.1", "http://127.0.0.1/auth/login"},
+        {"http://[::ffff:127.0.0.1]", "http://[::ffff:127.0.0.1]/auth/login"},
+        {"http://example.com", cleartext},
+        {"http://10.0.0.1", cleartext},
+        {"http://[::ffff:10.0.0.1]", cleartext},
+        {"http://0.0.0.0", cleartext},
+        {"http://[::]", cleartext},
+        {"http://localhost.", cleartext},  // a resolver may ask DNS for these
+        {"http://127.0.0.1.", cleartext},
+        {"http://corvi.localhost", cleartext},
+        {"https://corvi.example\n", malformed},
+        {"https://corvi example", malformed},
+        {"https://corvi.ex\tample", malformed},
+        {"ftp://corvi.example", malformed},
+        {"ftp://localhost", malformed},
+        {"corvi.example", malformed},
+        {"https:///", malformed},
+        {" / ", malformed},
+        {"https://corvi.example:99999", malformed},
+        {"https://corvi.example/%zz", malformed},
     };
     for (const auto& [typed, expected] : cases) {
-        const auto url = endpointUrl(normalizedBase(QString::fromUtf8(typed)), "/auth/login");
-        EXPECT_EQ(url ? url->toString().toStdString() : "none", expected ? expected : "none") << typed;
+        AddressFault fault{};
+        const auto url = endpointUrl(normalizedBase(QString::fromUtf8(typed)), "/auth/login", &fault);
+        const char* why = fault == AddressFault::cleartext ? cleartext : malformed;
+        EXPECT_EQ(url ? url->toString().toStdString() : why, expected) << typed;
     }
 }
 

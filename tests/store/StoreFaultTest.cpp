@@ -7,6 +7,8 @@
 #include <QFile>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <cerrno>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -72,6 +74,10 @@ QString parentIsAFile(const QDir& d) {
     return d.filePath("CorviAgent/corvi.sqlite");
 }
 
+QString cannotWriteTheFile(const QString& path, int error) {
+    return "CorviAgent: não é possível gravar o banco de dados " + path + ": " + std::strerror(error);
+}
+
 TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNothing) {
     struct Case {
         const char* name;
@@ -80,21 +86,23 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNot
         const char* error;     // "%1" is the database path; a final "*" matches any rest
         int atOpen, later;     // how often the error is logged at open and by the operations after
         int pending;           // rows the store still reads
+        int reason;            // errno told once in both channels; 0: nothing told
     };
+    const int refused = -1;  // the read-only path's own refusal: EACCES, or EPERM for root
     const char* notADatabase = "SQLite: file is not a database";
     const char* openFailed = "Falha ao abrir SQLite em %1";
     const char* malformed = "SQLite: database disk image is malformed";
     const char* cannotWrite = "SQLite: *";  // its words depend on how the folder refuses
     const Case cases[] = {
-        {"file of random bytes", randomBytes, nullptr, notADatabase, 3, 1, 0},
-        {"database header over random bytes", headerOverRandomBytes, nullptr, malformed, 3, 1, 0},
-        {"path is a folder", folderAtPath, nullptr, openFailed, 1, 0, 0},
-        {"folder is a regular file", parentIsAFile, nullptr, openFailed, 1, 0, 0},
+        {"file of random bytes", randomBytes, nullptr, notADatabase, 3, 1, 0, 0},
+        {"database header over random bytes", headerOverRandomBytes, nullptr, malformed, 3, 1, 0, 0},
+        {"path is a folder", folderAtPath, nullptr, openFailed, 1, 0, 0, EISDIR},
+        {"folder is a regular file", parentIsAFile, nullptr, openFailed, 1, 0, 0, ENOTDIR},
         {"read-only folder without a file", [](const QDir& d) { return d.filePath("corvi.sqlite"); }, ".",
-         openFailed, 1, 0, 0},
+         openFailed, 1, 0, 0, refused},
         {"read-only file holding sessions", twoSessions, "corvi.sqlite",
-         "SQLite: attempt to write a readonly database", 0, 1, 1},
-        {"read-only folder holding sessions", twoSessions, ".", cannotWrite, 3, 1, 0},
+         "SQLite: attempt to write a readonly database", 0, 1, 1, refused},
+        {"read-only folder holding sessions", twoSessions, ".", cannotWrite, 3, 1, 0, refused},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -108,7 +116,16 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNot
         }
         const QByteArray before = test::readFile(path);
         const QString error = QString::fromUtf8(c.error).replace(QStringLiteral("%1"), path);
+        const int reason = c.reason != refused ? c.reason
+                           : ::access(QFile::encodeName(dir.filePath(c.readOnly)).constData(), W_OK) != 0
+                               ? errno
+                               : 0;
+        const QStringList told = c.reason ? QStringList{cannotWriteTheFile(path, reason)} : QStringList();
+        QStringList toldOnStderr;
         const auto expectLogged = [&](QStringList& lines, int count) {
+            for (const QString& line : lines)
+                if (line.startsWith("CorviAgent: ")) toldOnStderr << line;
+            lines.removeIf([](const QString& line) { return line.startsWith("CorviAgent: "); });
             EXPECT_EQ(lines.size(), count) << lines.join(u'\n').toStdString();
             for (const QString& line : lines)
                 EXPECT_TRUE(error.endsWith(u'*') ? line.startsWith(error.chopped(1)) : line == error)
@@ -128,6 +145,8 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNot
             EXPECT_EQ(store.pendingCount(), c.pending);
             expectLogged(log.errorLines, c.later);
         }
+        EXPECT_EQ(toldOnStderr, told);
+        EXPECT_EQ(log.systemLines, told);
         EXPECT_EQ(test::readFile(path), before);
     }
 }
@@ -208,7 +227,9 @@ TEST(StoreFaults, FullDiskRefusesNewRowsAndLosesNoneAndRecovers) {
                       QStringList{QStringLiteral("%1|1|%1").arg(stored + 1)});
             EXPECT_EQ(queryRows(path, "PRAGMA integrity_check;"), QStringList{"ok"});
         }
-        EXPECT_TRUE(log.errorLines.isEmpty()) << log.errorLines.join(u'\n').toStdString();
+        const QStringList told{cannotWriteTheFile(path, ENOSPC)};
+        EXPECT_EQ(log.errorLines, told) << "once, however many writes were refused";
+        EXPECT_EQ(log.systemLines, told);
     }
 }
 

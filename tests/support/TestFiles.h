@@ -57,6 +57,8 @@ class ReadOnly {
     }
     // Whether writing really is refused here (the kernel's own answer, immutability included).
     bool holds() const { return ::access(path_.constData(), W_OK) != 0; }
+    // Whether the refusal outlasts a chmod by the owner (the attribute took).
+    bool immutable() const { return immutable_; }
 
   private:
     bool setImmutable(bool on) {

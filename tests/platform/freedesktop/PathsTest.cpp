@@ -1,10 +1,14 @@
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <QTemporaryDir>
+#include <cerrno>
+#include <cstring>
 #include <functional>
+#include <optional>
 
 #include "platform/Paths.h"
 #include "support/QtPrinters.h"
@@ -18,19 +22,61 @@ int modeOf(const QString& path) {
     return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? int(st.st_mode & 07777) : -1;
 }
 
-TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpAndIsPrivate) {
+// A small file system of its own at `path` while it lives; mounting needs root.
+class Tmpfs {
+  public:
+    explicit Tmpfs(const QString& path) : path_(QFile::encodeName(path)) {
+        QDir().mkpath(path);
+        mounted_ =
+            ::mount("tmpfs", path_.constData(), "tmpfs", MS_NOSUID | MS_NODEV, "size=64k,mode=0700") == 0;
+    }
+    ~Tmpfs() {
+        if (mounted_) ::umount2(path_.constData(), MNT_DETACH);
+    }
+    Tmpfs(const Tmpfs&) = delete;
+    Tmpfs& operator=(const Tmpfs&) = delete;
+
+    bool mounted() const { return mounted_; }
+    void fill() {
+        QFile filler(QFile::decodeName(path_) + "/filler");
+        filler.open(QIODevice::WriteOnly);
+        const QByteArray block(4096, 'f');
+        while (filler.write(block) == block.size() && filler.flush()) {
+        }
+    }
+
+  private:
+    QByteArray path_;
+    bool mounted_ = false;
+};
+
+TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpIsPrivateAndSaysWhyNot) {
     QTemporaryDir dir;
     ASSERT_TRUE(QDir().mkpath(dir.filePath("home")));
     ASSERT_TRUE(corvi::test::writeFile(dir.filePath("file"), "not a folder"));
     const QString tmpFallback = QStringLiteral("/tmp/CorviAgent-%1").arg(getuid());
     const bool tmpExisted = QFileInfo::exists(tmpFallback);
+    const auto fellBack = [&](const QString& base, int error) {
+        return "CorviAgent: pasta de dados em " + tmpFallback + " (" + base +
+               "/CorviAgent não pôde ser criada: " + std::strerror(error) + ")";
+    };
+    const auto cannotWrite = [&](const char* base, int error) {
+        return "CorviAgent: não é possível gravar na pasta de dados " + dir.filePath(base) +
+               "/CorviAgent: " + std::strerror(error);
+    };
+    // What a row arranges before the agent looks, undone after it.
+    std::optional<corvi::test::ReadOnly> readOnly;
+    std::optional<Tmpfs> tmpfs;
+    const auto folderIn = [&](const char* base) { return QDir().mkpath(dir.filePath(base) + "/CorviAgent"); };
 
     struct Case {
         const char* name;
         QByteArray dataHome;  // empty: unset
         QByteArray home;
         QString expected;
-        QString firstCreated;  // every folder from here down is new and must be 0700
+        QString firstCreated;                // every folder from here down must be 0700
+        QString said = {};                   // the one line in the log and on standard error
+        std::function<bool()> prepare = {};  // false: this machine cannot arrange it
     };
     const Case cases[] = {
         {"data home", dir.filePath("data").toUtf8(), dir.filePath("home").toUtf8(),
@@ -49,28 +95,67 @@ TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpAndIsPrivate) {
          {},
          dir.filePath("file").toUtf8(),
          tmpFallback,
-         tmpExisted ? QString() : tmpFallback},
+         tmpExisted ? QString() : tmpFallback,
+         fellBack(dir.filePath("file/.local/share"), ENOTDIR)},
         {"data home that is a file",
          dir.filePath("file").toUtf8(),
          dir.filePath("home").toUtf8(),
          tmpFallback,
-         {}},
+         {},
+         fellBack(dir.filePath("file"), ENOTDIR)},
+        {"folder of mode 0500 made private again",
+         dir.filePath("narrow").toUtf8(),
+         dir.filePath("home").toUtf8(),
+         dir.filePath("narrow/CorviAgent"),
+         dir.filePath("narrow/CorviAgent"),
+         {},
+         [&] {
+             return folderIn("narrow") &&
+                    ::chmod(QFile::encodeName(dir.filePath("narrow/CorviAgent")), 0500) == 0;
+         }},
+        {"folder that refuses writes",
+         dir.filePath("locked").toUtf8(),
+         dir.filePath("home").toUtf8(),
+         dir.filePath("locked/CorviAgent"),
+         {},
+         cannotWrite("locked", EPERM),
+         [&] {
+             return folderIn("locked") && readOnly.emplace(dir.filePath("locked/CorviAgent")).immutable();
+         }},
+        {"full file system", dir.filePath("full").toUtf8(), dir.filePath("home").toUtf8(),
+         dir.filePath("full/CorviAgent"), dir.filePath("full/CorviAgent"), cannotWrite("full", ENOSPC),
+         [&] {
+             if (!tmpfs.emplace(dir.filePath("full")).mounted() || !folderIn("full")) return false;
+             tmpfs->fill();
+             return true;
+         }},
     };
     for (const Case& c : cases) {
+        readOnly.reset();
+        tmpfs.reset();
+        if (c.prepare && !c.prepare()) {
+            std::printf("[  SKIPPED ] %s: cannot be arranged here\n", c.name);
+            continue;
+        }
         corvi::test::ScopedEnv dataHome("XDG_DATA_HOME", c.dataHome);
         corvi::test::ScopedEnv home("HOME", c.home);
         corvi::test::RecordingLog log;
         EXPECT_EQ(corvi::dataFolder(), c.expected) << c.name;
         EXPECT_EQ(corvi::dataFolder(), c.expected) << c.name;
-        // Once, naming the folder, when it is not the usual one.
-        const QStringList said = log.systemLines.filter("CorviAgent: pasta de dados em " + c.expected + " (");
-        EXPECT_EQ(log.systemLines.size(), c.expected == tmpFallback ? 1 : 0) << c.name;
-        EXPECT_EQ(said, log.systemLines) << c.name;
+        // Once, in both channels, naming the folder and the system's reason.
+        const QStringList said = c.said.isEmpty() ? QStringList() : QStringList{c.said};
+        EXPECT_EQ(log.systemLines, said) << c.name;
+        EXPECT_EQ(log.errorLines, said) << c.name;
         EXPECT_TRUE(QFileInfo(c.expected).isDir()) << c.name;
+        const auto anything = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
+        EXPECT_TRUE(c.expected == tmpFallback || QDir(c.expected).isEmpty(anything))
+            << c.name << ": nothing left behind";
         if (c.firstCreated.isEmpty()) continue;
         for (QString p = c.expected; p.startsWith(c.firstCreated); p = QFileInfo(p).path())
             EXPECT_EQ(modeOf(p), 0700) << c.name << ": " << p.toStdString();
     }
+    readOnly.reset();
+    tmpfs.reset();
     if (!tmpExisted) QDir().rmdir(tmpFallback);
 }
 

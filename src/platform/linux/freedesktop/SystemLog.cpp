@@ -1,6 +1,7 @@
 #include <syslog.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "platform/Log.h"
 
@@ -24,6 +25,11 @@ class SyslogSink final : public Log {
 };
 
 }  // namespace
+
+QString Log::reason(int error) {
+    char buffer[256];
+    return QString::fromLocal8Bit(::strerror_r(error, buffer, sizeof buffer));  // the GNU form
+}
 
 Log& systemLog() {
     static SyslogSink sink;
