@@ -15,5 +15,8 @@ QString machineUIDFrom(const QStringList& machineIdFiles);
 
 // The name people gave this computer, else its host name.
 QString machineName();
+// PRETTY_HOSTNAME of a machine-info file (systemd's /etc/machine-info: shell-style KEY=VALUE
+// lines); empty when it has none.
+QString prettyHostnameIn(const QString& machineInfoFile);
 
 }  // namespace corvi

@@ -31,6 +31,9 @@ struct Desktop {
     std::shared_ptr<void> keep;  // the compositor and its buses
     // Whether the agent shows a window with this title; unset where the test cannot see.
     std::function<bool(const QString& title)> agentShows;
+    // A session bus where other desktops' services are installed, none running; unset where the
+    // desktop's own fixture needs its usual services.
+    const test::DBusDaemon* quietBus = nullptr;
 };
 
 QProcessEnvironment waylandEnv(const QString& socket, const QString& desktop, const QString& bus) {
@@ -46,7 +49,7 @@ QProcessEnvironment waylandEnv(const QString& socket, const QString& desktop, co
 
 Desktop sway() {
     struct Parts {
-        test::DBusDaemon bus;
+        test::DBusDaemon bus{test::desktopServiceNames()};
         test::SwayCompositor sway;
     };
     auto parts = std::make_shared<Parts>();
@@ -57,7 +60,8 @@ Desktop sway() {
               parts,
               [s = &parts->sway](const QString& title) {
                   return s->waitForWindow("tech.stonefold.corvimetry.agent", title, false);
-              }};
+              },
+              &parts->bus};
     if (!parts->bus.ok() || !parts->sway.ok()) d.error = "no headless sway or dbus-daemon";
     d.env.insert("SWAYSOCK", parts->sway.ipcSocket());
     return d;
@@ -161,6 +165,10 @@ TEST_P(WaylandSessions, AgentRecordsAndUploadsTheFocusedApplications) {
         lastOfFirstRun + " ORDER BY client_id";
     EXPECT_GE(lastOfFirstRun.toInt(), 3);
     EXPECT_EQ(query(db, mine + " ORDER BY id"), query(dir.filePath("server.sqlite"), theirs));
+    if (desktop.quietBus) {
+        EXPECT_EQ(desktop.quietBus->started(), QStringList())
+            << "the agent made the bus start another desktop's service";
+    }
     server.kill();
     server.waitForFinished();
 }

@@ -57,4 +57,22 @@ TEST(MachineNameTest, IsNeverEmpty) {
     EXPECT_FALSE(corvi::machineName().isEmpty());
 }
 
+// Read where hostnamed reads it, when it does not run and is not started for us.
+TEST_F(HostIdentityTest, PrettyHostnameComesFromMachineInfo) {
+    const struct {
+        const char* content;
+        const char* pretty;
+    } cases[] = {
+        {"PRETTY_HOSTNAME=\"Estúdio 3 \\\"Ana\\\"\"\nCHASSIS=desktop\n", "Estúdio 3 \"Ana\""},
+        {"PRETTY_HOSTNAME='Mesa 1'\n", "Mesa 1"},
+        {"PRETTY_HOSTNAME=mesa\n", "mesa"},
+        {"CHASSIS=laptop\n", ""},
+        {"", ""},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(corvi::prettyHostnameIn(file("machine-info", c.content)), QString::fromUtf8(c.pretty))
+            << c.content;
+    EXPECT_EQ(corvi::prettyHostnameIn(dir.filePath("none")), "");
+}
+
 }  // namespace

@@ -47,16 +47,45 @@ QString machineUID() {
     return machineUIDFrom(defaultMachineIdFiles);
 }
 
+QString prettyHostnameIn(const QString& machineInfoFile) {
+    QFile file(machineInfoFile);
+    if (file.size() > 64 * 1024 || !file.open(QIODevice::ReadOnly)) return {};
+    QString value;
+    while (!file.atEnd()) {
+        const QString line = QString::fromUtf8(file.readLine()).trimmed();
+        if (line.startsWith(QLatin1String("PRETTY_HOSTNAME="))) value = line.mid(16);
+    }
+    // One quoted word, as hostnamed writes it; inside double quotes a backslash escapes.
+    if (value.size() >= 2 && value.front() == value.back() &&
+        (value.front() == u'"' || value.front() == u'\'')) {
+        const bool single = value.front() == u'\'';
+        const QString inner = value.mid(1, value.size() - 2);
+        if (single) return inner;
+        QString out;
+        for (qsizetype i = 0; i < inner.size(); ++i) {
+            if (inner[i] == u'\\' && i + 1 < inner.size()) ++i;
+            out += inner[i];
+        }
+        return out;
+    }
+    return value;
+}
+
 QString machineName() {
     // A plain call rather than QDBusInterface, which would introspect first and could block long.
     QDBusMessage call = QDBusMessage::createMethodCall(
         QStringLiteral("org.freedesktop.hostname1"), QStringLiteral("/org/freedesktop/hostname1"),
         QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
     call << QStringLiteral("org.freedesktop.hostname1") << QStringLiteral("PrettyHostname");
+    // hostnamed runs on demand: a sign-in does not start it. Not running, its file tells the same.
+    call.setAutoStartService(false);
     const QDBusMessage reply = QDBusConnection::systemBus().call(call, QDBus::Block, 500);
     if (reply.type() == QDBusMessage::ReplyMessage && !reply.arguments().isEmpty()) {
         const QString pretty = reply.arguments().first().value<QDBusVariant>().variant().toString();
         if (!pretty.isEmpty()) return pretty;
+    } else if (const QString pretty = prettyHostnameIn(QStringLiteral("/etc/machine-info"));
+               !pretty.isEmpty()) {
+        return pretty;
     }
     return QSysInfo::machineHostName();
 }

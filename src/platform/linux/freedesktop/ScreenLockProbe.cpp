@@ -1,6 +1,7 @@
 #include "platform/linux/freedesktop/ScreenLockProbe.h"
 
 #include <QDBusMessage>
+#include <QDBusServiceWatcher>
 #include <QDBusVariant>
 
 namespace corvi {
@@ -26,9 +27,29 @@ constexpr int kServiceCount = sizeof(kServices) / sizeof(kServices[0]);
 
 }  // namespace
 
-ScreenLockProbe::ScreenLockProbe(QDBusConnection sessionBus, QDBusConnection systemBus,
-                                 std::chrono::milliseconds reprobeInterval)
-    : session_(std::move(sessionBus)), system_(std::move(systemBus)), reprobeInterval_(reprobeInterval) {}
+ScreenLockProbe::ScreenLockProbe(QDBusConnection sessionBus, QDBusConnection systemBus)
+    : session_(std::move(sessionBus)),
+      system_(std::move(systemBus)),
+      sessionWatch_(watch(session_, false)),
+      systemWatch_(watch(system_, true)) {}
+
+ScreenLockProbe::~ScreenLockProbe() = default;
+
+std::unique_ptr<QDBusServiceWatcher> ScreenLockProbe::watch(QDBusConnection& bus, bool systemBus) {
+    if (!bus.isConnected()) return nullptr;
+    QStringList names;
+    for (const Service& s : kServices)
+        if (s.systemBus == systemBus) names << QString::fromLatin1(s.name);
+    auto watcher = std::make_unique<QDBusServiceWatcher>();
+    watcher->setConnection(bus);
+    watcher->setWatchMode(QDBusServiceWatcher::WatchForRegistration);
+    watcher->setWatchedServices(names);
+    // The watcher is ours and goes first: the probe outlives every call of this.
+    QObject::connect(watcher.get(), &QDBusServiceWatcher::serviceRegistered, [this] {
+        if (found_ < 0) searchDue_ = true;
+    });
+    return watcher;
+}
 
 bool ScreenLockProbe::locked() {
     if (found_ >= 0) {
@@ -36,11 +57,10 @@ bool ScreenLockProbe::locked() {
         if (a != Answer::None) return a == Answer::Locked;
         // It stopped answering: this tick's answer comes from a new search at once.
         found_ = -1;
-    } else if (searched_ && std::chrono::steady_clock::now() - lastSearch_ < reprobeInterval_) {
-        return false;
+        searchDue_ = true;
     }
-    searched_ = true;
-    lastSearch_ = std::chrono::steady_clock::now();
+    if (!searchDue_) return false;
+    searchDue_ = false;
     // Each locker has its own timeout, so one that hangs costs its timeout and no more.
     for (int i = 0; i < kServiceCount; ++i) {
         const Answer a = ask(i);
@@ -65,6 +85,9 @@ ScreenLockProbe::Answer ScreenLockProbe::ask(int index) {
         call = QDBusMessage::createMethodCall(QString::fromLatin1(s.name), QString::fromLatin1(s.path),
                                               QString::fromLatin1(s.interface), QStringLiteral("GetActive"));
     }
+    // A locker that is installed but not running stays so (GNOME's is activatable wherever
+    // GNOME is installed, whatever the desktop): the bus answers at once that nobody owns it.
+    call.setAutoStartService(false);
     const QDBusMessage reply = bus.call(call, QDBus::Block, kCallTimeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) return Answer::None;
     QVariant value = reply.arguments().constFirst();

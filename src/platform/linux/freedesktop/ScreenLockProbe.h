@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QDBusConnection>
-#include <chrono>
+#include <memory>
+
+class QDBusServiceWatcher;
 
 namespace corvi {
 
@@ -9,26 +11,31 @@ namespace corvi {
 // the session bus (freedesktop, GNOME, MATE, Cinnamon), then logind's LockedHint on the
 // system bus, in that order, each call waiting at most kCallTimeoutMs. The first that answers
 // is remembered, so a tick costs one call; when it fails to answer, the same tick searches
-// again. While none answers, the search is repeated only every `reprobeInterval`.
+// again. No call makes the bus start a locker that is installed but not running. While none
+// answers, nothing is asked until one of their names gets an owner (the bus says so), so a
+// locker that comes later is found at the next tick. Main thread: the bus's word arrives
+// through the event loop.
 class ScreenLockProbe {
   public:
     static constexpr int kCallTimeoutMs = 250;
 
-    ScreenLockProbe(QDBusConnection sessionBus, QDBusConnection systemBus,
-                    std::chrono::milliseconds reprobeInterval = std::chrono::seconds(60));
+    ScreenLockProbe(QDBusConnection sessionBus, QDBusConnection systemBus);
+    ~ScreenLockProbe();
+    ScreenLockProbe(const ScreenLockProbe&) = delete;
+    ScreenLockProbe& operator=(const ScreenLockProbe&) = delete;
 
     bool locked();
 
   private:
     enum class Answer { Locked, Unlocked, None };
     Answer ask(int service);
+    std::unique_ptr<QDBusServiceWatcher> watch(QDBusConnection& bus, bool systemBus);
 
     QDBusConnection session_;
     QDBusConnection system_;
-    std::chrono::milliseconds reprobeInterval_;
     int found_ = -1;
-    bool searched_ = false;
-    std::chrono::steady_clock::time_point lastSearch_{};
+    bool searchDue_ = true;
+    std::unique_ptr<QDBusServiceWatcher> sessionWatch_, systemWatch_;
 };
 
 }  // namespace corvi

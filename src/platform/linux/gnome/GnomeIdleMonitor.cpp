@@ -2,8 +2,8 @@
 
 #include <QDBusMessage>
 
-#include "platform/linux/gnome/GnomeShellExtension.h"
 #include "platform/linux/freedesktop/ScreenLockProbe.h"
+#include "platform/linux/gnome/GnomeShellExtension.h"
 
 namespace corvi {
 
@@ -15,9 +15,11 @@ GnomeIdleMonitor::~GnomeIdleMonitor() = default;
 double GnomeIdleMonitor::idleSeconds() {
     const auto now = std::chrono::steady_clock::now();
     if (!bus_.isConnected() || now < quietUntil_) return 0;
-    const QDBusMessage call = QDBusMessage::createMethodCall(
+    QDBusMessage call = QDBusMessage::createMethodCall(
         QStringLiteral("org.gnome.Mutter.IdleMonitor"), QStringLiteral("/org/gnome/Mutter/IdleMonitor/Core"),
         QStringLiteral("org.gnome.Mutter.IdleMonitor"), QStringLiteral("GetIdletime"));
+    // Mutter's or nobody's: asking must never make the bus start anything.
+    call.setAutoStartService(false);
     const QDBusMessage reply = bus_.call(call, QDBus::Block, kCallTimeoutMs);
     if (reply.type() == QDBusMessage::ErrorMessage &&
         reply.errorName() == QLatin1String("org.freedesktop.DBus.Error.NoReply"))

@@ -17,9 +17,10 @@ std::optional<GnomeShellExtension::Focus> GnomeShellExtension::focus() {
 
 std::optional<GnomeShellExtension::Focus> GnomeShellExtension::ask() {
     if (!bus_.isConnected()) return std::nullopt;
-    const QDBusMessage call =
+    QDBusMessage call =
         QDBusMessage::createMethodCall(QString::fromLatin1(kBusName), QString::fromLatin1(kObjectPath),
                                        QString::fromLatin1(kInterface), QStringLiteral("Get"));
+    call.setAutoStartService(false);
     const QDBusMessage reply = bus_.call(call, QDBus::Block, kCallTimeoutMs);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.signature() != QLatin1String("bssu"))
         return std::nullopt;

@@ -21,9 +21,11 @@ double KdeIdleMonitor::idleSeconds() {
 double KdeIdleMonitor::screenSaverIdleSeconds() {
     const auto now = std::chrono::steady_clock::now();
     if (!bus_.isConnected() || (silent_ && now - silentSince_ < reprobeInterval_)) return 0;
-    const auto call = QDBusMessage::createMethodCall(
+    auto call = QDBusMessage::createMethodCall(
         QStringLiteral("org.freedesktop.ScreenSaver"), QStringLiteral("/org/freedesktop/ScreenSaver"),
         QStringLiteral("org.freedesktop.ScreenSaver"), QStringLiteral("GetSessionIdleTime"));
+    // Plasma's locker, if it runs: an activatable screen saver of another desktop is not started.
+    call.setAutoStartService(false);
     const QDBusMessage reply = bus_.call(call, QDBus::Block, kCallTimeoutMs);
     bool ok = false;
     const double ms =
