@@ -223,7 +223,12 @@ std::optional<ActiveWindow::Info> X11ActiveWindow::current() {
     const std::optional<Facts> f = read(c, window);
     if (!f) return std::nullopt;
 
-    QString id = f->pid > 0 ? flatpakId(f->pid) : QString();
+    if (window != sandboxWindow_ || f->pid != sandboxPid_) {
+        sandboxWindow_ = window;
+        sandboxPid_ = f->pid;
+        sandboxId_ = f->pid > 0 ? flatpakId(f->pid) : QString();
+    }
+    QString id = sandboxId_;
     if (id.isEmpty()) id = f->gtkApplicationId;
     if (id.isEmpty()) id = f->kdeDesktopFile;
     if (id.isEmpty()) id = entries_->idForWmClass(f->instance, f->windowClass);

@@ -39,6 +39,11 @@ class X11ActiveWindow : public ActiveWindow {
 
     std::shared_ptr<X11Session> session_;
     std::unique_ptr<DesktopEntries> entries_;
+    // The Flatpak ID of the active window's process, read when the window or its pid changes:
+    // a window belongs to one process for its life, and a reused pid comes with a new window.
+    xcb_window_t sandboxWindow_ = XCB_WINDOW_NONE;
+    std::int32_t sandboxPid_ = 0;
+    QString sandboxId_;
 };
 
 }  // namespace corvi
