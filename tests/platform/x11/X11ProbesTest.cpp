@@ -139,6 +139,52 @@ TEST_F(X11ProbesTest, ActiveWindowIsDescribedByItsProperties) {
     }
 }
 
+// A steady tick asks X for the active window, its title and the idle time; what else the
+// window and the window manager say is read again when X tells of a change, by the next tick.
+TEST_F(X11ProbesTest, SteadyTickAsksLittleAndSeesEveryChange) {
+    X11Accessibility access(session_);
+    X11IdleMonitor idle(session_, nullptr);
+    const auto tick = [&] {
+        EXPECT_TRUE(access.trusted());
+        idle.idleSeconds();
+        return probe_->current();
+    };
+    const XClient::Window w =
+        activeWindow({{"_NET_WM_NAME", "UTF8_STRING", "one"}, windowClass("exedit", "ExEdit")});
+    ASSERT_TRUE(tick().has_value());
+    const std::uint64_t before = session_->requests();
+    ASSERT_TRUE(tick().has_value());
+    EXPECT_LE(session_->requests() - before, 4u) << "requests in a steady tick";
+    XClient::Window other = 0;
+    struct Change {
+        const char* row;
+        std::function<void()> change;
+        QString bundleID, title;
+    };
+    const Change changes[] = {
+        {"a new title", [&] { client_->setText(w, "_NET_WM_NAME", "UTF8_STRING", "two"); },
+         "org.example.Editor", "two"},
+        {"a new class", [&] { client_->setClass(w, "te", "Te"); }, "Te", "two"},
+        {"an application ID",
+         [&] { client_->setText(w, "_GTK_APPLICATION_ID", "UTF8_STRING", "org.gnome.TextEditor"); },
+         "org.gnome.TextEditor", "two"},
+        {"another window in front",
+         [&] {
+             other = activeWindow({{"_NET_WM_NAME", "UTF8_STRING", "three"}});
+         },
+         "unknown", "three"},
+    };
+    for (const Change& c : changes) {
+        c.change();
+        const auto info = tick();
+        ASSERT_TRUE(info.has_value()) << c.row;
+        EXPECT_EQ(info->bundleID, c.bundleID) << c.row;
+        EXPECT_EQ(info->windowTitle, c.title) << c.row;
+    }
+    client_->destroyWindow(other);
+    client_->destroyWindow(w);
+}
+
 TEST_F(X11ProbesTest, TitlesAsRealToolsWriteThem) {
     const QString utf8 = QString::fromUtf8("Relat\xc3\xb3rio \xe2\x9c\x93");
     struct Case {

@@ -31,6 +31,16 @@ X11Accessibility::X11Accessibility(std::shared_ptr<X11Session> session) : sessio
 bool X11Accessibility::trusted() {
     xcb_connection_t* c = session_->connection();
     if (!c) return false;
+    // Taken before reading, so a change while it reads is read again next time.
+    const std::uint64_t generation = session_->wmGeneration();
+    if (known_ && generation == generation_) return trusted_;
+    trusted_ = read(c);
+    known_ = true;
+    generation_ = generation;
+    return trusted_;
+}
+
+bool X11Accessibility::read(xcb_connection_t* c) {
     const X11Session::Atoms& a = session_->atoms();
     constexpr std::uint32_t kMaxAtoms = 4096;
     const auto checkCookie = session_->sent(
@@ -40,6 +50,8 @@ bool X11Accessibility::trusted() {
     const xcb_window_t check = windowIn(await(*session_, c, checkCookie));
     const PropertyReply supported = await(*session_, c, supportedCookie);
     if (check == XCB_WINDOW_NONE || !supported || supported->format != 32) return false;
+    // Followed before it is checked: once it names itself, its going is told.
+    session_->watchCheckWindow(check);
     const auto selfCookie =
         session_->sent(xcb_get_property(c, 0, check, a.netSupportingWmCheck, XCB_ATOM_WINDOW, 0, 1));
     if (windowIn(await(*session_, c, selfCookie)) != check) return false;

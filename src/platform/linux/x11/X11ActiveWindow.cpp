@@ -154,6 +154,35 @@ xcb_window_t X11ActiveWindow::activeWindow(xcb_connection_t* c) {
     return *static_cast<const xcb_window_t*>(xcb_get_property_value(p.reply.get()));
 }
 
+std::optional<X11ActiveWindow::Facts> X11ActiveWindow::facts(xcb_connection_t* c, xcb_window_t window) {
+    // Followed before it is read, so a change between the two is not missed.
+    session_->watchWindow(window);
+    const std::uint64_t generation = session_->windowGeneration();
+    if (kept_ && keptWindow_ == window && keptGeneration_ == generation) {
+        const std::optional<QString> title = readTitle(c, window);
+        if (!title) return kept_ = std::nullopt;
+        kept_->title = *title;
+        return kept_;
+    }
+    kept_ = read(c, window);
+    keptWindow_ = window;
+    keptGeneration_ = generation;
+    return kept_;
+}
+
+std::optional<QString> X11ActiveWindow::readTitle(xcb_connection_t* c, xcb_window_t w) {
+    X11Session& s = *session_;
+    constexpr std::uint32_t titleLongs = kTitleBytes / 4;
+    const auto netName =
+        s.sent(xcb_get_property(c, 0, w, s.atoms().netWmName, XCB_GET_PROPERTY_TYPE_ANY, 0, titleLongs));
+    const auto wmName =
+        s.sent(xcb_get_property(c, 0, w, XCB_ATOM_WM_NAME, XCB_GET_PROPERTY_TYPE_ANY, 0, titleLongs));
+    const Property pNetName = awaitProperty(s, c, netName);
+    const Property pWmName = awaitProperty(s, c, wmName);
+    if (pNetName.windowGone || pWmName.windowGone || xcb_connection_has_error(c)) return std::nullopt;
+    return titleOf(s, pNetName, pWmName);
+}
+
 std::optional<X11ActiveWindow::Facts> X11ActiveWindow::read(xcb_connection_t* c, xcb_window_t w) {
     X11Session& s = *session_;
     const X11Session::Atoms& a = s.atoms();
@@ -220,7 +249,7 @@ std::optional<ActiveWindow::Info> X11ActiveWindow::current() {
     if (!c) return std::nullopt;
     const xcb_window_t window = activeWindow(c);
     if (window == XCB_WINDOW_NONE) return std::nullopt;
-    const std::optional<Facts> f = read(c, window);
+    const std::optional<Facts> f = facts(c, window);
     if (!f) return std::nullopt;
 
     if (window != sandboxWindow_ || f->pid != sandboxPid_) {
@@ -250,7 +279,7 @@ QString X11ActiveWindow::focusedWindowTitle(std::int32_t pid) {
     if (!c) return {};
     const xcb_window_t window = activeWindow(c);
     if (window == XCB_WINDOW_NONE) return {};
-    const std::optional<Facts> f = read(c, window);
+    const std::optional<Facts> f = facts(c, window);
     return f && f->pid == pid ? f->title : QString();
 }
 

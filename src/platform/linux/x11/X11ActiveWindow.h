@@ -10,8 +10,9 @@
 namespace corvi {
 
 // The frontmost application on an EWMH desktop: the window named by _NET_ACTIVE_WINDOW and
-// what its properties, its process and the desktop entries say about it. Two X round trips:
-// the active window, then all of its properties at once.
+// what its properties, its process and the desktop entries say about it. A steady tick asks
+// X for the active window and its title only; what else the window says is read again when
+// it changes (X tells) or another window comes to the front.
 class X11ActiveWindow : public ActiveWindow {
   public:
     explicit X11ActiveWindow(std::shared_ptr<X11Session> session,
@@ -35,12 +36,19 @@ class X11ActiveWindow : public ActiveWindow {
     };
 
     xcb_window_t activeWindow(xcb_connection_t* c);
+    // The window's facts, from what is kept when nothing but the title can have changed.
+    std::optional<Facts> facts(xcb_connection_t* c, xcb_window_t window);
     std::optional<Facts> read(xcb_connection_t* c, xcb_window_t window);
+    // None when the window is gone.
+    std::optional<QString> readTitle(xcb_connection_t* c, xcb_window_t window);
 
     std::shared_ptr<X11Session> session_;
     std::unique_ptr<DesktopEntries> entries_;
     // The Flatpak ID of the active window's process, read when the window or its pid changes:
     // a window belongs to one process for its life, and a reused pid comes with a new window.
+    std::optional<Facts> kept_;
+    xcb_window_t keptWindow_ = XCB_WINDOW_NONE;
+    std::uint64_t keptGeneration_ = 0;
     xcb_window_t sandboxWindow_ = XCB_WINDOW_NONE;
     std::int32_t sandboxPid_ = 0;
     QString sandboxId_;

@@ -91,6 +91,11 @@ bool X11Session::connect() {
     const xcb_query_extension_reply_t* saver = xcb_get_extension_data(c, &xcb_screensaver_id);
     hasRes_ = res && res->present;
     hasScreenSaver_ = saver && saver->present;
+    // The root's property changes tell of a new active window manager or its support.
+    const std::uint32_t rootEvents = XCB_EVENT_MASK_PROPERTY_CHANGE;
+    sent(xcb_change_window_attributes(c, root_, XCB_CW_EVENT_MASK, &rootEvents));
+    ++wmGeneration_;
+    ++windowGeneration_;
     if (xcb_connection_has_error(c)) {
         disconnect();
         return false;
@@ -98,11 +103,68 @@ bool X11Session::connect() {
     return true;
 }
 
+void X11Session::takeEvents() {
+    if (!conn_) return;
+    while (xcb_generic_event_t* event = xcb_poll_for_event(conn_)) {
+        switch (event->response_type & 0x7f) {
+            case XCB_PROPERTY_NOTIFY: {
+                const auto* e = reinterpret_cast<xcb_property_notify_event_t*>(event);
+                if (e->window == root_) {
+                    if (e->atom == atoms_.netSupported || e->atom == atoms_.netSupportingWmCheck)
+                        ++wmGeneration_;
+                } else if (e->window == watched_ && e->atom != atoms_.netWmName &&
+                           e->atom != XCB_ATOM_WM_NAME) {
+                    ++windowGeneration_;
+                }
+                break;
+            }
+            case XCB_DESTROY_NOTIFY:
+                if (reinterpret_cast<xcb_destroy_notify_event_t*>(event)->window == checkWindow_) {
+                    checkWindow_ = XCB_WINDOW_NONE;
+                    ++wmGeneration_;
+                }
+                break;
+            default:  // errors of requests whose outcome nobody awaits (a window gone meanwhile)
+                break;
+        }
+        free(event);
+    }
+}
+
+std::uint64_t X11Session::wmGeneration() {
+    takeEvents();
+    return wmGeneration_;
+}
+
+std::uint64_t X11Session::windowGeneration() {
+    takeEvents();
+    return windowGeneration_;
+}
+
+void X11Session::watchWindow(xcb_window_t window) {
+    if (!conn_ || window == watched_) return;
+    const std::uint32_t none = 0, properties = XCB_EVENT_MASK_PROPERTY_CHANGE;
+    if (watched_ != XCB_WINDOW_NONE)
+        sent(xcb_change_window_attributes(conn_, watched_, XCB_CW_EVENT_MASK, &none));
+    watched_ = window;
+    if (window != XCB_WINDOW_NONE)
+        sent(xcb_change_window_attributes(conn_, window, XCB_CW_EVENT_MASK, &properties));
+    ++windowGeneration_;
+}
+
+void X11Session::watchCheckWindow(xcb_window_t window) {
+    if (!conn_ || window == checkWindow_) return;
+    const std::uint32_t structure = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+    checkWindow_ = window;
+    sent(xcb_change_window_attributes(conn_, window, XCB_CW_EVENT_MASK, &structure));
+}
+
 void X11Session::disconnect() {
     compound_.reset();
     if (conn_) xcb_disconnect(conn_);
     conn_ = nullptr;
     root_ = XCB_WINDOW_NONE;
+    watched_ = checkWindow_ = XCB_WINDOW_NONE;
     atoms_ = {};
     hasRes_ = hasScreenSaver_ = false;
 }

@@ -52,12 +52,25 @@ class X11Session {
     // round trip; the replies to everything sent before that wait arrive with it.
     template <typename Cookie>
     Cookie sent(Cookie cookie) {
+        ++requests_;
         if (static_cast<int>(cookie.sequence - lastSent_) > 0) lastSent_ = cookie.sequence;
         return cookie;
     }
     void willWait(unsigned int sequence);
-    // Round trips since the session was made, for the benchmark.
+    // Round trips and requests since the session was made, for the benchmark and tests.
     std::uint64_t roundTrips() const { return roundTrips_; }
+    std::uint64_t requests() const { return requests_; }
+
+    // What only changes when X says so is kept by the probes and read again when these move:
+    // the window manager's EWMH support (root properties, its check window going), and the
+    // watched window's class, pid and application IDs. Both move at every new connection.
+    // Reading them takes in the events queued since the last look, without a request.
+    std::uint64_t wmGeneration();
+    std::uint64_t windowGeneration();
+    // Follows this window's property changes instead of the one before.
+    void watchWindow(xcb_window_t window);
+    // Notices the window manager's check window going.
+    void watchCheckWindow(xcb_window_t window);
 
     // COMPOUND_TEXT to UTF-8 through Xlib, on a private display opened at the first need.
     // Empty when it cannot be decoded.
@@ -78,7 +91,14 @@ class X11Session {
     Atoms atoms_;
     bool hasRes_ = false;
     bool hasScreenSaver_ = false;
+    void takeEvents();
+
     unsigned int lastSent_ = 0;
+    std::uint64_t requests_ = 0;
+    std::uint64_t wmGeneration_ = 0;
+    std::uint64_t windowGeneration_ = 0;
+    xcb_window_t watched_ = XCB_WINDOW_NONE;
+    xcb_window_t checkWindow_ = XCB_WINDOW_NONE;
     unsigned int horizon_ = 0;
     std::uint64_t roundTrips_ = 0;
     std::unique_ptr<CompoundTextDecoder> compound_;
