@@ -3,6 +3,7 @@
 #include <xcb/res.h>
 #include <xcb/screensaver.h>
 
+#include <QSocketNotifier>
 #include <cstdlib>
 #include <cstring>
 
@@ -96,6 +97,12 @@ bool X11Session::connect() {
     sent(xcb_change_window_attributes(c, root_, XCB_CW_EVENT_MASK, &rootEvents));
     ++wmGeneration_;
     ++windowGeneration_;
+    notifier_ = std::make_unique<QSocketNotifier>(xcb_get_file_descriptor(c), QSocketNotifier::Read);
+    QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(), [this] {
+        takeEvents();
+        // A closed connection stays readable: the next tick's connection() takes it from here.
+        if (xcb_connection_has_error(conn_)) notifier_->setEnabled(false);
+    });
     if (xcb_connection_has_error(c)) {
         disconnect();
         return false;
@@ -160,6 +167,7 @@ void X11Session::watchCheckWindow(xcb_window_t window) {
 }
 
 void X11Session::disconnect() {
+    notifier_.reset();
     compound_.reset();
     if (conn_) xcb_disconnect(conn_);
     conn_ = nullptr;

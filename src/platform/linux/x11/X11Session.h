@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <memory>
 
+class QSocketNotifier;
+
 namespace corvi {
 
 class CompoundTextDecoder;
@@ -102,6 +104,8 @@ class X11Session {
     unsigned int horizon_ = 0;
     std::uint64_t roundTrips_ = 0;
     std::unique_ptr<CompoundTextDecoder> compound_;
+    // Events are taken as they come too, so a paused agent (no ticks) leaves none piling up.
+    std::unique_ptr<QSocketNotifier> notifier_;
 };
 
 }  // namespace corvi
