@@ -20,8 +20,10 @@ qint64 onlyChild(qint64 pid) {
 
 Machine::Machine(const QStringList& options) {
     machine_.setProcessChannelMode(QProcess::MergedChannels);
+    // The tree and its build stay in reach wherever they are (a clone under /tmp included).
     machine_.start(CORVI_MACHINE,
-                   options + QStringList{"--", "sh", "-c", "touch /run/machine/ready; exec sleep infinity"});
+                   options + QStringList{"-b", CORVI_SOURCE_DIR, "-b", CORVI_BINARY_DIR, "--", "sh", "-c",
+                                         "touch /run/machine/ready; exec sleep infinity"});
     qint64 unshare = 0;
     // The script runs unshare, whose one child is the namespace's first process.
     const bool found = waitFor(
