@@ -160,14 +160,18 @@ std::optional<X11ActiveWindow::Facts> X11ActiveWindow::facts(xcb_connection_t* c
     const std::uint64_t generation = session_->windowGeneration();
     if (kept_ && keptWindow_ == window && keptGeneration_ == generation) {
         const std::optional<QString> title = readTitle(c, window);
-        if (!title) return kept_ = std::nullopt;
+        if (!title) {
+            kept_.reset();
+            return std::nullopt;
+        }
         kept_->title = *title;
-        return kept_;
+        return *kept_;
     }
     kept_ = read(c, window);
     keptWindow_ = window;
     keptGeneration_ = generation;
-    return kept_;
+    if (!kept_) return std::nullopt;
+    return *kept_;
 }
 
 std::optional<QString> X11ActiveWindow::readTitle(xcb_connection_t* c, xcb_window_t w) {
