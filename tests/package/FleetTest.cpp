@@ -157,8 +157,10 @@ apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q corvia
 
 // The user's desktop inside the machine: Xvfb with openbox, a tray and a window in front (no
 // shell in it, whose prompt would retitle it).
-const char* const desktop = R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp & sleep 1
+const char* const desktop = R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp &
 export DISPLAY=:7
+# Clients that come before the display fail: a loaded machine may take more than a second.
+for i in $(seq 100); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
 openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request & xterm -T poster.psd -e sleep infinity & wait)";
 const QString x = "export DISPLAY=:7 XDG_SESSION_TYPE=x11; ";
 const QString dialog = "^(Atualização do Corvimetry|Corvimetry update)$";
