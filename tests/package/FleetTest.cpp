@@ -222,7 +222,8 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
     QProcess screen;
     machine->spawn(screen, desktop, true);
     ASSERT_TRUE(waitFor(
-        [&] { return user(x + "xdotool search --onlyvisible --name '^poster.psd$'").status == 0; }, 15000));
+        [&] { return user(x + "xdotool search --onlyvisible --name '^poster.psd$'").status == 0; }, 30000))
+        << "the desktop did not come up: " << screen.readAll().toStdString();
 
     const QString nextDeb = deb("corviagent", next);
     // repack: the next version unpacked to /root/r; rebuild: packed again for the feed; rule:
