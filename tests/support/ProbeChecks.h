@@ -58,15 +58,15 @@ inline ::testing::AssertionResult showsWindow(ActiveWindow& window, std::int32_t
            << "in front: pid " << info->pid << ", title \"" << info->windowTitle.toStdString() << '"';
 }
 
-// Every probe answers neutrally, for a few ticks in a row.
+// Every probe answers neutrally, for a few ticks in a row; asked in the sampler's order.
 inline void expectNeutral(ActiveWindow& window, IdleMonitor& idle, Accessibility& access,
                           std::int32_t pid = 1) {
     for (int tick = 0; tick < 3; ++tick) {
         SCOPED_TRACE(tick);
         settle(20);
+        EXPECT_EQ(idle.idleSeconds(), 0.0);
         EXPECT_FALSE(window.current().has_value());
         EXPECT_EQ(window.focusedWindowTitle(pid), QString());
-        EXPECT_EQ(idle.idleSeconds(), 0.0);
         EXPECT_FALSE(access.trusted());
     }
 }

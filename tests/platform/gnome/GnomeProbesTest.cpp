@@ -8,10 +8,10 @@
 #include <QObject>
 #include <QThread>
 
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 #include "platform/linux/gnome/GnomeAccessibility.h"
 #include "platform/linux/gnome/GnomeActiveWindow.h"
 #include "platform/linux/gnome/GnomeIdleMonitor.h"
-#include "platform/linux/freedesktop/ScreenLockProbe.h"
 #include "support/EventLoop.h"
 #include "support/GnomeShell.h"
 #include "support/ProbeChecks.h"
@@ -52,7 +52,7 @@ struct GnomeProbes {
           window(extension, std::make_unique<DesktopEntries>(
                                 QStringList{shell.dataHome() + "/applications", "/usr/share/applications"},
                                 QStringList{})),
-          idle(shell.bus(), std::make_unique<ScreenLockProbe>(shell.bus(), shell.bus())),
+          idle(shell.bus(), std::make_unique<ScreenLockProbe>(shell.bus(), shell.bus()), extension),
           access(extension, shell.bus()) {}
 
     std::shared_ptr<GnomeShellExtension> extension;
@@ -161,12 +161,12 @@ TEST_F(GnomeProbesTest, GrantingOpensTheExtensionsAppAndDisablingRevokes) {
     }
 
     ASSERT_TRUE(shell_->setExtensionEnabled(false));
-    EXPECT_FALSE(access.trusted());
+    EXPECT_TRUE(waitFor([&] { return !access.trusted(); })) << "the bus says the extension is gone";
     EXPECT_FALSE(probes_->window.current().has_value());
     EXPECT_GT(probes_->idle.idleSeconds() + 1.0, 1.0) << "the idle time does not need the extension";
 
     ASSERT_TRUE(shell_->setExtensionEnabled(true));
-    EXPECT_TRUE(access.trusted());
+    EXPECT_TRUE(waitFor([&] { return access.trusted(); }));
 }
 
 // A Shell that stops answering, then one that is gone: every probe is neutral, and each call

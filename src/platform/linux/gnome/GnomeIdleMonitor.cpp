@@ -7,8 +7,9 @@
 
 namespace corvi {
 
-GnomeIdleMonitor::GnomeIdleMonitor(QDBusConnection bus, std::unique_ptr<ScreenLockProbe> lock)
-    : bus_(std::move(bus)), lock_(std::move(lock)) {}
+GnomeIdleMonitor::GnomeIdleMonitor(QDBusConnection bus, std::unique_ptr<ScreenLockProbe> lock,
+                                   std::shared_ptr<GnomeShellExtension> shell)
+    : bus_(std::move(bus)), lock_(std::move(lock)), shell_(std::move(shell)) {}
 
 GnomeIdleMonitor::~GnomeIdleMonitor() = default;
 
@@ -22,8 +23,10 @@ double GnomeIdleMonitor::idleSeconds() {
     call.setAutoStartService(false);
     const QDBusMessage reply = bus_.call(call, QDBus::Block, kCallTimeoutMs);
     if (reply.type() == QDBusMessage::ErrorMessage &&
-        reply.errorName() == QLatin1String("org.freedesktop.DBus.Error.NoReply"))
+        reply.errorName() == QLatin1String("org.freedesktop.DBus.Error.NoReply")) {
         quietUntil_ = std::chrono::steady_clock::now() + GnomeShellExtension::kQuietAfterTimeout;
+        if (shell_) shell_->notAnswering();
+    }
     if (reply.type() != QDBusMessage::ReplyMessage || reply.signature() != QLatin1String("t")) return 0;
     return double(reply.arguments().constFirst().toULongLong()) / 1000.0;
 }

@@ -2,10 +2,10 @@
 
 #include "platform/Log.h"
 #include "platform/linux/DesktopSession.h"
+#include "platform/linux/freedesktop/ScreenLockProbe.h"
 #include "platform/linux/gnome/GnomeAccessibility.h"
 #include "platform/linux/gnome/GnomeActiveWindow.h"
 #include "platform/linux/gnome/GnomeIdleMonitor.h"
-#include "platform/linux/freedesktop/ScreenLockProbe.h"
 
 namespace corvi {
 
@@ -22,7 +22,7 @@ Probes makeGnomeProbes(const DesktopSession&) {
                            "até que seja ativada")
                 .arg(QString::fromLatin1(GnomeShellExtension::kUuid)));
     return {std::make_unique<GnomeActiveWindow>(extension),
-            std::make_unique<GnomeIdleMonitor>(bus, makeScreenLockProbe()),
+            std::make_unique<GnomeIdleMonitor>(bus, makeScreenLockProbe(), extension),
             std::make_unique<GnomeAccessibility>(extension, bus)};
 }
 

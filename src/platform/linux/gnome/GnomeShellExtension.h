@@ -1,19 +1,27 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QObject>
 #include <QString>
 #include <chrono>
 #include <cstdint>
 #include <optional>
 
+class QDBusServiceWatcher;
+
 namespace corvi {
 
-// Our GNOME Shell extension as seen from the session bus: it owns kBusName while enabled and
-// answers Get with the focused window. Asked afresh at each call, so a disabled extension or
-// a Shell that went away is noticed at the next tick, with nothing held from an earlier one. A
-// Shell that does not answer in time (hung, stopped) is left alone for a while, so it costs one
-// timeout every other tick rather than one per question.
-class GnomeShellExtension {
+// Our GNOME Shell extension as seen from the session bus: it owns kBusName while enabled,
+// answers Get with the focused window and says Changed whenever that changes. Asked once per
+// owner; after that its signals keep the answer, so a steady tick costs the Shell nothing.
+// When the name changes hands (extension disabled, Shell gone or restarted) the answer goes
+// with the old owner, and nothing is asked while the name has none. A Shell that does not
+// answer in time (hung, stopped) is left alone for a while, so it costs one timeout every
+// other tick rather than one per question. Main thread: the bus's word comes through the
+// event loop.
+class GnomeShellExtension : public QObject {
+    Q_OBJECT
+
   public:
     static constexpr const char* kUuid = "corviagent@corvimetry.stonefold.tech";
     static constexpr const char* kBusName = "tech.stonefold.corvimetry.GnomeShell";
@@ -29,15 +37,25 @@ class GnomeShellExtension {
         std::int32_t pid = 0;
     };
 
-    explicit GnomeShellExtension(QDBusConnection bus) : bus_(std::move(bus)) {}
+    explicit GnomeShellExtension(QDBusConnection bus);
+    ~GnomeShellExtension() override;
 
     // None when the extension does not answer (not enabled, no Shell, a malformed reply).
     std::optional<Focus> focus();
+    // Another call to the Shell went unanswered: a hung Shell's last word no longer stands,
+    // and it is left alone for a while.
+    void notAnswering();
+
+  private slots:
+    void changed(bool focused, const QString& appId, const QString& title, uint pid);
 
   private:
     std::optional<Focus> ask();
 
     QDBusConnection bus_;
+    QDBusServiceWatcher* watcher_ = nullptr;
+    bool mayHaveOwner_ = true;  // until the bus says the name has none
+    std::optional<Focus> known_;
     std::chrono::steady_clock::time_point quietUntil_{};
 };
 
