@@ -13,6 +13,12 @@ class Log {
     virtual ~Log() = default;
     virtual void system(const QString& line) = 0;
     virtual void error(const QString& line) = 0;
+    // A local failure (a folder or file the agent cannot write): also on standard error, for
+    // the person at a terminal or a session whose system log nobody reads.
+    virtual void failure(const QString& line) {
+        system(line);
+        error(line);
+    }
 
     // The process-wide sink; the system log and standard error until another is installed.
     static Log& sink();
@@ -25,12 +31,7 @@ class Log {
     static void sqliteOpenFailed(const QString& path) {
         sink().error(QStringLiteral("Falha ao abrir SQLite em ") + path);
     }
-    // A local failure (a folder or file the agent cannot write): also on standard error, for
-    // the person at a terminal or a session whose system log nobody reads.
-    static void localFailure(const QString& line) {
-        sink().system(line);
-        sink().error(line);
-    }
+    static void localFailure(const QString& line) { sink().failure(line); }
     // The system's words for an errno value ("Permission denied", "Read-only file system").
     static QString reason(int error);
 };

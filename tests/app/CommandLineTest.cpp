@@ -58,6 +58,7 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
         env.remove("WAYLAND_DISPLAY");
         env.insert("XDG_DATA_HOME", *c.dataHome ? dir.filePath(c.dataHome) : dir.path());
         env.insert("LC_ALL", "C.UTF-8");
+        env.insert("CORVI_LOG_STDERR", "1");  // the system log copied there: still each line once
         env.remove("LANGUAGE");
         agent.setProcessEnvironment(env);
         agent.start(CORVI_AGENT_BIN, c.args);
@@ -67,6 +68,9 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
         EXPECT_EQ(agent.exitCode(), c.status);
         const QByteArray said = c.status == 0 ? agent.readAllStandardOutput() : agent.readAllStandardError();
         EXPECT_TRUE(said.contains(c.says) && said.contains(c.alsoSays)) << said.constData();
+        if (!c.alsoSays.isEmpty()) {
+            EXPECT_EQ(said.count(c.alsoSays), 1) << said.constData();
+        }
     }
 }
 
