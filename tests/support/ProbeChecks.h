@@ -88,26 +88,6 @@ ProbeSet probeSet(std::shared_ptr<P> p) {
     return {p->window, p->idle, p->access, p};
 }
 
-// A window a test opened; closed with the object.
-class DesktopWindow {
-  public:
-    virtual ~DesktopWindow() = default;
-    virtual std::int32_t pid() const = 0;
-    // False when the client did not take the title.
-    virtual bool setTitle(const QString& title) = 0;
-};
-
-// A Wayland client's window.
-class ClientDesktopWindow : public DesktopWindow {
-  public:
-    explicit ClientDesktopWindow(ClientWindow window) : window_(std::move(window)) {}
-    std::int32_t pid() const override { return window_.pid(); }
-    bool setTitle(const QString& title) override { return window_.setTitle(title); }
-
-  private:
-    ClientWindow window_;
-};
-
 // One desktop the shared probe scenarios (ProbeScenarios.cpp) run on; each desktop's program
 // starts it once and hands it to them as the suite's parameter.
 class ProbeDesktop {

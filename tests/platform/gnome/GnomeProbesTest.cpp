@@ -71,7 +71,7 @@ class GnomeDesktop : public test::ProbeDesktop {
     std::shared_ptr<GnomeProbes> gnomeProbes() { return std::make_shared<GnomeProbes>(shell); }
     test::ProbeSet probes() override { return test::probeSet(gnomeProbes()); }
     std::unique_ptr<test::DesktopWindow> open(const QString& appId, const QString& title) override {
-        return std::make_unique<test::ClientDesktopWindow>(shell.open(ClientWindow::Foot, appId, title));
+        return std::make_unique<ClientWindow>(shell.open(ClientWindow::Foot, appId, title));
     }
     std::vector<test::WindowCase> ownCases() const override {
         return {{"entry found through StartupWMClass", "exedit", "  spaced  ", "org.example.Mapped",

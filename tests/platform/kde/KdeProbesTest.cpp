@@ -68,8 +68,8 @@ class KWinDesktop : public test::ProbeDesktop {
     test::ProbeSet probes() override { return test::probeSet(kdeProbes()); }
     // No app ID: an X client.
     std::unique_ptr<test::DesktopWindow> open(const QString& appId, const QString& title) override {
-        return std::make_unique<test::ClientDesktopWindow>(
-            appId.isEmpty() ? kwin->openXTerm(title) : kwin->open(ClientWindow::Qt, appId, title));
+        return std::make_unique<ClientWindow>(appId.isEmpty() ? kwin->openXTerm(title)
+                                                              : kwin->open(ClientWindow::Qt, appId, title));
     }
     std::vector<test::WindowCase> ownCases() const override {
         // KWin 5 lowers an X client's class; KWin 6 gives it as the client set it, as X11 has it.
@@ -97,11 +97,21 @@ class KdeProbesTest : public ::testing::Test {
     KWinDesktop& d = test::sharedDesktop<KWinDesktop>();
 };
 
-// KWin numbers a second window with the same caption, and only KWin's own connection speaks
-// for the windows.
-TEST_F(KdeProbesTest, TheTitleIsTheWindowsOwnAndOnlyKWinReportsIt) {
+// An earlier agent's copy of the script is still loaded, with another script after it: ours
+// replaces the copy, and runs although KWin numbers it like the other script. KWin numbers a
+// second window with the same caption, and only KWin's own connection speaks for the windows.
+TEST_F(KdeProbesTest, OurScriptReplacesAStaleCopyAndAloneReports) {
+    QTemporaryDir dir;
+    const QString stale = dir.filePath(QStringLiteral("stale.js")),
+                  other = dir.filePath(QStringLiteral("other.js"));
+    ASSERT_TRUE(test::writeFile(stale, "// an earlier agent's copy, calling a name that is gone\n"));
+    ASSERT_TRUE(test::writeFile(other, "// another script\n"));
+    ASSERT_GE(d.kwin->loadScript(stale, KWinScript::kPluginName), 0);
+    ASSERT_GE(d.kwin->loadScript(other, QStringLiteral("org.example.other")), 0);
     const auto p = d.kdeProbes();
     ASSERT_TRUE(p->ready()) << "the script never reported";
+    d.kwin->unloadScript(QStringLiteral("org.example.other"));
+
     const QString title = QStringLiteral("Same");
     const auto first = d.open(QStringLiteral("org.example.NoEntry"), title);
     const auto second = d.open(QStringLiteral("org.example.NoEntry"), title);
@@ -116,21 +126,6 @@ TEST_F(KdeProbesTest, TheTitleIsTheWindowsOwnAndOnlyKWinReportsIt) {
     EXPECT_EQ(answer.error().type(), QDBusError::AccessDenied);
     QDBusConnection::disconnectFromBus(impostor.name());
     EXPECT_EQ(p->window.current()->bundleID, QStringLiteral("org.example.NoEntry"));
-}
-
-// An earlier agent's copy of the script is still loaded, with another script after it. Ours
-// replaces the copy, and runs although KWin numbers it like the other script.
-TEST_F(KdeProbesTest, StaleCopyIsReplaced) {
-    QTemporaryDir dir;
-    const QString stale = dir.filePath(QStringLiteral("stale.js")),
-                  other = dir.filePath(QStringLiteral("other.js"));
-    ASSERT_TRUE(test::writeFile(stale, "// an earlier agent's copy, calling a name that is gone\n"));
-    ASSERT_TRUE(test::writeFile(other, "// another script\n"));
-    ASSERT_GE(d.kwin->loadScript(stale, KWinScript::kPluginName), 0);
-    ASSERT_GE(d.kwin->loadScript(other, QStringLiteral("org.example.other")), 0);
-
-    EXPECT_TRUE(d.kdeProbes()->ready());
-    d.kwin->unloadScript(QStringLiteral("org.example.other"));
 }
 
 // KWin dies under the probes, then a new one comes up on the same bus.

@@ -48,7 +48,7 @@ class SwayDesktop : public test::ProbeDesktop {
     }
     std::unique_ptr<test::DesktopWindow> open(const QString& appId, const QString& title) override {
         const bool qt = appId == kQtTool || appId.trimmed().isEmpty();
-        auto w = std::make_unique<test::ClientDesktopWindow>(
+        auto w = std::make_unique<ClientWindow>(
             sway.open(qt ? ClientWindow::Qt : ClientWindow::Foot, appId, title));
         // sway gives a new window the focus; one that maps late would take it from the next.
         EXPECT_TRUE(sway.waitForWindow(appId, title));

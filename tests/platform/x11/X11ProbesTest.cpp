@@ -40,6 +40,18 @@ Prop windowClass(const QByteArray& instance, const QByteArray& cls) {
     return {"WM_CLASS", "STRING", instance + '\0' + cls + '\0'};
 }
 
+struct X11Probes {
+    explicit X11Probes(const QString& display, const QStringList& entries = {})
+        : session(std::make_shared<X11Session>(display.toLocal8Bit(), 0ms)),
+          window(session, std::make_unique<DesktopEntries>(entries)),
+          idle(session, nullptr),
+          access(session) {}
+    std::shared_ptr<X11Session> session;
+    X11ActiveWindow window;
+    X11IdleMonitor idle;
+    X11Accessibility access;
+};
+
 // A bare display of its own, with the probes on it and no desktop entries.
 struct BareDisplay {
     explicit BareDisplay(const QStringList& withoutExtensions)
@@ -50,20 +62,7 @@ struct BareDisplay {
           }()) {}
     XServer server;
     XClient client{server.display()};
-    std::shared_ptr<X11Session> session = std::make_shared<X11Session>(server.display().toLocal8Bit(), 0ms);
-    X11ActiveWindow probe{session, std::make_unique<DesktopEntries>(QStringList{})};
-};
-
-struct X11Probes {
-    X11Probes(const QString& display, const QString& entries)
-        : session(std::make_shared<X11Session>(display.toLocal8Bit(), 0ms)),
-          window(session, std::make_unique<DesktopEntries>(QStringList{entries})),
-          idle(session, nullptr),
-          access(session) {}
-    std::shared_ptr<X11Session> session;
-    X11ActiveWindow window;
-    X11IdleMonitor idle;
-    X11Accessibility access;
+    X11Probes p{server.display()};
 };
 
 // One display with openbox, a client making windows and desktop entries in a temp folder.
@@ -81,7 +80,7 @@ class X11Desktop : public test::ProbeDesktop {
     }
     std::shared_ptr<X11Probes> x11Probes() {
         return std::make_shared<X11Probes>(server.display(),
-                                           entries_.filePath(QStringLiteral("applications")));
+                                           QStringList{entries_.filePath(QStringLiteral("applications"))});
     }
     test::ProbeSet probes() override { return test::probeSet(x11Probes()); }
     // A new window with these properties, made active.
@@ -251,7 +250,7 @@ TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValues) {
         const XClient::Window w = d.client.createWindow();
         if (c.netWmPid) d.client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(c.netWmPid));
         d.client.setActiveWindow(w);
-        const auto info = d.probe.current();
+        const auto info = d.p.window.current();
         ASSERT_TRUE(info.has_value());
         EXPECT_EQ(info->pid, c.pid);
         EXPECT_EQ(info->bundleID, QStringLiteral("unknown"));
@@ -274,10 +273,10 @@ TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValues) {
     };
     for (const auto& [row, set] : noWindow) {
         set();
-        EXPECT_FALSE(d.probe.current().has_value()) << row;
+        EXPECT_FALSE(d.p.window.current().has_value()) << row;
     }
-    EXPECT_EQ(X11IdleMonitor(d.session, nullptr).idleSeconds(), 0.0) << "no screen-saver extension";
-    EXPECT_FALSE(X11Accessibility(d.session).trusted()) << "no window manager";
+    EXPECT_EQ(d.p.idle.idleSeconds(), 0.0) << "no screen-saver extension";
+    EXPECT_FALSE(d.p.access.trusted()) << "no window manager";
 }
 
 // A process whose root holds a .flatpak-info is a sandboxed app; needs the right to chroot.
@@ -301,10 +300,10 @@ TEST(X11BareDisplayTest, FlatpakSandboxGivesTheAppId) {
     d.client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(child));
     d.client.setText(w, "_GTK_APPLICATION_ID", "UTF8_STRING", "org.example.Outside");
     d.client.setActiveWindow(w);
-    const auto info = d.probe.current();
+    const auto info = d.p.window.current();
     // Read once per process, not at every tick: the same window's next tick does not ask.
     QFile::rename(root.filePath(QStringLiteral(".flatpak-info")), root.filePath(QStringLiteral("gone")));
-    const auto later = d.probe.current();
+    const auto later = d.p.window.current();
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     if (!sandboxed) GTEST_SKIP() << "no permission to chroot";
@@ -321,43 +320,34 @@ TEST(X11LostDisplayTest, ProbesGoNeutralAndRecover) {
     auto first = std::make_unique<XServer>();
     ASSERT_TRUE(first->ok());
     qputenv("DISPLAY", first->display().toLocal8Bit());
-    auto session = std::make_shared<X11Session>(QByteArray(), 0ms);
-    X11ActiveWindow probe(session, std::make_unique<DesktopEntries>(QStringList{}));
-    X11IdleMonitor idle(session, nullptr);
-    X11Accessibility access(session);
-    EXPECT_TRUE(access.trusted());
-    EXPECT_TRUE(access.trustedWithPrompt());
+    X11Probes p{QString()};
+    EXPECT_TRUE(p.access.trusted());
+    EXPECT_TRUE(p.access.trustedWithPrompt());
     {
         XClient client(first->display());
         const XClient::Window w = client.createWindow();
         // Opens the Xlib display too, which must not end the process when the server goes.
         client.setText(w, "WM_NAME", "COMPOUND_TEXT", "before");
         ASSERT_TRUE(client.activate(w));
-        ASSERT_TRUE(probe.current().has_value());
-        EXPECT_EQ(probe.current()->windowTitle, QStringLiteral("before"));
+        ASSERT_TRUE(p.window.current().has_value());
+        EXPECT_EQ(p.window.current()->windowTitle, QStringLiteral("before"));
     }
     first->stopWindowManager();
-    EXPECT_FALSE(access.trusted()) << "window manager gone";
+    EXPECT_FALSE(p.access.trusted()) << "window manager gone";
 
     first->stopServer();
-    for (int tick = 0; tick < 3; ++tick) {
-        SCOPED_TRACE(tick);
-        EXPECT_FALSE(probe.current().has_value());
-        EXPECT_EQ(probe.focusedWindowTitle(getpid()), QString());
-        EXPECT_EQ(idle.idleSeconds(), 0.0);
-        EXPECT_FALSE(access.trusted());
-    }
+    test::expectNeutral(p.window, p.idle, p.access, getpid());
 
     XServer second;
     ASSERT_TRUE(second.ok());
     qputenv("DISPLAY", second.display().toLocal8Bit());
-    EXPECT_TRUE(access.trusted());
+    EXPECT_TRUE(p.access.trusted());
     XClient client(second.display());
     const XClient::Window w = client.createWindow();
     client.setText(w, "_NET_WM_NAME", "UTF8_STRING", "Back");
     ASSERT_TRUE(client.activate(w));
-    ASSERT_TRUE(probe.current().has_value());
-    EXPECT_EQ(probe.current()->windowTitle, QStringLiteral("Back"));
+    ASSERT_TRUE(p.window.current().has_value());
+    EXPECT_EQ(p.window.current()->windowTitle, QStringLiteral("Back"));
 }
 
 TEST(X11SessionTest, ReconnectIsThrottled) {
