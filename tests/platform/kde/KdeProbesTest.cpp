@@ -114,6 +114,7 @@ TEST_F(KdeProbesTest, OurScriptReplacesAStaleCopyAndAloneReports) {
 
     const QString title = QStringLiteral("Same");
     const auto first = d.open(QStringLiteral("org.example.NoEntry"), title);
+    ASSERT_TRUE(test::showsWindow(p->window, first->pid(), title));
     const auto second = d.open(QStringLiteral("org.example.NoEntry"), title);
     EXPECT_TRUE(test::showsWindow(p->window, second->pid(), title)) << "same title, second window";
 
