@@ -3,13 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <QTemporaryDir>
+#include <memory>
 #include <optional>
+#include <utility>
+#include <vector>
+
 #include "platform/Accessibility.h"
 #include "platform/ActiveWindow.h"
 #include "platform/IdleMonitor.h"
 
 #include "support/EventLoop.h"
 #include "support/TestFiles.h"
+#include "support/WaylandClients.h"
 
 namespace corvi::test {
 
@@ -70,5 +75,71 @@ inline void expectNeutral(ActiveWindow& window, IdleMonitor& idle, Accessibility
         EXPECT_FALSE(access.trusted());
     }
 }
+
+// The probes a test looks through, and what keeps them alive.
+struct ProbeSet {
+    ActiveWindow& window;
+    IdleMonitor& idle;
+    Accessibility& access;
+    std::shared_ptr<void> owner;
+};
+template <class P>
+ProbeSet probeSet(std::shared_ptr<P> p) {
+    return {p->window, p->idle, p->access, p};
+}
+
+// One desktop the shared probe scenarios (ProbeScenarios.cpp) run on; each desktop's program
+// starts it once and hands it to them as the suite's parameter.
+class ProbeDesktop {
+  public:
+    virtual ~ProbeDesktop() = default;
+    // Empty when the desktop runs; else what went wrong.
+    virtual std::string failure() const = 0;
+    // New probes on this desktop, as its backend makes them.
+    virtual ProbeSet probes() = 0;
+    // A new window with this app ID (on X11 the GTK application ID) and title, in front.
+    virtual std::unique_ptr<DesktopWindow> open(const QString& appId, const QString& title) = 0;
+    // Windows only this desktop opens, told apart by their app ID in open().
+    virtual std::vector<WindowCase> ownCases() const { return {}; }
+    // User input from outside, as a remote desktop tool sends it; false when refused.
+    virtual bool fakeInput() = 0;
+    // The environment of a session on this desktop, which the probes' factory reads.
+    virtual std::vector<std::pair<const char*, QByteArray>> sessionEnvironment() const = 0;
+};
+
+// The desktop of type D of this test program, started at its first use and stopped after
+// the last test, or when a test resets it here.
+template <class D>
+std::unique_ptr<D>& sharedDesktopSlot() {
+    struct Stop : ::testing::Environment {
+        std::unique_ptr<D> desktop;
+        void TearDown() override { desktop.reset(); }
+    };
+    static Stop* stop = static_cast<Stop*>(::testing::AddGlobalTestEnvironment(new Stop));
+    return stop->desktop;
+}
+template <class D>
+D& sharedDesktop() {
+    std::unique_ptr<D>& desktop = sharedDesktopSlot<D>();
+    if (!desktop) desktop = std::make_unique<D>();
+    return *desktop;
+}
+template <class D>
+ProbeDesktop& sharedProbeDesktop() {
+    return sharedDesktop<D>();
+}
+
+// The shared scenarios, on the desktop the parameter starts, with new probes for each test.
+class DesktopProbesTest : public ::testing::TestWithParam<ProbeDesktop& (*)()> {
+  protected:
+    void SetUp() override {
+        ASSERT_EQ(desktop.failure(), "");
+        p.emplace(desktop.probes());
+        ASSERT_TRUE(waitFor([&] { return p->access.trusted(); }, 10000))
+            << "the probes never saw the desktop";
+    }
+    ProbeDesktop& desktop = GetParam()();
+    std::optional<ProbeSet> p;
+};
 
 }  // namespace corvi::test

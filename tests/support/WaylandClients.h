@@ -14,10 +14,19 @@ QStringList asNobody(const QString& program, const QStringList& args);
 // Gives `path` to nobody when the tests run as root; false when that fails.
 bool giveToNobody(const QString& path);
 
+// A window a test opened, on any desktop; closed with the object.
+class DesktopWindow {
+  public:
+    virtual ~DesktopWindow() = default;
+    virtual std::int32_t pid() const = 0;
+    // False when the client did not take the title.
+    virtual bool setTitle(const QString& title) = 0;
+};
+
 // A real client window on a compositor, ended with the object: foot, whose shell sets each
 // line written to a fifo as its title (OSC 2), the test's Qt window, which reads them on stdin,
 // or any other program.
-class ClientWindow {
+class ClientWindow : public DesktopWindow {
   public:
     enum Kind { Foot, Qt };
     ClientWindow() = default;
@@ -28,12 +37,11 @@ class ClientWindow {
                  bool nobody = false);
     ClientWindow(ClientWindow&&) = default;
     ClientWindow& operator=(ClientWindow&&) = default;
-    ~ClientWindow() { close(); }
+    ~ClientWindow() override { close(); }
 
     bool ok() const { return process_ && process_->state() == QProcess::Running; }
-    std::int32_t pid() const { return process_ ? std::int32_t(process_->processId()) : 0; }
-    // False when the client did not take the title.
-    bool setTitle(const QString& title);
+    std::int32_t pid() const override { return process_ ? std::int32_t(process_->processId()) : 0; }
+    bool setTitle(const QString& title) override;
     void close();
 
   private:

@@ -6,7 +6,6 @@
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QObject>
-#include <QThread>
 
 #include "platform/linux/freedesktop/ScreenLockProbe.h"
 #include "platform/linux/gnome/GnomeAccessibility.h"
@@ -20,6 +19,7 @@ namespace corvi {
 namespace {
 
 using test::ClientWindow;
+using test::DesktopProbesTest;
 using test::GnomeShell;
 using test::waitFor;
 
@@ -61,117 +61,96 @@ struct GnomeProbes {
     GnomeAccessibility access;
 };
 
-class GnomeProbesTest : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() {
-        shell_ = new GnomeShell(CORVI_GNOME_EXTENSION_DATA, kEntries);
-        enabled_ = shell_->ok() && shell_->setExtensionEnabled(true);
+// One Shell with the extension enabled; foot windows.
+class GnomeDesktop : public test::ProbeDesktop {
+  public:
+    std::string failure() const override {
+        if (!shell.ok()) return "gnome-shell did not start:\n" + shell.log().toStdString();
+        return enabled ? "" : "the extension was not enabled:\n" + shell.log().toStdString();
     }
-    static void TearDownTestSuite() { delete shell_; }
-    void SetUp() override {
-        ASSERT_TRUE(shell_->ok()) << "gnome-shell did not start:\n" << shell_->log().toStdString();
-        ASSERT_TRUE(enabled_) << "the extension was not enabled:\n" << shell_->log().toStdString();
-        probes_ = std::make_unique<GnomeProbes>(*shell_);
+    std::shared_ptr<GnomeProbes> gnomeProbes() { return std::make_shared<GnomeProbes>(shell); }
+    test::ProbeSet probes() override { return test::probeSet(gnomeProbes()); }
+    std::unique_ptr<test::DesktopWindow> open(const QString& appId, const QString& title) override {
+        return std::make_unique<ClientWindow>(shell.open(ClientWindow::Foot, appId, title));
+    }
+    std::vector<test::WindowCase> ownCases() const override {
+        return {{"entry found through StartupWMClass", "exedit", "  spaced  ", "org.example.Mapped",
+                 "Mapped Editor"}};
+    }
+    // Through Mutter's remote desktop interface, as a remote desktop client sends it.
+    bool fakeInput() override {
+        QDBusConnection bus = shell.bus();
+        const QString rd = QStringLiteral("org.gnome.Mutter.RemoteDesktop");
+        const QDBusMessage created = bus.call(QDBusMessage::createMethodCall(
+            rd, QStringLiteral("/org/gnome/Mutter/RemoteDesktop"), rd, QStringLiteral("CreateSession")));
+        const QString session = created.arguments().value(0).value<QDBusObjectPath>().path();
+        const auto sessionCall = [&](const char* method, const QVariantList& args = {}) {
+            QDBusMessage m =
+                QDBusMessage::createMethodCall(rd, session, rd + ".Session", QString::fromLatin1(method));
+            m.setArguments(args);
+            return bus.call(m).type() == QDBusMessage::ReplyMessage;
+        };
+        const bool moved = sessionCall("Start") && sessionCall("NotifyPointerMotionRelative", {10.0, 10.0});
+        sessionCall("Stop");
+        return moved;
+    }
+    std::vector<std::pair<const char*, QByteArray>> sessionEnvironment() const override {
+        const QProcessEnvironment env = shell.clientEnvironment();
+        return {{"XDG_SESSION_TYPE", "wayland"},
+                {"XDG_CURRENT_DESKTOP", "GNOME"},
+                {"WAYLAND_DISPLAY", env.value(QStringLiteral("WAYLAND_DISPLAY")).toLocal8Bit()},
+                {"DBUS_SESSION_BUS_ADDRESS",
+                 env.value(QStringLiteral("DBUS_SESSION_BUS_ADDRESS")).toLocal8Bit()}};
     }
 
-    static inline GnomeShell* shell_ = nullptr;
-    static inline bool enabled_ = false;
-    std::unique_ptr<GnomeProbes> probes_;
+    GnomeShell shell{CORVI_GNOME_EXTENSION_DATA, kEntries};
+    bool enabled = shell.ok() && shell.setExtensionEnabled(true);
 };
 
-TEST_F(GnomeProbesTest, FocusedWindowIsNamedByItsDesktopEntry) {
-    ActiveWindow& window = probes_->window;
-    const test::WindowCase cases[] = {
-        {"entry named after the app ID", "org.example.Editor",
-         QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 caf\xc3\xa9 \xe2\x9c\x93"), "org.example.Editor",
-         "Example Editor"},
-        {"entry found through StartupWMClass", "exedit", "  spaced  ", "org.example.Mapped", "Mapped Editor"},
-        {"no entry: the app ID names itself", "no.entry.App", "x", "no.entry.App", "no.entry.App"},
-    };
-    std::vector<ClientWindow> open;
-    for (const test::WindowCase& c : cases) {
-        SCOPED_TRACE(c.row);
-        open.push_back(shell_->open(ClientWindow::Foot, c.appId, c.title));
-        ASSERT_TRUE(test::showsWindow(window, open.back().pid(), c.title))
-            << "the new window never came to the front with its own title";
-        test::expectDescribes(window, c, open.back().pid());
-    }
+INSTANTIATE_TEST_SUITE_P(Gnome, DesktopProbesTest,
+                         ::testing::Values(&test::sharedProbeDesktop<GnomeDesktop>));
 
-    // A title change is there by the next tick, and the extension announces it.
-    ChangeRecorder changes(shell_->bus());
-    open.back().setTitle(QStringLiteral("Second title"));
-    EXPECT_TRUE(waitFor(
-        [&] { return window.focusedWindowTitle(open.back().pid()) == QStringLiteral("Second title"); },
-        3000));
-    EXPECT_TRUE(waitFor([&] { return changes.titles.contains(QStringLiteral("Second title")); }, 3000));
-
-    // Closing the front window gives the focus back to the one under it; with none left there
-    // is no front application, and the permission still holds.
-    open.back().close();
-    EXPECT_TRUE(test::showsWindow(window, open[1].pid(), cases[1].title));
-    open.clear();
-    EXPECT_TRUE(waitFor([&] { return !window.current(); }));
-    EXPECT_TRUE(probes_->access.trusted());
-}
-
-TEST_F(GnomeProbesTest, IdleTimeGrowsWithoutInputAndInputResetsIt) {
-    IdleMonitor& idle = probes_->idle;
-    const double before = idle.idleSeconds();
-    QThread::msleep(1100);
-    EXPECT_GE(idle.idleSeconds(), before + 1.0);
-    EXPECT_FALSE(idle.screenLocked()) << "the Shell's own screen saver says unlocked";
-
-    // Input through Mutter's remote desktop interface, as a remote desktop client sends it.
-    QDBusConnection bus = shell_->bus();
-    const QString rd = QStringLiteral("org.gnome.Mutter.RemoteDesktop");
-    const QDBusMessage created = bus.call(QDBusMessage::createMethodCall(
-        rd, QStringLiteral("/org/gnome/Mutter/RemoteDesktop"), rd, QStringLiteral("CreateSession")));
-    ASSERT_EQ(created.type(), QDBusMessage::ReplyMessage) << created.errorMessage().toStdString();
-    const QString session = created.arguments().value(0).value<QDBusObjectPath>().path();
-    const auto sessionCall = [&](const char* method, const QVariantList& args = {}) {
-        QDBusMessage m =
-            QDBusMessage::createMethodCall(rd, session, rd + ".Session", QString::fromLatin1(method));
-        m.setArguments(args);
-        return bus.call(m);
-    };
-    const QDBusMessage started = sessionCall("Start");
-    ASSERT_EQ(started.type(), QDBusMessage::ReplyMessage) << started.errorMessage().toStdString();
-    ASSERT_GE(idle.idleSeconds(), 1.0);
-    sessionCall("NotifyPointerMotionRelative", {10.0, 10.0});
-    EXPECT_TRUE(waitFor([&] { return idle.idleSeconds() < 1.0; }, 2000)) << "pointer motion did not count";
-    sessionCall("Stop");
-}
-
-TEST_F(GnomeProbesTest, GrantingOpensTheExtensionsAppAndDisablingRevokes) {
-    GnomeAccessibility& access = probes_->access;
+// The extension announces a title change; it opens the Extensions app, where the person
+// enables it, and disabling it revokes the permission.
+TEST(GnomeProbesTest, TheExtensionAnnouncesChangesAndDisablingRevokes) {
+    GnomeDesktop& d = test::sharedDesktop<GnomeDesktop>();
+    ASSERT_EQ(d.failure(), "");
+    const auto probes = d.gnomeProbes();
+    GnomeAccessibility& access = probes->access;
     EXPECT_TRUE(access.trusted());
 
-    // The Extensions app, started through the bus, is where the person enables the extension.
+    ChangeRecorder changes(d.shell.bus());
+    const auto w = d.open(QStringLiteral("org.example.Editor"), QStringLiteral("First title"));
+    ASSERT_TRUE(test::showsWindow(probes->window, w->pid(), QStringLiteral("First title")));
+    ASSERT_TRUE(w->setTitle(QStringLiteral("Second title")));
+    EXPECT_TRUE(waitFor([&] { return changes.titles.contains(QStringLiteral("Second title")); }, 3000));
+
     ASSERT_TRUE(access.openGrantPlace());
     EXPECT_TRUE(waitFor(
         [&] {
-            const auto info = probes_->window.current();
+            const auto info = probes->window.current();
             return info && info->bundleID == QStringLiteral("org.gnome.Extensions");
         },
         20000))
         << "the Extensions app never came to the front";
-    if (const auto info = probes_->window.current(); info && info->pid > 0) {
+    if (const auto info = probes->window.current(); info && info->pid > 0) {
         EXPECT_EQ(info->appName, QStringLiteral("Extensions"));
         ::kill(info->pid, SIGTERM);
     }
 
-    ASSERT_TRUE(shell_->setExtensionEnabled(false));
+    ASSERT_TRUE(d.shell.setExtensionEnabled(false));
     EXPECT_TRUE(waitFor([&] { return !access.trusted(); })) << "the bus says the extension is gone";
-    EXPECT_FALSE(probes_->window.current().has_value());
-    EXPECT_GT(probes_->idle.idleSeconds() + 1.0, 1.0) << "the idle time does not need the extension";
+    EXPECT_FALSE(probes->window.current().has_value());
+    EXPECT_GT(probes->idle.idleSeconds() + 1.0, 1.0) << "the idle time does not need the extension";
 
-    ASSERT_TRUE(shell_->setExtensionEnabled(true));
+    ASSERT_TRUE(d.shell.setExtensionEnabled(true));
     EXPECT_TRUE(waitFor([&] { return access.trusted(); }));
 }
 
 // A Shell that stops answering, then one that is gone: every probe is neutral, and each call
 // returns.
 TEST(GnomeLostShellTest, HungThenKilledShellGivesNeutralValues) {
+    test::sharedDesktopSlot<GnomeDesktop>().reset();  // two Shells do not run side by side
     GnomeShell shell(CORVI_GNOME_EXTENSION_DATA, kEntries);
     ASSERT_TRUE(shell.ok()) << shell.log().toStdString();
     ASSERT_TRUE(shell.setExtensionEnabled(true));

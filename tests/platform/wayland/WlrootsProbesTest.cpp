@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include "platform/linux/DesktopSession.h"
@@ -17,6 +16,7 @@ namespace corvi {
 namespace {
 
 using test::ClientWindow;
+using test::DesktopProbesTest;
 using test::SwayCompositor;
 using namespace std::chrono_literals;
 
@@ -38,111 +38,60 @@ struct WlrProbes {
     WlrAccessibility access;
 };
 
-// One sway with two foot windows and a Qt window on it.
-class WlrootsProbesTest : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() {
-        sway_ = new SwayCompositor();
-        if (!sway_->ok()) return;
-        for (const test::WindowCase& c : kCases)
-            windows_.push_back(sway_->open(
-                c.appId == kQtTool || c.appId.trimmed().isEmpty() ? ClientWindow::Qt : ClientWindow::Foot,
-                c.appId, c.title));
-        // All mapped before the first test, so none steals the focus later.
-        ready_ = true;
-        for (const test::WindowCase& c : kCases)
-            ready_ = ready_ && sway_->waitForWindow(c.appId, c.title, false);
+// One sway; foot windows, and Qt windows for the Qt tool and a blank app ID.
+class SwayDesktop : public test::ProbeDesktop {
+  public:
+    std::string failure() const override { return sway.ok() ? "" : "sway did not start"; }
+    test::ProbeSet probes() override {
+        return test::probeSet(std::make_shared<WlrProbes>(sway.socket(), QStringList{test::exampleEntries()},
+                                                          sway.ipcSocket()));
     }
-    static void TearDownTestSuite() {
-        windows_.clear();
-        delete sway_;
+    std::unique_ptr<test::DesktopWindow> open(const QString& appId, const QString& title) override {
+        const bool qt = appId == kQtTool || appId.trimmed().isEmpty();
+        auto w = std::make_unique<ClientWindow>(
+            sway.open(qt ? ClientWindow::Qt : ClientWindow::Foot, appId, title));
+        // sway gives a new window the focus; one that maps late would take it from the next.
+        EXPECT_TRUE(sway.waitForWindow(appId, title));
+        return w;
     }
-    void SetUp() override {
-        ASSERT_TRUE(ready_);
-        probes_ = std::make_unique<WlrProbes>(sway_->socket(), QStringList{test::exampleEntries()},
-                                              sway_->ipcSocket());
+    std::vector<test::WindowCase> ownCases() const override {
+        return {
+            {"Qt window without an entry: the ID names it", kQtTool,
+             QString::fromUtf8("  Qt \xe2\x98\x85 janela, spaces kept  "), kQtTool, kQtTool},
+            // foot 1.21 refuses an empty app ID (it sends "foot"); Qt sends the blank one it is given.
+            {"a blank app ID", " ", "no app id", "unknown", "unknown"},
+        };
     }
-    // Focuses the window with this title and waits until sway says so; then one short turn of
-    // the event loop, as between two ticks.
-    void focus(const QString& appId, const QString& title) {
-        const QString criteria = QStringLiteral("[title=\"^%1$\"]").arg(QRegularExpression::escape(title));
-        ASSERT_TRUE(test::waitFor([&] {
-            return sway_->run(QStringLiteral("swaymsg"), {criteria, QStringLiteral("focus")});
-        }));
-        ASSERT_TRUE(sway_->waitForWindow(appId, title));
-        test::settle(100);
+    bool fakeInput() override {
+        return sway.run(QStringLiteral("wtype"), {QStringLiteral("-k"), QStringLiteral("Shift_L")});
+    }
+    // SWAYSOCK gives the pid.
+    std::vector<std::pair<const char*, QByteArray>> sessionEnvironment() const override {
+        return {{"XDG_SESSION_TYPE", "wayland"},
+                {"XDG_CURRENT_DESKTOP", "sway"},
+                {"WAYLAND_DISPLAY", sway.socket().toLocal8Bit()},
+                {"SWAYSOCK", sway.ipcSocket().toLocal8Bit()}};
     }
 
-    static inline SwayCompositor* sway_ = nullptr;
-    static inline bool ready_ = false;
-    static inline const QString kEditor = QStringLiteral("org.example.Editor");
     static inline const QString kQtTool = QStringLiteral("org.example.QtTool");
-    static inline const test::WindowCase kCases[] = {
-        {"foot, named by its desktop entry, UTF-8 title", kEditor,
-         QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 caf\xc3\xa9"), kEditor, "Example Editor"},
-        {"Qt window without an entry: the ID names it", kQtTool, QString::fromUtf8("Qt \xe2\x98\x85 janela"),
-         kQtTool, kQtTool},
-        // foot 1.21 refuses an empty app ID (it sends "foot"); Qt sends the blank one it is given.
-        {"a blank app ID", " ", "no app id", "unknown", "unknown"},
-    };
-    static inline std::vector<ClientWindow> windows_;  // one per case
-    std::unique_ptr<WlrProbes> probes_;
+    SwayCompositor sway;
 };
 
-TEST_F(WlrootsProbesTest, FocusedWindowAsTheCompositorListsIt) {
-    EXPECT_TRUE(probes_->access.trusted());
-    for (size_t i = 0; i < std::size(kCases); ++i) {
-        SCOPED_TRACE(kCases[i].row);
-        focus(kCases[i].appId, kCases[i].title);
-        test::expectDescribes(probes_->window, kCases[i], windows_[i].pid());
-    }
+INSTANTIATE_TEST_SUITE_P(Sway, DesktopProbesTest, ::testing::Values(&test::sharedProbeDesktop<SwayDesktop>));
 
-    // Title changes from inside each client (foot's shell, Qt), seen by the next tick.
-    const QString retitled[] = {QString::fromUtf8("vim \xe2\x80\x94 notas.txt \xf0\x9f\x93\x9d"),
-                                QStringLiteral("  spaces kept  ")};
-    for (size_t i = 0; i < std::size(retitled); ++i) {
-        SCOPED_TRACE(kCases[i].row);
-        focus(kCases[i].appId, kCases[i].title);
-        ASSERT_TRUE(windows_[i].setTitle(retitled[i]));
-        ASSERT_TRUE(sway_->waitForWindow(kCases[i].appId, retitled[i]));
-        test::settle(100);
-        EXPECT_EQ(probes_->window.current().value_or(ActiveWindow::Info{}).windowTitle, retitled[i]);
-    }
-
-    // An empty workspace has no focused window.
-    ASSERT_TRUE(sway_->run(QStringLiteral("swaymsg"), {QStringLiteral("workspace"), QStringLiteral("9")}));
-    ASSERT_TRUE(sway_->waitForWindow(QString(), QStringLiteral("9")));
-    test::settle(100);
-    EXPECT_FALSE(probes_->window.current().has_value());
-    EXPECT_EQ(probes_->window.focusedWindowTitle(windows_[1].pid()), QString());
-    EXPECT_TRUE(probes_->access.trusted()) << "the permission does not depend on a focused window";
-    ASSERT_TRUE(sway_->run(QStringLiteral("swaymsg"), {QStringLiteral("workspace"), QStringLiteral("1")}));
-}
-
-TEST_F(WlrootsProbesTest, IdleGrowsWithoutInputAndDropsAfterInput) {
-    ASSERT_TRUE(probes_->session->refresh());
-    EXPECT_TRUE(probes_->idle.watching()) << "sway 1.7 offers the KDE idle protocol";
-    EXPECT_TRUE(test::waitFor([&] { return probes_->idle.idleSeconds() >= 2.0; }, 6000));
-    EXPECT_LT(probes_->idle.idleSeconds(), 30.0);
-    ASSERT_TRUE(sway_->run(QStringLiteral("wtype"), {QStringLiteral("-k"), QStringLiteral("Shift_L")}));
-    EXPECT_TRUE(test::waitFor([&] { return probes_->idle.idleSeconds() < 1.0; }, 2000));
-    EXPECT_FALSE(probes_->idle.screenLocked()) << "no lock probe: not locked";
-}
-
-// The agent's own way in: a sway session's environment. What it then records is the agent
-// test's to check.
-TEST_F(WlrootsProbesTest, MadeForASwaySession) {
-    const test::ScopedEnv type("XDG_SESSION_TYPE", "wayland"), desktop("XDG_CURRENT_DESKTOP", "sway"),
-        display("WAYLAND_DISPLAY", sway_->socket().toLocal8Bit()),
-        ipc("SWAYSOCK", sway_->ipcSocket().toLocal8Bit());
-    ASSERT_TRUE(windows_[1].setTitle(QStringLiteral("sampled")));
-    focus(kQtTool, QStringLiteral("sampled"));
-    test::RecordingLog log;
-    Probes probes = makeProbes();
-    EXPECT_TRUE(probes.accessibility->trusted());
-    EXPECT_EQ(probes.window->current().value_or(ActiveWindow::Info{}).pid, windows_[1].pid())
-        << "from SWAYSOCK";
-    EXPECT_TRUE(log.systemLines.isEmpty()) << "a supported session logs nothing";
+// An empty workspace has no focused window, though the other one's windows are still there.
+TEST(WlrootsProbesTest, AnEmptyWorkspaceHasNoFocusedWindow) {
+    SwayDesktop& d = test::sharedDesktop<SwayDesktop>();
+    ASSERT_EQ(d.failure(), "");
+    const auto w = d.open(QStringLiteral("org.example.Editor"), QStringLiteral("elsewhere"));
+    WlrProbes p(d.sway.socket(), {}, d.sway.ipcSocket());
+    ASSERT_TRUE(test::showsWindow(p.window, w->pid(), QStringLiteral("elsewhere")));
+    ASSERT_TRUE(d.sway.run(QStringLiteral("swaymsg"), {QStringLiteral("workspace"), QStringLiteral("9")}));
+    ASSERT_TRUE(d.sway.waitForWindow(QString(), QStringLiteral("9")));
+    EXPECT_TRUE(test::waitFor([&] { return !p.window.current(); }));
+    EXPECT_EQ(p.window.focusedWindowTitle(w->pid()), QString());
+    EXPECT_TRUE(p.access.trusted()) << "the permission does not depend on a focused window";
+    ASSERT_TRUE(d.sway.run(QStringLiteral("swaymsg"), {QStringLiteral("workspace"), QStringLiteral("1")}));
 }
 
 // sway dies mid-run: neutral answers, then a new sway under $WAYLAND_DISPLAY is picked up.
