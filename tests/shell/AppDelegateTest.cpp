@@ -5,7 +5,6 @@
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
-#include <QProcess>
 #include <QScopeGuard>
 #include <QSettings>
 #include <QSystemTrayIcon>
@@ -13,21 +12,22 @@
 #include <QTest>
 #include <QTimer>
 
+#include "BuildConfig.h"
 #include "StandIns.h"
 #include "capture/Sampler.h"
 #include "model/RecordingLoginItem.h"
 #include "platform/Paths.h"
-#include "BuildConfig.h"
 #include "shell/AppDelegate.h"
 #include "shell/PermissionWindowController.h"
 #include "shell/SettingsPopoverController.h"
-#include "ui/PermissionView.h"
-#include "ui/ThemedWidgets.h"
 #include "shell/StatusMenu.h"
 #include "store/Store.h"
+#include "support/Desktop.h"
 #include "support/EventLoop.h"
 #include "support/RecordingLog.h"
 #include "support/TestFiles.h"
+#include "ui/PermissionView.h"
+#include "ui/ThemedWidgets.h"
 
 namespace corvi {
 namespace {
@@ -254,7 +254,8 @@ TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSig
         EXPECT_FALSE(settings->popover()->windowFlags().testFlag(Qt::Popup)) << "a first-run popup";
         ASSERT_TRUE(permission->isOnScreen());
         permission->window()->close();
-        EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000)) << "the reminder did not show it";
+        EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000))
+            << "the reminder did not show it";
 
         // The menu's entry closes the shown settings; the window's step 1 opens the desktop's
         // own place to grant it, else the help page.
@@ -297,9 +298,8 @@ TEST_F(AppDelegateTest, TrayPositionIsWrittenOnceAndAHiddenIconLoggedOnlyWithout
     } cases[] = {{"no tray host", -1}, {"trayer running", 0}, {"trayer a second late", 1000}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        QProcess trayer;
-        const auto startTrayer = [&] { trayer.start("trayer", {"--SetDockType", "true", "--edge", "top"}); };
-        if (c.trayerAt == 0) startTrayer();
+        test::Desktop& desktop = *test::Desktop::entered();
+        if (c.trayerAt == 0) desktop.startTray();
         ASSERT_TRUE(waitFor([&] { return StatusMenu::trayHostPresent() == (c.trayerAt == 0); }, 5000));
         log.systemLines.clear();
         auto delegate = makeDelegate();
@@ -309,7 +309,7 @@ TEST_F(AppDelegateTest, TrayPositionIsWrittenOnceAndAHiddenIconLoggedOnlyWithout
         QSettings(settings, QSettings::IniFormat).setValue(key, 512);  // where the person dragged it
         if (c.trayerAt > 0) {
             settle(c.trayerAt);
-            startTrayer();
+            desktop.startTray();
         }
         settle(2500 - qMax(c.trayerAt, 0));
         EXPECT_FALSE(log.systemLines.contains(line)) << "logged before 3 seconds";
@@ -319,8 +319,7 @@ TEST_F(AppDelegateTest, TrayPositionIsWrittenOnceAndAHiddenIconLoggedOnlyWithout
         const QSystemTrayIcon* item = delegate->statusMenu()->statusItem();
         EXPECT_EQ(item && !item->geometry().isEmpty(), c.trayerAt >= 0);
         delegate.reset();
-        trayer.kill();
-        trayer.waitForFinished(5000);
+        desktop.stopTray();
     }
 }
 

@@ -21,7 +21,7 @@
 #include "support/DBusDaemon.h"
 #include "support/EventLoop.h"
 #include "support/RecordingLog.h"
-#include "support/ReferenceServer.h"
+#include "support/ServerProcess.h"
 #include "support/TestFiles.h"
 #include "ui/UpdateDialog.h"
 #include "update/SparkleVersion.h"
@@ -72,7 +72,7 @@ struct Release {
 class UpdaterTest : public ::testing::Test {
   protected:
     inline static QTemporaryDir dir;
-    inline static QProcess* server = nullptr;
+    inline static test::ServerProcess* server = nullptr;
     inline static QString base;
     inline static QByteArray publicKey;
     inline static QByteArray package = QByteArray("corviagent 2.1.0 package\n").repeated(4000);
@@ -101,17 +101,12 @@ class UpdaterTest : public ::testing::Test {
         QSslConfiguration::setDefaultConfiguration(tls);
         QDir().mkpath(file("updates"));
         ASSERT_TRUE(test::writeFile(file("updates/corviagent_2.1.0_amd64.deb"), package));
-        server = new QProcess;
-        base = test::startReferenceServer(*server, QStringLiteral(CORVI_SERVER_BIN),
-                                          {"--db", file("server.sqlite"), "--updates", file("updates"),
-                                           "--tls-cert", file("tls.crt"), "--tls-key", file("tls.key")});
+        server = new test::ServerProcess(dir.path(), {"--updates", file("updates"), "--tls-cert",
+                                                      file("tls.crt"), "--tls-key", file("tls.key")});
+        base = server->base();
         ASSERT_TRUE(base.startsWith(u"https://")) << base.toStdString();
     }
-    static void TearDownTestSuite() {
-        server->kill();
-        server->waitForFinished();
-        delete server;
-    }
+    static void TearDownTestSuite() { delete server; }
 
     void SetUp() override {
         ASSERT_TRUE(systemBus.ok());
