@@ -78,17 +78,6 @@ class ServerProcess {
     QString base() const { return base_; }
     QString db() const { return db_; }
 
-    // Signs Ana in and enrolls a machine as the settings do; answers its API key, empty when
-    // refused.
-    QString enroll() const {
-        const auto login = httpCall("POST", base_ + "/auth/login", {},
-                                    R"({"email":"ana@studio.example","password":"s3cret"})");
-        const auto enrolled = httpCall("POST", base_ + "/v1/enroll-self",
-                                       {{"X-Auth-Token", login.json()["token"].toString().toUtf8()}},
-                                       R"({"machine_uid":"E2E-MACHINE","machine_name":"Test desktop"})");
-        return enrolled.status == 200 ? enrolled.json()["api_key"].toString() : QString();
-    }
-
   private:
     QString db_;
     QProcess process_;
