@@ -24,6 +24,7 @@
 #include "store/Store.h"
 #include "support/Desktop.h"
 #include "support/EventLoop.h"
+#include "support/FakeDesktop.h"
 #include "support/RecordingLog.h"
 #include "support/TestFiles.h"
 #include "ui/PermissionView.h"
@@ -64,24 +65,24 @@ class AppDelegateTest : public ::testing::Test {
 
     std::unique_ptr<AppDelegate> makeDelegate(double sampleInterval = 3600, double reminder = 3600) {
         AgentServices s;
-        s.window = std::unique_ptr<ActiveWindow>(window = new test::StandInWindow);
-        s.idle = std::unique_ptr<IdleMonitor>(idle = new test::StandInIdle);
+        s.window = std::unique_ptr<ActiveWindow>(window = new test::FakeDesktop);
+        s.idle = std::unique_ptr<IdleMonitor>(idle = new test::FakeDesktop);
         s.accessibility = std::unique_ptr<Accessibility>(access = new test::StandInAccessibility);
-        s.cpu = std::unique_ptr<CpuTimeSource>(cpu = new test::StandInCpu);
+        s.cpu = std::unique_ptr<CpuTimeSource>(cpu = new test::FakeCpu);
         s.adminAuth = std::unique_ptr<AdminAuth>(admin = new test::ScriptedAdminAuth);
         s.passcodePrompt = std::make_unique<test::ScriptedPrompt>();
-        s.clock = std::unique_ptr<Clock>(clock = new test::StepClock);
+        s.clock = std::unique_ptr<Clock>(clock = new test::HandClock);
         s.openUrl = [this](const QUrl& url) { opened << url.toString(); };
         return std::make_unique<AppDelegate>(std::move(s), AgentTiming{sampleInterval, 3600, reminder, 0.3});
     }
 
     test::RecordingLog log;
-    test::StandInWindow* window = nullptr;
-    test::StandInIdle* idle = nullptr;
+    test::FakeDesktop* window = nullptr;  // its idle and lock are unread
+    test::FakeDesktop* idle = nullptr;    // its window is unread
     test::StandInAccessibility* access = nullptr;
-    test::StandInCpu* cpu = nullptr;
+    test::FakeCpu* cpu = nullptr;
     test::ScriptedAdminAuth* admin = nullptr;
-    test::StepClock* clock = nullptr;
+    test::HandClock* clock = nullptr;
     QStringList opened;
 };
 
