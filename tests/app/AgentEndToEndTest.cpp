@@ -2,6 +2,7 @@
 // sway, KWin and GNOME Shell), with real client windows, signed in to the real reference server
 // on loopback and driven as a person would drive it. Each desktop's session bus has the other
 // desktops' services installed and none running: the agent must make it start none of them.
+// And what the program says before it needs a desktop.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -18,6 +19,7 @@
 #include <map>
 #include <memory>
 
+#include "BuildConfig.h"
 #include "support/DBusDaemon.h"
 #include "support/Desktop.h"
 #include "support/EventLoop.h"
@@ -397,6 +399,66 @@ INSTANTIATE_TEST_SUITE_P(Desktops, AgentOnDesktops,
                          ::testing::Values(std::make_pair("X11", &x11), std::make_pair("sway", &sway),
                                            std::make_pair("KWin", &kwin), std::make_pair("GNOME", &gnome)),
                          [](const auto& info) { return std::string(info.param.first); });
+
+TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
+    struct Case {
+        const char* name;
+        QStringList args;
+        int status;
+        QByteArray says;            // on standard output for status 0, else on standard error
+        const char* dataHome = "";  // under the test's folder; its CorviAgent folder refuses writes
+        QByteArray alsoSays = {};
+    };
+    QTemporaryDir dir;
+    const QString locked = dir.filePath("locked");
+    const Case cases[] = {
+        {"version", {"--version"}, 0, QByteArray("CorviAgent ") + build::version},
+        {"help", {"--help"}, 0, "Usage: corviagent"},
+        {"unknown option", {"--frobnicate"}, 2, "unknown option --frobnicate"},
+        {"no display", {}, 1, "no display: neither WAYLAND_DISPLAY nor DISPLAY"},
+        // Refused before the event loop runs: it must still end.
+        {"sign-in to an address that does not parse",
+         {"--sign-in", "not a server", "ana@studio.example"},
+         1,
+         "Invalid address."},
+        {"sign-in over http to another computer",
+         {"--sign-in", "http://corvi.example", "ana@studio.example"},
+         1,
+         "Invalid address."},
+        // A lock file that cannot be made is no sign of another agent: it goes on.
+        {"data folder that refuses writes",
+         {},
+         1,
+         "no display",
+         "locked",
+         "não é possível usar a trava " + QFile::encodeName(locked) +
+             "/CorviAgent/corviagent.lock: Operation not permitted"},
+    };
+    ASSERT_TRUE(QDir().mkpath(locked + "/CorviAgent"));
+    const test::ReadOnly readOnly(locked + "/CorviAgent");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (*c.dataHome && !readOnly.immutable()) {
+            std::printf("[  SKIPPED ] %s: cannot be arranged here\n", c.name);
+            continue;
+        }
+        QProcess agent;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.remove("DISPLAY");
+        env.remove("WAYLAND_DISPLAY");
+        env.insert("XDG_DATA_HOME", *c.dataHome ? dir.filePath(c.dataHome) : dir.path());
+        env.insert("LC_ALL", "C.UTF-8");
+        env.remove("LANGUAGE");
+        agent.setProcessEnvironment(env);
+        agent.start(CORVI_AGENT_BIN, c.args);
+        agent.write("password\n");
+        agent.closeWriteChannel();
+        ASSERT_TRUE(agent.waitForFinished(10000));
+        EXPECT_EQ(agent.exitCode(), c.status);
+        const QByteArray said = c.status == 0 ? agent.readAllStandardOutput() : agent.readAllStandardError();
+        EXPECT_TRUE(said.contains(c.says) && said.contains(c.alsoSays)) << said.constData();
+    }
+}
 
 }  // namespace
 }  // namespace corvi
