@@ -1,23 +1,35 @@
-// The real agent program on a private desktop (Xvfb, openbox, a tray host, a session bus),
-// signed in to the real reference server on loopback, driven as a person would drive it.
+// The real agent program on each desktop it runs on (X11 with openbox and a tray, a headless
+// sway, KWin and GNOME Shell), with real client windows, signed in to the real reference server
+// on loopback and driven as a person would drive it. Each desktop's session bus has the other
+// desktops' services installed and none running: the agent must make it start none of them.
+// And what the program says before it needs a desktop.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <QDBusConnection>
+#include <QDBusMessage>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <functional>
+#include <map>
+#include <memory>
 
-#include "app/AgentProcess.h"
+#include "BuildConfig.h"
 #include "support/DBusDaemon.h"
+#include "support/Desktop.h"
 #include "support/EventLoop.h"
-#include "support/HttpTestClient.h"
-#include "support/ReferenceServer.h"
+#include "support/GnomeShell.h"
+#include "support/KWinCompositor.h"
+#include "support/ServerProcess.h"
+#include "support/StandInWatcher.h"
+#include "support/SwayCompositor.h"
 #include "support/TestFiles.h"
 #include "support/XClient.h"
-#include "support/XServer.h"
 
 namespace corvi {
 namespace {
@@ -25,7 +37,52 @@ namespace {
 using test::settle;
 using test::waitFor;
 
-const QString columns = "start_ts, end_ts, window_title, samples";
+// Every row `sql` answers, its columns as text; empty when the file cannot be read.
+QList<QStringList> query(const QString& path, const QString& sql) {
+    QList<QStringList> rows;
+    sqlite3* db = nullptr;
+    sqlite3_stmt* st = nullptr;
+    if (sqlite3_open_v2(QFile::encodeName(path).constData(), &db, SQLITE_OPEN_READONLY, nullptr) ==
+            SQLITE_OK &&
+        sqlite3_busy_timeout(db, 2000) == SQLITE_OK &&
+        sqlite3_prepare_v2(db, sql.toUtf8().constData(), -1, &st, nullptr) == SQLITE_OK)
+        while (sqlite3_step(st) == SQLITE_ROW) {
+            QStringList& row = rows.emplace_back();
+            for (int i = 0; i < sqlite3_column_count(st); ++i) {  // reals to the last bit
+                const bool real = sqlite3_column_type(st, i) == SQLITE_FLOAT;
+                const auto text = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
+                row << (real ? QString::number(sqlite3_column_double(st, i), 'g', 17)
+                             : QString::fromUtf8(text));
+            }
+        }
+    sqlite3_finalize(st);
+    sqlite3_close(db);
+    return rows;
+}
+
+// One run of the agent, its standard error collected.
+struct Agent {
+    explicit Agent(const QProcessEnvironment& env, const QStringList& args = {}) {
+        p.setProcessEnvironment(env);
+        p.start(CORVI_AGENT_BIN, args);
+    }
+    ~Agent() {
+        p.kill();
+        p.waitForFinished();
+    }
+    std::string log() { return (text += QString::fromUtf8(p.readAllStandardError())).toStdString(); }
+    bool waitForLog(const QString& line) {
+        return waitFor([&] { return QString::fromStdString(log()).contains(line); }, 10000);
+    }
+    bool exited(int ms = 10000) {
+        return waitFor([&] { return p.state() == QProcess::NotRunning; }, ms);
+    }
+    QProcess p;
+    QString text;
+};
+
+constexpr char passcode[] = "4321";
+const QString columns = "start_ts, end_ts, bundle_id, window_title, category, samples";
 
 // Size and modification time, to the nanosecond.
 QString fileState(const QString& path) {
@@ -34,125 +91,281 @@ QString fileState(const QString& path) {
     return QString("%1 bytes at %2.%3").arg(st.st_size).arg(st.st_mtim.tv_sec).arg(st.st_mtim.tv_nsec);
 }
 
-class AgentEndToEnd : public ::testing::Test {
+// One desktop as the scenario sees it.
+struct Session {
+    Session() = default;
+    Session(std::shared_ptr<void> keep, const QProcessEnvironment& env, const test::DBusDaemon* bus)
+        : keep(std::move(keep)), env(env), bus(bus) {}
+
+    std::shared_ptr<void> keep;  // the desktop, its buses and windows; goes last
+    QProcessEnvironment env;
+    const test::DBusDaemon* bus = nullptr;
+    QString error;  // empty when the desktop runs
+    // Opens a window of an application ID with a title; retitle renames the application's
+    // window. Either brings it to the front.
+    std::function<bool(const QString&, const QString&)> open, retitle;
+    const test::Desktop* x11 = nullptr;  // on X11, where xdotool reaches the agent's windows
+    // Whether the agent shows a window with this title; unset where the test cannot see.
+    std::function<bool(const QString& title)> agentShows;
+};
+
+Session x11() {
+    struct Parts {
+        test::Desktop desktop{test::desktopServiceNames()};
+        test::XClient client{desktop.display()};
+        std::map<QString, test::XClient::Window> windows;
+    };
+    auto p = std::make_shared<Parts>();
+    Session s{p, p->desktop.environment(), &p->desktop.bus()};
+    if (!p->desktop.ok() || !p->client.ok()) s.error = "no Xvfb with openbox, or no dbus-daemon";
+    p->desktop.startTray();
+    s.retitle = [p](const QString& appId, const QString& title) {
+        p->client.setText(p->windows[appId], "_NET_WM_NAME", "UTF8_STRING", title.toUtf8());
+        return p->client.activate(p->windows[appId]);
+    };
+    s.open = [p, retitle = s.retitle](const QString& appId, const QString& title) {
+        p->client.setText(p->windows[appId] = p->client.createWindow(), "_GTK_APPLICATION_ID", "UTF8_STRING",
+                          appId.toUtf8());
+        return retitle(appId, title);
+    };
+    s.x11 = &p->desktop;
+    return s;
+}
+
+QProcessEnvironment waylandEnv(const QString& socket, const QString& desktop, const QString& bus) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove("DISPLAY");
+    env.insert("WAYLAND_DISPLAY", socket);
+    env.insert("XDG_SESSION_TYPE", "wayland");
+    env.insert("XDG_CURRENT_DESKTOP", desktop);
+    env.insert("DBUS_SESSION_BUS_ADDRESS", bus);
+    env.insert("QT_QPA_PLATFORM", "wayland");
+    return env;
+}
+
+// Windows of `kind` as clients of `compositor`, kept in `windows`.
+void openOn(Session& s, const test::WaylandDesktop& compositor, test::ClientWindow::Kind kind,
+            std::map<QString, test::ClientWindow>& windows) {
+    s.open = [&compositor, &windows, kind](const QString& appId, const QString& title) {
+        return (windows[appId] = compositor.open(kind, appId, title)).ok();
+    };
+    s.retitle = [&windows](const QString& appId, const QString& title) {
+        return windows[appId].setTitle(title);
+    };
+}
+
+Session sway() {
+    struct Parts {
+        test::DBusDaemon bus{test::desktopServiceNames()};
+        test::SwayCompositor sway;
+        std::map<QString, test::ClientWindow> windows;
+    };
+    auto p = std::make_shared<Parts>();
+    Session s{p, waylandEnv(p->sway.socket(), "sway", p->bus.address()), &p->bus};
+    if (!p->bus.ok() || !p->sway.ok()) s.error = "no headless sway or dbus-daemon";
+    s.env.insert("SWAYSOCK", p->sway.ipcSocket());
+    openOn(s, p->sway, test::ClientWindow::Foot, p->windows);
+    s.agentShows = [p](const QString& title) {
+        return p->sway.waitForWindow("tech.stonefold.corvimetry.agent", title, false);
+    };
+    return s;
+}
+
+Session kwin() {
+    struct Parts {
+        // All but KWin's own, which the fixture asks for while KWin comes up.
+        test::DBusDaemon bus{[] {
+            QStringList names = test::desktopServiceNames();
+            names.removeAll("org.kde.KWin");
+            return names;
+        }()};
+        test::KWinCompositor kwin{bus.address()};
+        std::map<QString, test::ClientWindow> windows;
+    };
+    auto p = std::make_shared<Parts>();
+    Session s{p, waylandEnv(p->kwin.socketPath(), "KDE", p->bus.address()), &p->bus};
+    if (!p->bus.ok() || !p->kwin.ok()) s.error = "no kwin_wayland or dbus-daemon: " + p->kwin.error();
+    openOn(s, p->kwin, test::ClientWindow::Qt, p->windows);
+    return s;
+}
+
+Session gnome() {
+    struct Parts {
+        test::GnomeShell shell{CORVI_GNOME_EXTENSION_DATA, {}, test::desktopServiceNames()};
+        std::map<QString, test::ClientWindow> windows;
+    };
+    auto p = std::make_shared<Parts>();
+    Session s{p, p->shell.clientEnvironment(), &p->shell.sessionBus()};
+    s.env.insert("QT_QPA_PLATFORM", "wayland");
+    if (!p->shell.ok() || !p->shell.setExtensionEnabled(true))
+        s.error = "no headless GNOME Shell with our extension: " + p->shell.log().right(2000);
+    openOn(s, p->shell, test::ClientWindow::Foot, p->windows);
+    return s;
+}
+
+class AgentOnDesktops : public ::testing::TestWithParam<std::pair<const char*, Session (*)()>> {
   protected:
+    // The desktop, and the agent's environment there: never enrolled, in Portuguese.
     void SetUp() override {
-        ASSERT_TRUE(dir.isValid() && x.ok() && bus.ok()) << "no temporary folder, Xvfb with openbox or dbus";
+        ASSERT_TRUE(server.ok()) << "the reference server did not start";
+        session = GetParam().second();
+        ASSERT_TRUE(session.error.isEmpty()) << session.error.toStdString();
+        ASSERT_TRUE(
+            test::writeFile(data + "/config.json", R"({"language": "pt", "launch_at_login": false})"));
         // LC_ALL so that only the configured language can make it Portuguese.
-        for (const QString& set : QStringList{
-                 "DISPLAY=" + x.display(), "QT_QPA_PLATFORM=xcb", "DBUS_SESSION_BUS_ADDRESS=" + bus.address(),
-                 "CORVI_LOG_STDERR=1", "XDG_DATA_HOME=" + dir.filePath("data"), "LC_ALL=C.UTF-8",
-                 "XDG_CONFIG_HOME=" + dir.filePath("config"), "XDG_RUNTIME_DIR=" + dir.filePath("runtime")})
-            env.insert(set.section('=', 0, 0), set.section('=', 1));
-        env.remove("LANGUAGE");
-        QDir().mkdir(dir.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-
-        tray.setProcessEnvironment(env);
-        tray.start("trayer", {"--edge", "top", "--SetDockType", "true", "--widthtype", "request"});
-        base = serveAndEnroll(server, dir.filePath("server.sqlite"), data);
-        ASSERT_FALSE(base.isEmpty()) << "the server did not start or refused the enrollment";
+        for (const QString& set :
+             QStringList{"CORVI_LOG_STDERR=1", "LC_ALL=C.UTF-8", "XDG_DATA_HOME=" + dir.filePath("data"),
+                         "XDG_CONFIG_HOME=" + dir.filePath("config")})
+            session.env.insert(set.section('=', 0, 0), set.section('=', 1));
+        session.env.remove("LANGUAGE");
+        if (!session.env.contains("XDG_RUNTIME_DIR")) {
+            QDir().mkdir(dir.filePath("runtime"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+            session.env.insert("XDG_RUNTIME_DIR", dir.filePath("runtime"));
+        }
     }
 
+    // The lock search asks again only when a locker's name gets an owner, never on a timer, so
+    // the agent's first ticks have asked all it will.
     void TearDown() override {
-        for (QProcess* p : {&server, &tray}) stop(*p);
-        EXPECT_EQ(bus.started(), QStringList()) << "the agent made the bus start another desktop's service";
+        if (session.bus) {
+            EXPECT_EQ(session.bus->started(), QStringList())
+                << "the agent made the bus start another desktop's service";
+        }
     }
 
-    QList<QStringList> sessions(const QString& where = "1") {
-        return query(db, "SELECT id, " + columns + ", synced FROM sessions WHERE " + where + " ORDER BY id");
+    QList<QStringList> sessions(const QString& where) {
+        return query(db, "SELECT id, " + columns + " FROM sessions WHERE " + where + " ORDER BY id");
     }
-    bool waitForSession(const QString& where, int ms = 10000) {
-        return waitFor([&] { return !sessions(where).isEmpty(); }, ms);
+    bool seen(const QString& where) {
+        return waitFor([&] { return !sessions(where).isEmpty(); }, 15000);
     }
 
-    QString xdotool(const QStringList& args) {
-        QProcess p;
-        p.setProcessEnvironment(env);
-        p.start("xdotool", args);
-        p.waitForFinished(5000);
-        return QString::fromUtf8(p.readAllStandardOutput()).trimmed();
-    }
-    // The passcode dialog on screen (the first if several), or empty.
-    QString prompt() {
-        return xdotool({"search", "--onlyvisible", "--name", "^Senha do Corvimetry$"}).section('\n', 0, 0);
-    }
-    // Answers the next passcode dialog (one other than `except`) as a person would; its id.
-    QString answerPrompt(const QString& text, const QStringList& keys, const QString& except = {}) {
-        QString id;
-        EXPECT_TRUE(waitFor([&] { return !(id = prompt()).isEmpty() && id != except; }, 10000))
-            << "no passcode prompt";
-        EXPECT_TRUE(waitFor([&] { return xdotool({"getactivewindow"}) == id; }, 3000))
-            << "the prompt did not come to the front";
-        if (!text.isEmpty()) xdotool({"type", "--delay", "30", text});
-        xdotool(QStringList{"key"} + keys);
-        return id;
+    // X11: the sign-in form shows by itself; closed, a second start shows it again through the
+    // running agent.
+    void secondStartShowsTheSettings() {
+        const test::Desktop& x = *session.x11;
+        ASSERT_TRUE(waitFor([&] { return !x.shownWindow("Corvimetry").isEmpty(); }, 5000))
+            << "no sign-in form on the first run";
+        x.xdotool({"windowactivate", "--sync", x.shownWindow("Corvimetry")});
+        x.xdotool({"key", "alt+F4"});  // closed as a person closes it, through the window manager
+        ASSERT_TRUE(waitFor([&] { return x.shownWindow("Corvimetry").isEmpty(); }, 3000));
+        Agent second(session.env);
+        ASSERT_TRUE(second.exited(8000));
+        EXPECT_EQ(second.p.exitCode(), 0) << second.log();
+        EXPECT_TRUE(waitFor([&] { return !x.shownWindow("Corvimetry").isEmpty(); }, 5000))
+            << "the running agent did not show its settings";
     }
 
     QTemporaryDir dir;
-    test::XServer x;
-    // Where GNOME, MATE, Cinnamon and Plasma are all installed and none runs.
-    test::DBusDaemon bus{test::desktopServiceNames()};
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    QProcess tray, server;
-    QString base, data = dir.filePath("data/CorviAgent"), db = data + "/corvi.sqlite";
-};
+    test::ServerProcess server{dir.path(), {"--passcode", passcode}};
+    Session session;
+    QString data = dir.filePath("data/CorviAgent"), db = data + "/corvi.sqlite";
 
-TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
-    test::XClient client(x.display());
-    ASSERT_TRUE(client.ok());
-    const auto poster = client.createWindow();
-    client.setText(poster, "_NET_WM_NAME", "UTF8_STRING", "poster.psd");
-    client.setText(poster, "_GTK_APPLICATION_ID", "UTF8_STRING", "com.adobe.Photoshop");
-    ASSERT_TRUE(client.activate(poster));
+    // A panel comes up after the agent, and its icon is clicked. A Wayland client cannot place a
+    // menu at the icon, so the click opens the settings, which ask for the passcode first.
+    void clickTheTrayIcon(Agent& agent) {
+        const QString bus = session.env.value("DBUS_SESSION_BUS_ADDRESS");
+        test::StandInWatcher panel(true, bus);
+        ASSERT_TRUE(panel.start());
+        ASSERT_TRUE(waitFor([&] { return !panel.items().isEmpty(); }, 10000)) << "no tray item came";
+        QDBusMessage click = QDBusMessage::createMethodCall(panel.items().first(), "/StatusNotifierItem",
+                                                            "org.kde.StatusNotifierItem", "Activate");
+        click << 10 << 10;
+        QDBusConnection::connectToBus(bus, "panel").call(click);
+        EXPECT_TRUE(session.agentShows("Senha do Corvimetry")) << agent.log();
+    }
 
-    QString lastOfFirstRun;
-    {
-        Agent agent(env);
-        ASSERT_TRUE(agent.waitForLog("CorviAgent iniciado. DB: " + db)) << agent.log();
-        ASSERT_TRUE(waitForSession("window_title = 'poster.psd'")) << agent.log();
-        EXPECT_TRUE(agent.waitForLog(" sessões enviadas")) << agent.log();
-        EXPECT_TRUE(
-            waitFor([&] { return test::readFile(data + "/config.json").contains("\"passcode\""); }, 10000))
-            << "the passcode was not fetched";
-        const auto notes = client.createWindow();
-        client.setText(notes, "_NET_WM_NAME", "UTF8_STRING", "notes.txt");
-        client.setClass(notes, "notes", "Notes");
-        ASSERT_TRUE(client.activate(notes));
-        EXPECT_TRUE(waitForSession("window_title = 'notes.txt'"));
-
-        // A wrong passcode, then Cancelar on the second prompt: the agent goes on.
+    // A wrong passcode, then Cancelar on the second prompt: the agent goes on. The right one ends
+    // it with status 0, the open session written.
+    void quitWithThePasscode(Agent& agent) {
+        const test::Desktop& x = *session.x11;
+        const QString title = "Senha do Corvimetry";
         ::kill(agent.p.processId(), SIGTERM);
-        const QString first = answerPrompt("1111", {"Return"});
-        answerPrompt("9999", {"Tab", "Tab", "space"}, first);  // from the field past OK to Cancelar
-        EXPECT_TRUE(waitFor([&] { return prompt().isEmpty(); }, 3000)) << "a prompt is still shown";
+        const QString first = x.answer(title, "1111", {"Return"});
+        ASSERT_FALSE(first.isEmpty()) << "no passcode prompt in front";
+        // From the field past OK to Cancelar.
+        ASSERT_FALSE(x.answer(title, "9999", {"Tab", "Tab", "space"}, first).isEmpty()) << "no second prompt";
+        EXPECT_TRUE(waitFor([&] { return x.shownWindow(title).isEmpty(); }, 3000))
+            << "a prompt is still shown";
         settle(500);
         ASSERT_EQ(agent.p.state(), QProcess::Running) << "a cancelled quit ended the agent";
-        ASSERT_TRUE(client.activate(notes));
-        client.setText(notes, "_NET_WM_NAME", "UTF8_STRING", "notes v2.txt");
-        EXPECT_TRUE(waitForSession("window_title = 'notes v2.txt' AND samples >= 3", 15000))
+        ASSERT_TRUE(session.retitle("firefox-esr", "Previsão de amanhã"));
+        EXPECT_TRUE(seen("window_title = 'Previsão de amanhã' AND samples >= 3"))
             << "the agent stopped sampling";
 
-        // The right passcode: it writes the open session and ends with status 0.
         ::kill(agent.p.processId(), SIGTERM);
-        answerPrompt(passcode, {"Return"});
+        ASSERT_FALSE(x.answer(title, passcode, {"Return"}).isEmpty()) << "no passcode prompt in front";
         const double quitAt = QDateTime::currentMSecsSinceEpoch() / 1000.0;
         ASSERT_TRUE(agent.exited());
         EXPECT_EQ(agent.p.exitStatus() == QProcess::NormalExit ? agent.p.exitCode() : -1, 0) << agent.log();
-        const auto rows = sessions();
+        const auto rows = sessions("1");
         ASSERT_FALSE(rows.isEmpty());
-        const QStringList& last = rows.last();  // id, start, end, title, samples, synced
+        const QStringList& last = rows.last();  // id, start, end, bundle, title, category, samples
         const double start = last[1].toDouble(), end = last[2].toDouble();
-        // The notes window's session, or the prompt's if a tick fell while it was in front.
-        EXPECT_TRUE(last[3] == "notes v2.txt" || last[3] == "Senha do Corvimetry") << last[3].toStdString();
+        // The renamed window's session, or the prompt's if a tick fell while it was in front.
+        EXPECT_TRUE(last[4] == "Previsão de amanhã" || last[4] == title) << last[4].toStdString();
         EXPECT_GT(end, quitAt - 4.5) << "the last session's end was not written";
-        EXPECT_NEAR(last[4].toDouble(), (end - start) / 3 + 1, 0.75) << "samples and span disagree";
-        lastOfFirstRun = last[0];
+        EXPECT_NEAR(last[6].toDouble(), (end - start) / 3 + 1, 0.75) << "samples and span disagree";
+    }
+};
+
+TEST_P(AgentOnDesktops, SignsInRecordsUploadsAndHandsEverythingOver) {
+    // A spinner and a size suffix in the raw title: the stored one is cleaned.
+    ASSERT_TRUE(session.open("org.inkscape.Inkscape", "◐ Cartaz final.svg — 1920 × 1080"));
+    QString lastOfFirstRun;
+    {
+        Agent agent(session.env);
+        ASSERT_TRUE(agent.waitForLog("CorviAgent iniciado. DB: " + db)) << agent.log();
+        if (session.x11) {
+            ASSERT_NO_FATAL_FAILURE(secondStartShowsTheSettings());
+        }
+
+        // The command-line sign-in is done by the running agent, which then uploads with its key.
+        Agent signIn(session.env, {"--sign-in", server.base(), "ana@studio.example"});
+        signIn.p.write("s3cret\n");
+        signIn.p.closeWriteChannel();
+        ASSERT_TRUE(signIn.exited(20000));
+        EXPECT_EQ(signIn.p.exitCode(), 0) << signIn.log();
+        EXPECT_EQ(QString::fromUtf8(signIn.p.readAllStandardOutput()).trimmed(),
+                  "Enrolled with " + server.base() + ".");
+        EXPECT_TRUE(agent.waitForLog(" sessões enviadas")) << agent.log();
+        if (session.x11) {
+            EXPECT_TRUE(waitFor([&] { return session.x11->shownWindow("Corvimetry").isEmpty(); }, 3000))
+                << "the sign-in form stayed open";
+        }
+        // The form had the focus on some desktops: it goes back to the window once it closes.
+        EXPECT_TRUE(
+            seen("bundle_id = 'org.inkscape.Inkscape' AND window_title = 'Cartaz final.svg' AND "
+                 "category = 'work'"))
+            << agent.log();
+        EXPECT_TRUE(
+            waitFor([&] { return test::readFile(data + "/config.json").contains("\"passcode\""); }, 10000))
+            << "the passcode was not fetched";
+        ASSERT_TRUE(session.open("firefox-esr", "Notícias do dia"));
+        EXPECT_TRUE(
+            seen("bundle_id = 'firefox-esr' AND window_title = 'Notícias do dia' AND category = 'browser'"))
+            << agent.log();
+        ASSERT_TRUE(session.retitle("firefox-esr", "Previsão do tempo"));
+        EXPECT_TRUE(seen("bundle_id = 'firefox-esr' AND window_title = 'Previsão do tempo'")) << agent.log();
+        EXPECT_FALSE(QString::fromStdString(agent.log()).contains("sem suporte")) << agent.log();
+        if (session.agentShows) {
+            ASSERT_NO_FATAL_FAILURE(clickTheTrayIcon(agent));
+        }
+        if (session.x11) {
+            ASSERT_NO_FATAL_FAILURE(quitWithThePasscode(agent));
+        } else {
+            ::kill(agent.p.processId(), SIGKILL);  // nothing stored may be lost
+            ASSERT_TRUE(agent.exited());
+        }
+        const auto rows = sessions("1");
+        ASSERT_FALSE(rows.isEmpty());
+        lastOfFirstRun = rows.last()[0];
     }
 
+    // The next start uploads everything left over, and its own first session.
     const qsizetype unsynced = sessions("synced = 0").size();
     ASSERT_GT(unsynced, 0);
-    Agent again(env);
-    // Everything left over, and the new run's first session.
+    Agent again(session.env);
     EXPECT_TRUE(again.waitForLog(QString("CorviAgent sync: %1 sessões enviadas").arg(unsynced + 1)))
         << again.log();
 
@@ -162,7 +375,7 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
     const auto files = [&] { return fileState(db) + ", " + fileState(db + "-wal"); };
     const QString before = files();
     {
-        Agent second(env);
+        Agent second(session.env);
         ASSERT_TRUE(second.exited(5000));
         EXPECT_EQ(second.p.exitCode(), 1);
         EXPECT_TRUE(
@@ -175,49 +388,80 @@ TEST_F(AgentEndToEnd, SamplesUploadsAsksForThePasscodeAndHandsEverythingOver) {
     // The server holds exactly what the agent stored for the first run.
     const auto mine = sessions("id <= " + lastOfFirstRun);
     const auto theirs =
-        query(dir.filePath("server.sqlite"), "SELECT client_id, " + columns +
-                                                 ", 1 FROM sessions WHERE client_id <= " + lastOfFirstRun +
-                                                 " ORDER BY client_id");
+        query(server.db(), "SELECT client_id, " + columns +
+                               " FROM sessions WHERE client_id <= " + lastOfFirstRun + " ORDER BY client_id");
     ASSERT_EQ(mine.size(), lastOfFirstRun.toLongLong());
+    EXPECT_GE(mine.size(), 3);
     EXPECT_EQ(mine, theirs);
 }
 
-// Never enrolled: the form shows by itself; a second start shows the settings again, and the
-// command-line sign-in is done by the running agent, which then uploads with its new key.
-TEST_F(AgentEndToEnd, SecondStartShowsTheSettingsAndSignsInTheRunningAgent) {
-    ASSERT_TRUE(test::writeFile(data + "/config.json", R"({"language": "en", "launch_at_login": false})"));
-    test::XClient client(x.display());
-    ASSERT_TRUE(client.ok());
-    const auto poster = client.createWindow();
-    client.setText(poster, "_NET_WM_NAME", "UTF8_STRING", "poster.psd");
-    ASSERT_TRUE(client.activate(poster));
-    Agent agent(env);
-    ASSERT_TRUE(agent.waitForLog("CorviAgent iniciado. DB: " + db)) << agent.log();
-    const auto settingsShown = [&] {
-        return !xdotool({"search", "--onlyvisible", "--name", "^Corvimetry$"}).isEmpty();
+INSTANTIATE_TEST_SUITE_P(Desktops, AgentOnDesktops,
+                         ::testing::Values(std::make_pair("X11", &x11), std::make_pair("sway", &sway),
+                                           std::make_pair("KWin", &kwin), std::make_pair("GNOME", &gnome)),
+                         [](const auto& info) { return std::string(info.param.first); });
+
+TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
+    struct Case {
+        const char* name;
+        QStringList args;
+        int status;
+        QByteArray says;            // on standard output for status 0, else on standard error
+        const char* dataHome = "";  // under the test's folder; its CorviAgent folder refuses writes
+        QByteArray alsoSays = {};
     };
-    ASSERT_TRUE(waitFor(settingsShown, 5000)) << "no sign-in form on the first run";
-    xdotool({"search", "--onlyvisible", "--name", "^Corvimetry$", "windowactivate", "--sync"});
-    xdotool({"key", "alt+F4"});  // closed as a person closes it, through the window manager
-    ASSERT_TRUE(waitFor([&] { return !settingsShown(); }, 3000));
-
-    {
-        Agent second(env);
-        ASSERT_TRUE(second.exited(8000));
-        EXPECT_EQ(second.p.exitCode(), 0) << second.log();
+    QTemporaryDir dir;
+    const QString locked = dir.filePath("locked");
+    const Case cases[] = {
+        {"version", {"--version"}, 0, QByteArray("CorviAgent ") + build::version},
+        {"help", {"--help"}, 0, "Usage: corviagent"},
+        {"unknown option", {"--frobnicate"}, 2, "unknown option --frobnicate"},
+        {"no display", {}, 1, "no display: neither WAYLAND_DISPLAY nor DISPLAY"},
+        // Refused before the event loop runs: it must still end.
+        {"sign-in to an address that does not parse",
+         {"--sign-in", "not a server", "ana@studio.example"},
+         1,
+         "Invalid address."},
+        {"sign-in over http to another computer",
+         {"--sign-in", "http://corvi.example", "ana@studio.example"},
+         1,
+         "Invalid address."},
+        // A lock file that cannot be made is no sign of another agent: it goes on.
+        {"data folder that refuses writes",
+         {},
+         1,
+         "no display",
+         "locked",
+         "não é possível usar a trava " + QFile::encodeName(locked) +
+             "/CorviAgent/corviagent.lock: Operation not permitted"},
+    };
+    ASSERT_TRUE(QDir().mkpath(locked + "/CorviAgent"));
+    const test::ReadOnly readOnly(locked + "/CorviAgent");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (*c.dataHome && !readOnly.immutable()) {
+            std::printf("[  SKIPPED ] %s: cannot be arranged here\n", c.name);
+            continue;
+        }
+        QProcess agent;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.remove("DISPLAY");
+        env.remove("WAYLAND_DISPLAY");
+        env.insert("XDG_DATA_HOME", *c.dataHome ? dir.filePath(c.dataHome) : dir.path());
+        env.insert("LC_ALL", "C.UTF-8");
+        env.insert("CORVI_LOG_STDERR", "1");  // the system log copied there: still each line once
+        env.remove("LANGUAGE");
+        agent.setProcessEnvironment(env);
+        agent.start(CORVI_AGENT_BIN, c.args);
+        agent.write("password\n");
+        agent.closeWriteChannel();
+        ASSERT_TRUE(agent.waitForFinished(10000));
+        EXPECT_EQ(agent.exitCode(), c.status);
+        const QByteArray said = c.status == 0 ? agent.readAllStandardOutput() : agent.readAllStandardError();
+        EXPECT_TRUE(said.contains(c.says) && said.contains(c.alsoSays)) << said.constData();
+        if (!c.alsoSays.isEmpty()) {
+            EXPECT_EQ(said.count(c.alsoSays), 1) << said.constData();
+        }
     }
-    EXPECT_TRUE(waitFor(settingsShown, 5000)) << "the running agent did not show its settings";
-
-    Agent signIn(env, {"--sign-in", base, "ana@studio.example"});
-    signIn.p.write("s3cret\n");
-    signIn.p.closeWriteChannel();
-    ASSERT_TRUE(signIn.exited(20000));
-    EXPECT_EQ(signIn.p.exitCode(), 0) << signIn.log();
-    EXPECT_EQ(QString::fromUtf8(signIn.p.readAllStandardOutput()).trimmed(), "Enrolled with " + base + ".");
-    EXPECT_TRUE(agent.waitForLog(" sessões enviadas")) << agent.log();
-    EXPECT_TRUE(waitFor([&] { return !settingsShown(); }, 3000)) << "the sign-in form stayed open";
-    EXPECT_TRUE(test::readFile(data + "/config.json").contains("\"api_key\""));
-    EXPECT_FALSE(query(dir.filePath("server.sqlite"), "SELECT client_id FROM sessions").isEmpty());
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <QLineEdit>
-#include <QProcess>
 #include <QSystemTrayIcon>
 #include <QTemporaryDir>
 #include <QTest>
@@ -15,8 +14,7 @@
 #include "shell/PermissionWindowController.h"
 #include "shell/SettingsPopoverController.h"
 #include "support/EventLoop.h"
-#include "support/HttpTestClient.h"
-#include "support/ReferenceServer.h"
+#include "support/ServerProcess.h"
 #include "ui/PermissionView.h"
 #include "ui/PillField.h"
 #include "ui/SettingsTabs.h"
@@ -36,8 +34,8 @@ class SettingsWindows : public ::testing::Test {
     SettingsPopoverController& controller(const QString& defaultServer = "http://127.0.0.1:1") {
         SettingsHooks hooks;
         hooks.defaultServer = defaultServer;
-        settings = std::make_unique<SettingsPopoverController>(model, hooks,
-                                                               [this] { return gate.autoriza(GuardedAction::settings); });
+        settings = std::make_unique<SettingsPopoverController>(
+            model, hooks, [this] { return gate.autoriza(GuardedAction::settings); });
         return *settings;
     }
 
@@ -51,19 +49,19 @@ class SettingsWindows : public ::testing::Test {
 };
 
 TEST_F(SettingsWindows, SignInTypedAsAPersonEnrollsAndTheNextOpeningAsksThePasscode) {
-    QProcess server;
-    const QString base = test::startReferenceServer(
-        server, CORVI_SERVER_BIN,
-        {"--db", dir.filePath("server.sqlite"), "--user", "ana@studio.example:s3cret:Ana Souza", "--passcode", "1234"});
-    ASSERT_FALSE(base.isEmpty());
+    test::ServerProcess server(dir.path(), {"--passcode", "1234"});
+    ASSERT_TRUE(server.ok());
+    const QString base = server.base();
     SettingsPopoverController& popover = controller(base);  // no server stored: the default one
     SettingsView* view = popover.view();
 
     popover.toggle(&tray);
     ASSERT_TRUE(popover.isShown());
-    EXPECT_TRUE(prompt.asked.isEmpty() && admin.asked.isEmpty()) << "an agent not configured asked for authorization";
+    EXPECT_TRUE(prompt.asked.isEmpty() && admin.asked.isEmpty())
+        << "an agent not configured asked for authorization";
     EXPECT_TRUE(view->gate()->isVisible());
-    ASSERT_TRUE(waitFor([&] { return view->emailField()->field()->hasFocus(); }, 2000)) << "the e-mail field has no keyboard";
+    ASSERT_TRUE(waitFor([&] { return view->emailField()->field()->hasFocus(); }, 2000))
+        << "the e-mail field has no keyboard";
 
     // Until both fields hold something, neither the button nor Return does anything.
     QLineEdit* email = view->emailField()->field();
@@ -94,7 +92,8 @@ TEST_F(SettingsWindows, SignInTypedAsAPersonEnrollsAndTheNextOpeningAsksThePassc
     EXPECT_FALSE(view->gate()->isVisible());
     ASSERT_TRUE(model.configured());
     EXPECT_EQ(model.serverURL(), base);
-    const auto me = test::httpCall("GET", base + "/v1/me", {{"Authorization", "Bearer " + model.apiKey().toUtf8()}});
+    const auto me =
+        test::httpCall("GET", base + "/v1/me", {{"Authorization", "Bearer " + model.apiKey().toUtf8()}});
     EXPECT_EQ(me.status, 200) << "the server does not know the enrolled key";
 
     // Closed by the tray or by a click outside, it locks; reopening asks for the passcode.
@@ -107,8 +106,9 @@ TEST_F(SettingsWindows, SignInTypedAsAPersonEnrollsAndTheNextOpeningAsksThePassc
     EXPECT_FALSE(popover.isShown()) << "a refused prompt opened the settings";
     popover.toggle(&tray);
     ASSERT_TRUE(popover.isShown());
-    EXPECT_EQ(prompt.asked, QStringList(2, "Opening Corvimetry Settings requires authorization.|Corvimetry "
-                                           "password|Wrong password. Try again."));
+    EXPECT_EQ(prompt.asked, QStringList(2,
+                                        "Opening Corvimetry Settings requires authorization.|Corvimetry "
+                                        "password|Wrong password. Try again."));
     EXPECT_TRUE(view->tabs() && view->tabs()->tab() == 0);
     QTest::mouseClick(popover.popover(), Qt::LeftButton, {}, QPoint(-20, -20));
     EXPECT_TRUE(waitFor([&] { return !popover.isShown(); }, 2000)) << "a click outside left it open";

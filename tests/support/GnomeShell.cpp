@@ -29,7 +29,9 @@ QDBusMessage shellCall(const QString& interface, const QString& method, const QV
 
 }  // namespace
 
-GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QByteArray>& entries) {
+GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QByteArray>& entries,
+                       const QStringList& activatable)
+    : session_(activatable) {
     if (!session_.ok() || !system_.ok()) return;
     for (const char* sub : {"run", "home", "config", "cache"})
         QDir(dir_.path()).mkpath(QString::fromLatin1(sub));

@@ -3,21 +3,17 @@
 #include <QApplication>
 #include <cstdio>
 
-#include "support/DBusDaemon.h"
-#include "support/XServer.h"
+#include "support/Desktop.h"
 
 // GUI tests never touch the developer's desktop: each program gets its own display with a
 // window manager, and its own session bus, before the application object exists.
 int main(int argc, char** argv) {
-    corvi::test::XServer x;
-    if (!x.ok()) {
-        std::fprintf(stderr, "could not start Xvfb with openbox\n");
+    corvi::test::Desktop desktop;
+    if (!desktop.ok()) {
+        std::fprintf(stderr, "could not start Xvfb with openbox, or dbus-daemon\n");
         return 1;
     }
-    corvi::test::DBusDaemon bus;
-    if (bus.ok()) bus.becomeSessionBus();
-    qputenv("DISPLAY", x.display().toLocal8Bit());
-    qputenv("QT_QPA_PLATFORM", "xcb");
+    desktop.enter();
     int status = 0;
     {
         QApplication app(argc, argv);

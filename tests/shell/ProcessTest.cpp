@@ -1,5 +1,6 @@
-// The installed program replaced or removed under a running agent, as dpkg does it: the new
-// file is written beside the old one and renamed over it.
+// The agent as a process: one per user, termination signals taken on the event loop, and the
+// installed program replaced or removed under it as dpkg does it (the new file written beside
+// the old one and renamed over it).
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,13 +8,48 @@
 #include <QFile>
 #include <QSignalSpy>
 #include <QTemporaryDir>
+#include <cerrno>
+#include <csignal>
 
+#include "shell/InstanceLock.h"
 #include "shell/ProgramWatch.h"
+#include "shell/SignalRelay.h"
 #include "support/EventLoop.h"
 #include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
+
+TEST(InstanceLock, OneHolderAtATimeAndNoneWhereNoFileCanBe) {
+    QTemporaryDir dir;
+    const InstanceLock nowhere(dir.filePath("missing/folder/corviagent.lock"));
+    EXPECT_FALSE(nowhere.acquired() || nowhere.heldElsewhere()) << "no file is no sign of another agent";
+    EXPECT_EQ(nowhere.error(), ENOENT);
+    const QString path = dir.filePath("corviagent.lock");
+    {
+        InstanceLock first(path);
+        ASSERT_TRUE(first.acquired());
+        InstanceLock second(path);
+        EXPECT_TRUE(second.heldElsewhere());
+        EXPECT_EQ(second.holderPid(), static_cast<long>(::getpid()));
+        const test::ReadOnly readOnly(path);
+        EXPECT_TRUE(InstanceLock(path).heldElsewhere()) << "a lock file that cannot be written still locks";
+    }
+    EXPECT_TRUE(InstanceLock(path).acquired()) << "not released with its holder";
+}
+
+// The first arrives while the agent starts, before the relay exists: it waits, it does not kill.
+TEST(SignalRelay, TerminationSignalsArriveOnTheEventLoopInOrder) {
+    SignalRelay::catchEarly({SIGTERM, SIGINT});
+    std::raise(SIGTERM);
+    SignalRelay relay({SIGTERM, SIGINT});
+    QList<int> seen;
+    QObject::connect(&relay, &SignalRelay::received, [&](int signal) { seen << signal; });
+    for (int signal : {SIGINT, SIGTERM}) std::raise(signal);
+    EXPECT_TRUE(seen.isEmpty()) << "handled inside the signal handler";
+    test::waitFor([&] { return seen.size() >= 3; });
+    EXPECT_EQ(seen, (QList<int>{SIGTERM, SIGINT, SIGTERM}));
+}
 
 constexpr auto executable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup |
                             QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther;

@@ -1,11 +1,20 @@
+// The drawn marks: the tray icon, the trace shape and logo, and the menu's status line,
+// measured on their pixels.
 #include <gtest/gtest.h>
 
+#include <QMenu>
 #include <QPainter>
 #include <QPixmap>
+#include <QTest>
+#include <QWidgetAction>
 #include <cmath>
+#include <vector>
 
 #include "ImageProbe.h"
 #include "ui/CorviIcon.h"
+#include "ui/CorviLogo.h"
+#include "ui/CorviShape.h"
+#include "ui/MenuStatusView.h"
 #include "ui/Theme.h"
 
 namespace corvi {
@@ -140,6 +149,138 @@ TEST(CorviIcon, TrayIconCarriesBothRatios) {
         EXPECT_EQ(pm.toImage().convertToFormat(QImage::Format_ARGB32_Premultiplied),
                   CorviIcon::statusImage(Theme::yellowNS(), r));
     }
+}
+
+TEST(CorviShape, StretchesTheOpenTraceOverAnyRectangle) {
+    struct Case {
+        const char* name;
+        QRectF rect;
+        std::vector<QPointF> through;
+    };
+    const Case cases[] = {
+        {"48 square at the origin",
+         {0, 0, 48, 48},
+         {{6, 24}, {14, 24}, {20, 40}, {28, 8}, {34, 24}, {42, 24}}},
+        {"offset square", {10, 20, 24, 24}, {{13, 32}, {17, 32}, {20, 40}, {24, 24}, {27, 32}, {31, 32}}},
+        {"wide: x follows the width",
+         {0, 0, 96, 24},
+         {{12, 12}, {28, 12}, {40, 20}, {56, 4}, {68, 12}, {84, 12}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const QPainterPath path = CorviShape::path(c.rect);
+        // Six corners and nothing after: a closed path would end with a line back to the start.
+        ASSERT_EQ(path.elementCount(), 6);
+        EXPECT_TRUE(path.elementAt(0).isMoveTo());
+        for (int i = 0; i < 6; ++i) {
+            EXPECT_EQ(QPointF(path.elementAt(i)), c.through[i]) << "point " << i;
+            if (i > 0) {
+                EXPECT_TRUE(path.elementAt(i).isLineTo()) << "point " << i;
+            }
+        }
+        EXPECT_NE(path.currentPosition(), QPointF(path.elementAt(0)));
+    }
+}
+
+TEST(CorviLogo, StrokesATenthOfItsSizeInItsColour) {
+    struct Case {
+        const char* name;
+        qreal size;
+        QColor color;
+        double width;
+    };
+    const Case cases[] = {
+        {"sign-in header", 26, QColor(0x2F, 0x70, 0xD1), 2.6},
+        {"size 48", 48, QColor(200, 30, 30), 4.8},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        CorviLogo logo(c.size, c.color);
+        ASSERT_EQ(logo.size(), QSize(c.size, c.size));
+        const QImage img = rendered(logo);
+        // Across the first flat run (grid x 3 to 7), centred on the baseline (grid y 12).
+        const int col = int(5.0 / 24 * c.size);
+        EXPECT_NEAR(columnCoverage(img, col), c.width, 0.1);
+        EXPECT_NEAR(columnCentre(img, col), c.size / 2, 0.1);
+        EXPECT_TRUE(sameRgb(mostOpaque(img, img.rect()), c.color, 2))
+            << describe(mostOpaque(img, img.rect())).toStdString();
+        // Round caps stay inside the square: the first column is empty, the trace starts at x 3.
+        EXPECT_EQ(coveredBox(img, img.rect()).left(), int(3.0 / 24 * c.size - c.width / 2));
+    }
+}
+
+TEST(CorviLogo, ThemeColourFollowsTheAppearance) {
+    CorviLogo logo(30, &Theme::accent);
+    for (const auto& [dark, accent] :
+         {std::pair{true, QColor(0x39, 0x87, 0xE5)}, {false, QColor(0x2F, 0x70, 0xD1)}}) {
+        usePalette(dark);
+        EXPECT_TRUE(sameRgb(mostOpaque(rendered(logo), logo.rect()), accent, 2)) << dark;
+    }
+}
+
+TEST(MenuStatusView, DrawsDotTextAndReachabilityWithoutOverlap) {
+    struct Case {
+        const char* name;
+        QColor dot;
+        const char* text;
+        bool online;
+    };
+    const Case cases[] = {
+        {"tracking, online", Theme::green(), "Coletando", true},
+        {"no permission, offline", Theme::yellow(), "Sem permissão", false},
+        {"paused, offline", Theme::inactive(), "Pausado", false},
+        {"long text widens the row", Theme::red(), "A status text far longer than the menu", true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        MenuStatusView view;
+        view.setState(c.dot, QString::fromUtf8(c.text), c.online);
+        view.resize(view.sizeHint());
+        const QImage img = rendered(view);
+        ASSERT_EQ(img.height(), 28);
+        EXPECT_GE(img.width(), 180);
+
+        // The 9-wide dot after 14 of padding, centred on the middle row (9.5 to 18.5), in the status colour.
+        EXPECT_EQ(coveredBox(img, QRect(0, 0, 14 + 9 + 4, 28)), QRect(14, 9, 9, 10));
+        EXPECT_TRUE(sameRgb(straightColor(img, 18, 14), c.dot));
+
+        // Ink runs from the text at 32 to the reachability word ending near width - 14, with a
+        // clear gap of at least 12 + 2 × 9 between the two words.
+        std::vector<int> ink;  // columns with any ink
+        for (int x = 14 + 9 + 1; x < img.width(); ++x)
+            if (columnCoverage(img, x) > 0) ink.push_back(x);
+        ASSERT_FALSE(ink.empty());
+        EXPECT_GE(ink.front(), 32);
+        EXPECT_LE(ink.back(), img.width() - 14);
+        EXPECT_GE(ink.back(), img.width() - 16);
+        int widest = 0;
+        for (std::size_t i = 1; i < ink.size(); ++i) widest = std::max(widest, ink[i] - ink[i - 1] - 1);
+        EXPECT_GE(widest, 30);
+
+        // "Online" in the theme's green; "Offline" in the secondary text colour.
+        const QColor reach = mostOpaque(img, QRect(img.width() - 30, 0, 16, 28));
+        const QColor expected = c.online ? Theme::green() : view.offlineColor();
+        EXPECT_TRUE(sameRgb(reach, expected, 3)) << describe(reach).toStdString();
+        const QColor text = mostOpaque(img, QRect(32, 0, 20, 28));
+        EXPECT_TRUE(sameRgb(text, view.textColor(), 3)) << describe(text).toStdString();
+    }
+}
+
+TEST(MenuStatusView, FollowsTheMenuWidthAtFixedHeight) {
+    QMenu menu;
+    auto* view = new MenuStatusView;
+    view->setState(Theme::green(), QStringLiteral("Tracking"), true);
+    auto* action = new QWidgetAction(&menu);
+    action->setDefaultWidget(view);
+    menu.addAction(action);
+    menu.addSeparator();
+    menu.addAction(QStringLiteral("A menu entry much wider than the status line ever is"));
+    menu.popup(QPoint(20, 20));
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&menu));
+    EXPECT_EQ(view->height(), 28);
+    EXPECT_GT(view->width(), 180);
+    EXPECT_GE(view->width(), menu.actionGeometry(menu.actions().last()).width());
+    menu.hide();
 }
 
 }  // namespace
