@@ -7,11 +7,12 @@
 //  - files opened and fsyncs per tick (strace, in a stretch of its own: it slows the agent);
 //  - services the session bus started for it (every other desktop's service is installed on
 //    the bench's buses as a recording stand-in, and a stand-in screen locker runs; GNOME's
-//    fixture has a bus of its own with the Shell's locker, so not there).
+//    fixture has a bus of its own with the Shell's locker, so not there). --no-locker leaves the
+//    stand-in locker out, as under a bare window manager.
 // The agent is signed in to a server that is never there (a refused connection a minute).
 // Several programs can be compared side by side (an earlier build, say), each run in turn
 // against the same desktop.
-// Usage: bench_tick [--ticks N] [--agent LABEL=PATH]... [x11] [sway] [kwin] [gnome]
+// Usage: bench_tick [--ticks N] [--no-locker] [--agent LABEL=PATH]... [x11] [sway] [kwin] [gnome]
 #include <signal.h>
 #include <unistd.h>
 
@@ -72,10 +73,14 @@ QProcessEnvironment waylandEnv(const QString& socket, const QString& desktop, co
     return env;
 }
 
+bool withLocker = true;
+
 // Every other desktop's services installed, none running but a screen locker, as on most
-// desktops.
+// desktops (--no-locker: none at all, as under a bare window manager).
 struct Buses {
-    Buses() { locker.claim(QStringLiteral("org.freedesktop.ScreenSaver")); }
+    Buses() {
+        if (withLocker) locker.claim(QStringLiteral("org.freedesktop.ScreenSaver"));
+    }
     test::DBusDaemon session{test::desktopServiceNames()};
     test::DBusDaemon system;
     test::BusStandIn locker{
@@ -299,6 +304,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < args.size(); ++i) {
         if (args[i] == "--ticks" && i + 1 < args.size()) {
             ticks = std::max(1, args[++i].toInt());
+        } else if (args[i] == "--no-locker") {
+            withLocker = false;
         } else if (args[i] == "--agent" && i + 1 < args.size()) {
             const QString a = args[++i];
             agents.emplace_back(a.section('=', 0, 0), a.section('=', 1));
