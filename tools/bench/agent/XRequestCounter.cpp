@@ -1,11 +1,13 @@
 #include "XRequestCounter.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -79,15 +81,23 @@ XRequestCounter::XRequestCounter(const QString& display) {
     target_ = kSocketDir + display.mid(1).toStdString();
     for (int n = 90; n < 200 && listener_ < 0; ++n) {
         const std::string path = kSocketDir + std::to_string(n);
-        if (access(path.c_str(), F_OK) == 0 ||
-            access(("/tmp/.X" + std::to_string(n) + "-lock").c_str(), F_OK) == 0)
-            continue;
+        // The display number is ours by its lock file, as an X server's is: an Xvfb started
+        // meanwhile (by tests, say) picks another one instead of taking our socket's place.
+        const std::string lock = "/tmp/.X" + std::to_string(n) + "-lock";
+        const int lockFd = open(lock.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0444);
+        if (lockFd < 0) continue;
+        const std::string pid = std::to_string(getpid());
+        const std::string text = std::string(10 - std::min<std::size_t>(10, pid.size()), ' ') + pid + "\n";
+        const bool locked = write(lockFd, text.data(), text.size()) == ssize_t(text.size());
+        close(lockFd);
+        unlink(path.c_str());  // a socket left by a server that is gone with its lock
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const sockaddr_un a = addressOf(path);
-        if (bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0 && listen(fd, 8) == 0) {
-            listener_ = fd, number_ = n, path_ = path;
+        if (locked && bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0 && listen(fd, 8) == 0) {
+            listener_ = fd, number_ = n, path_ = path, lock_ = lock;
         } else {
             close(fd);
+            unlink(lock.c_str());
         }
     }
     if (listener_ < 0 || pipe(wake_) != 0) return;
@@ -103,6 +113,7 @@ XRequestCounter::~XRequestCounter() {
     for (int fd : {listener_, wake_[0], wake_[1]})
         if (fd >= 0) close(fd);
     if (!path_.empty()) unlink(path_.c_str());
+    if (!lock_.empty()) unlink(lock_.c_str());
 }
 
 void XRequestCounter::run() {
@@ -143,8 +154,9 @@ void XRequestCounter::run() {
                 }
                 if (fromClient) requests_ += p.framer.feed(buf, std::size_t(n));
                 for (ssize_t sent = 0; sent < n;) {
-                    const ssize_t w =
-                        write(fromClient ? p.server : p.client, buf + sent, std::size_t(n - sent));
+                    // A client that went away must not end the bench with SIGPIPE.
+                    const ssize_t w = send(fromClient ? p.server : p.client, buf + sent,
+                                           std::size_t(n - sent), MSG_NOSIGNAL);
                     if (w <= 0) {
                         closed = true;
                         break;

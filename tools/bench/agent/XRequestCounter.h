@@ -25,6 +25,7 @@ class XRequestCounter {
 
     std::string target_;
     std::string path_;
+    std::string lock_;
     int number_ = -1;
     int listener_ = -1;
     int wake_[2] = {-1, -1};
