@@ -3,7 +3,6 @@
 // user manager, which must bring a killed agent back and leave a granted quit alone.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -19,6 +18,7 @@
 #include "support/ChildProcess.h"
 #include "support/DBusDaemon.h"
 #include "support/EventLoop.h"
+#include "support/SqliteQuery.h"
 #include "support/TestFiles.h"
 #include "support/XClient.h"
 #include "support/XServer.h"
@@ -285,16 +285,9 @@ class PackagedService : public Packages {
     // Samples stored per session id.
     QMap<qint64, int> sessions() {
         QMap<qint64, int> rows;
-        sqlite3* db = nullptr;
-        sqlite3_stmt* st = nullptr;
-        if (sqlite3_open_v2(QFile::encodeName(dir.filePath("data/CorviAgent/corvi.sqlite")).constData(), &db,
-                            SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-            sqlite3_busy_timeout(db, 2000) == SQLITE_OK &&
-            sqlite3_prepare_v2(db, "SELECT id, samples FROM sessions", -1, &st, nullptr) == SQLITE_OK)
-            while (sqlite3_step(st) == SQLITE_ROW)
-                rows[sqlite3_column_int64(st, 0)] = sqlite3_column_int(st, 1);
-        sqlite3_finalize(st);
-        sqlite3_close(db);
+        for (const QStringList& row :
+             test::query(dir.filePath("data/CorviAgent/corvi.sqlite"), "SELECT id, samples FROM sessions"))
+            rows[row[0].toLongLong()] = row[1].toInt();
         return rows;
     }
     static int total(const QMap<qint64, int>& rows) { return std::accumulate(rows.begin(), rows.end(), 0); }

@@ -164,8 +164,7 @@ TEST_F(StoreTest, UpdateWritesOnlyGrowingFieldsAndOnlyForAKnownId) {
     store.updateSession(id, row);
     EXPECT_EQ(
         queryRows(file(), "SELECT * FROM sessions;"),
-        QStringList{
-            "1|100.0|106.0|com.adobe.photoshop|Adobe Photoshop|Untitled-1|work|working|20.0|30.0|2.0|3|0"});
+        QStringList{"1|100|106|com.adobe.photoshop|Adobe Photoshop|Untitled-1|work|working|20|30|2|3|0"});
 }
 
 TEST_F(StoreTest, MarkRunsOneExactStatementAndFetchGivesSmallestUnsyncedIdsUpToLimit) {
