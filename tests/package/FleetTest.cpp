@@ -194,12 +194,11 @@ class Update : public Fleet {
         return user("systemctl --user show -P " + property + " corviagent.service").out.trimmed();
     }
     QString sessions() {
-        return user(
-                   "python3 -c 'import sqlite3, os; db = "
-                   "sqlite3.connect(os.path.expanduser(\"~/.local/share/CorviAgent/corvi.sqlite\"));"
-                   " print(\" \".join(\"%d:%d\" % r for r in db.execute(\"SELECT id, samples FROM sessions "
-                   "ORDER BY id\")))'")
-            .out.trimmed();
+        QStringList rows;
+        for (const QStringList& row : machine->query("/home/studio/.local/share/CorviAgent/corvi.sqlite",
+                                                     "SELECT id, samples FROM sessions ORDER BY id"))
+            rows << row.join(':');
+        return rows.join(' ');
     }
 };
 
