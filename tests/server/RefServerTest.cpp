@@ -44,10 +44,11 @@ class RefServerTest : public ::testing::Test {
   protected:
     void SetUp() override { start("4321"); }
 
-    void start(std::optional<QString> passcode) {
+    void start(std::optional<QString> passcode, const QString& updates = {}) {
         server.reset();
         ServerOptions o;
         o.dbPath = dir.filePath("server.sqlite");
+        o.updatesDir = updates;
         o.users = {{"ana@studio.example", "s3cret:pw", "Ana Souza"}};  // a colon in a password is fine
         o.passcode = passcode;
         o.machineNames = {{"UID-NAMED", "Front desk"}};
@@ -200,12 +201,7 @@ TEST_F(RefServerTest, ServesTheUpdatesFolderAndNothingElse) {
                 put(updates + "/apt/dists/trixie/InRelease", "r") &&
                 put(updates + "/deb13/.hidden/key", "k") && put(dir.filePath("secret"), "s"));
     ASSERT_TRUE(QFile::link(dir.filePath("secret"), updates + "/deb13/link"));
-    server.reset();
-    ServerOptions o;
-    o.dbPath = dir.filePath("server.sqlite");
-    o.updatesDir = updates;
-    server = std::make_unique<RefServer>(o);
-    ASSERT_NE(server->listen(QHostAddress::LocalHost, 0), 0);
+    start("4321", updates);
     const struct {
         const char* path;
         int status;
