@@ -75,7 +75,7 @@ class SamplerTest : public ::testing::Test {
     std::vector<Sample> updates;
 };
 
-TEST_F(SamplerTest, FirstTickOpensASessionOfOneSampleAndTheNextMeasuresCpu) {
+TEST_F(SamplerTest, FirstTickOpensASessionAndLaterTicksMeasureCpuAndAccumulate) {
     desktop.front->windowTitle = "● Untitled-1 — 1024 × 768";
     desktop.idle = 4.5;
     cpu->totals[42] = 7 * sec;
@@ -94,24 +94,22 @@ TEST_F(SamplerTest, FirstTickOpensASessionOfOneSampleAndTheNextMeasuresCpu) {
     EXPECT_EQ(sampler->current()->endTS, t0);
 
     cpu->totals[42] += 3 * sec / 2;
+    desktop.idle = 7;
     tickLater();
     EXPECT_EQ(updates.back().cpuPercent, 50);
-    EXPECT_EQ(store.shape(), "I1 U1");
-}
-
-TEST_F(SamplerTest, SteadyActivityAccumulatesSumsMaximumAndLastIdle) {
-    sampler->accumulate(sample(t0, "Untitled-1", 10, 1));
-    sampler->accumulate(sample(t0 + 3, "Untitled-1", 30, 7));
-    sampler->accumulate(sample(t0 + 6, "Untitled-1", 20, 2));
+    cpu->totals[42] += 3 * sec / 4;
+    desktop.idle = 2;
+    tickLater();
     EXPECT_EQ(store.shape(), "I1 U1 U1");
+    // Sums, the maximum and the last idle time; each update carries the row of its moment.
     const SessionRow& row = store.writes.back().row;
     EXPECT_EQ(row.startTS, t0);
     EXPECT_EQ(row.endTS, t0 + 6);
-    EXPECT_EQ(row.sumCPU, 60);
-    EXPECT_EQ(row.maxCPU, 30);
+    EXPECT_EQ(row.sumCPU, 75);
+    EXPECT_EQ(row.maxCPU, 50);
     EXPECT_EQ(row.samples, 3);
     EXPECT_EQ(row.idleAtEnd, 2);
-    EXPECT_EQ(store.writes[1].row.samples, 2);  // each update carries the row of its moment
+    EXPECT_EQ(store.writes[1].row.samples, 2);
 }
 
 TEST_F(SamplerTest, WhatExtendsASessionAndWhatOpensTheNext) {
@@ -141,8 +139,7 @@ TEST_F(SamplerTest, WhatExtendsASessionAndWhatOpensTheNext) {
         sampler->accumulate(next);
         if (c.extends) {
             const std::string id = std::to_string(firstID);
-            EXPECT_EQ(store.shape(), "I" + id + " U" + id)
-                << c.name;
+            EXPECT_EQ(store.shape(), "I" + id + " U" + id) << c.name;
             EXPECT_EQ(sampler->current()->samples, 2) << c.name;
             EXPECT_EQ(sampler->current()->endTS, t0 + c.elapsed) << c.name;
             EXPECT_EQ(sampler->current()->windowTitle, QString::fromUtf8(c.first)) << c.name;

@@ -47,14 +47,6 @@ class AppModelTest : public ::testing::Test {
     QString path() const { return dir.filePath(QStringLiteral("config.json")); }
 };
 
-TEST_F(AppModelTest, WithoutAFileKeepsTheInitialValuesAndWritesNothing) {
-    AppModel m(path());
-    m.load();
-    EXPECT_EQ(persisted(m), "||0|system|1|");
-    EXPECT_EQ(m.currentStateLabel(), QString(QChar(0x2014)));
-    EXPECT_FALSE(QFile::exists(path()));
-}
-
 // Every row starts from a model holding `before`; a file that cannot be read changes nothing,
 // a key that is missing or of the wrong type takes its default, except the passcode, which
 // only a valid record replaces.
@@ -137,6 +129,10 @@ TEST_F(AppModelTest, LoadRefusesWhatIsNotARegularFile) {
 
 TEST_F(AppModelTest, SaveWritesEveryKeyPrettyPrintedAndPrivately) {
     AppModel m(path());
+    m.load();  // without a file: the initial values, and nothing written
+    EXPECT_EQ(persisted(m), "||0|system|1|");
+    EXPECT_EQ(m.currentStateLabel(), QString(QChar(0x2014)));
+    EXPECT_FALSE(QFile::exists(path()));
     m.setServerURL(QStringLiteral("https://s"));
     m.setApiKey(QStringLiteral("k"));
     writeFile(path(), "{}");

@@ -155,14 +155,7 @@ apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q corvia
     EXPECT_EQ(user(userFiles).out, before) << "purge touched a user's files";
 }
 
-// The user's desktop inside the machine: Xvfb with openbox, a tray and a window in front (no
-// shell in it, whose prompt would retitle it).
-const char* const desktop = R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp &
-export DISPLAY=:7
-# Clients that come before the display fail: a loaded machine may take more than a second.
-for i in $(seq 100); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
-openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request & xterm -T poster.psd -e sleep infinity & wait)";
-const QString x = "export DISPLAY=:7 XDG_SESSION_TYPE=x11; ";
+const QString x = Machine::onDesktop;
 const QString dialog = "^(Atualização do Corvimetry|Corvimetry update)$";
 
 // What the update path must survive, each with what the log must say; the installed version
@@ -201,12 +194,11 @@ class Update : public Fleet {
         return user("systemctl --user show -P " + property + " corviagent.service").out.trimmed();
     }
     QString sessions() {
-        return user(
-                   "python3 -c 'import sqlite3, os; db = "
-                   "sqlite3.connect(os.path.expanduser(\"~/.local/share/CorviAgent/corvi.sqlite\"));"
-                   " print(\" \".join(\"%d:%d\" % r for r in db.execute(\"SELECT id, samples FROM sessions "
-                   "ORDER BY id\")))'")
-            .out.trimmed();
+        QStringList rows;
+        for (const QStringList& row : machine->query("/home/studio/.local/share/CorviAgent/corvi.sqlite",
+                                                     "SELECT id, samples FROM sessions ORDER BY id"))
+            rows << row.join(':');
+        return rows.join(' ');
     }
 };
 
@@ -220,9 +212,7 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
         user("echo demo | corviagent --sign-in https://corvimetry.com demo@corvi.local");
     ASSERT_EQ(signIn.status, 0) << signIn.out.toStdString();
     QProcess screen;
-    machine->spawn(screen, desktop, true);
-    ASSERT_TRUE(waitFor(
-        [&] { return user(x + "xdotool search --onlyvisible --name '^poster.psd$'").status == 0; }, 30000))
+    ASSERT_TRUE(machine->startDesktop(screen))
         << "the desktop did not come up: " << screen.readAll().toStdString();
 
     const QString nextDeb = deb("corviagent", next);

@@ -81,4 +81,30 @@ void Machine::spawn(QProcess& process, const QString& script, bool asUser) const
     process.start("nsenter", enter(script, asUser));
 }
 
+QList<QStringList> Machine::query(const QString& path, const QString& sql) const {
+    const Run r = sh("python3 - '" + path + "' '" + sql + R"(' <<'EOF'
+import sqlite3, sys
+for row in sqlite3.connect(sys.argv[1]).execute(sys.argv[2]): print("\t".join(map(str, row)))
+EOF)",
+                     true);
+    QList<QStringList> rows;
+    if (r.status == 0)
+        for (const QString& line : r.out.split(u'\n', Qt::SkipEmptyParts)) rows << line.split(u'\t');
+    return rows;
+}
+
+bool Machine::startDesktop(QProcess& screen) const {
+    spawn(screen, R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp &
+export DISPLAY=:7
+# Clients that come before the display fail: a loaded machine may take more than a second.
+for i in $(seq 100); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
+openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request & xterm -T poster.psd -e sleep infinity & wait)",
+          true);
+    return waitFor(
+        [&] {
+            return sh(onDesktop + "xdotool search --onlyvisible --name '^poster.psd$'", true).status == 0;
+        },
+        30000);
+}
+
 }  // namespace corvi::test

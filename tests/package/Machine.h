@@ -30,6 +30,17 @@ class Machine {
     Run sh(const QString& script, bool asUser = false, int timeoutMs = 300000) const;
     // The same, left running in `process` (stopped by its owner or with the machine).
     void spawn(QProcess& process, const QString& script, bool asUser = false) const;
+    // The user's desktop, left running in `screen`: Xvfb with openbox, a tray and a window
+    // "poster.psd" in front (no shell in it, whose prompt would retitle it). False when it did
+    // not show.
+    bool startDesktop(QProcess& screen) const;
+    // Put before a user's command that talks to that desktop.
+    static inline const QString onDesktop = "export DISPLAY=:7 XDG_SESSION_TYPE=x11; ";
+    // Every row `sql` answers from the SQLite file at `path` inside, read as the user; columns as
+    // text. Empty when it cannot be read.
+    QList<QStringList> query(const QString& path, const QString& sql) const;
+    // A path inside, as seen from this machine (SQLite, which resolves links, cannot open it).
+    QString outside(const QString& inside) const { return QString("/proc/%1/root%2").arg(pid_).arg(inside); }
 
   private:
     QStringList enter(const QString& script, bool asUser) const;

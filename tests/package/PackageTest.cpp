@@ -3,7 +3,6 @@
 // user manager, which must bring a killed agent back and leave a granted quit alone.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -16,12 +15,9 @@
 #include <functional>
 #include <numeric>
 
-#include "support/ChildProcess.h"
-#include "support/DBusDaemon.h"
+#include "Machine.h"
 #include "support/EventLoop.h"
 #include "support/TestFiles.h"
-#include "support/XClient.h"
-#include "support/XServer.h"
 
 namespace corvi {
 namespace {
@@ -177,159 +173,101 @@ TEST_F(Packages, ReleaseSignsTheWholePackageWithTheKeyItPrints) {
     EXPECT_EQ(verify.status, 0) << verify.out.toStdString();
 }
 
-// Runs a systemd user manager in a mount namespace of its own, where it finds the marker of a
-// systemd-booted machine, a cgroup subtree to manage (as user@.service would delegate) and the
-// packages' /usr laid over the system's, so the packaged unit and programs sit where dpkg puts
-// them. "clean" removes the subtree once the manager is gone.
-const char* const managerScript = R"(
-set -e
-while IFS=: read -r number controllers path; do
-  case "$controllers" in
-    name=systemd) hierarchy=/sys/fs/cgroup/systemd ;;
-    "") hierarchy=/sys/fs/cgroup; [ -d /sys/fs/cgroup/unified ] && hierarchy=/sys/fs/cgroup/unified ;;
-    *) continue ;;
-  esac
-  if [ "$3" = clean ]; then find "$hierarchy$path/$1" -depth -type d -exec rmdir {} + 2>/dev/null || true
-  else mkdir "$hierarchy$path/$1" && echo $$ > "$hierarchy$path/$1/cgroup.procs"; fi
-done < /proc/self/cgroup
-[ "$3" = clean ] && exit 0
-mount -t tmpfs tmpfs /run/systemd && mkdir /run/systemd/system
-mount -t overlay overlay -o "lowerdir=$2/usr:/usr" /usr
-ulimit -c 0
-exec /usr/lib/systemd/systemd --user
-)";
-
+// Both packages installed on a throwaway machine (tests/support/machine) whose user has logged
+// in to a desktop and has a systemd service manager, which knows nothing of the desktop: the
+// autostart entry's program must tell it. Signed in, with the passcode 4321.
 class PackagedService : public Packages {
   protected:
     void SetUp() override {
         Packages::SetUp();
-        if (::geteuid() != 0) GTEST_SKIP() << "a user manager of its own needs root (cgroups, mounts)";
-        ASSERT_TRUE(dir.isValid() && x.ok() && bus.ok()) << "no temporary folder, Xvfb with openbox or dbus";
-        QDir().mkdir(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        for (const QString& name :
-             QStringList{"DISPLAY", "WAYLAND_DISPLAY", "XAUTHORITY", "XDG_CURRENT_DESKTOP",
-                         "DBUS_SESSION_BUS_ADDRESS", "XDG_DATA_HOME"})
-            ctl.remove(name);
-        ctl.insert("XDG_RUNTIME_DIR", runtime);
-        ctl.insert("XDG_CONFIG_HOME", dir.filePath("config"));
-        // The manager knows nothing of the desktop: the autostart entry's program must tell it.
-        manager.setProcessEnvironment(ctl);
-        manager.setProcessChannelMode(QProcess::MergedChannels);
-        manager.start("unshare", {"-m", "--propagation", "private", "sh", "-c", managerScript, "sh", cgroup,
-                                  root->path()});
-        if (!waitFor(
-                [&] {
-                    return run("systemctl", {"--user", "show", "-P", "SystemState"}, ctl)
-                        .out.contains(QRegularExpression("running|degraded"));
-                },
-                10000))
-            GTEST_SKIP() << "no systemd user manager runs here: "
-                         << QString::fromUtf8(manager.readAll()).toStdString();
-
-        session = ctl;
-        for (const QString& set :
-             QStringList{"DISPLAY=" + x.display(), "DBUS_SESSION_BUS_ADDRESS=" + bus.address(),
-                         "XDG_DATA_HOME=" + dir.filePath("data"), "XDG_SESSION_TYPE=x11"})
-            session.insert(set.section('=', 0, 0), set.section('=', 1));
-        ASSERT_TRUE(
-            test::writeFile(dir.filePath("data/CorviAgent/config.json"),
-                            R"({"server_url": "http://127.0.0.1:9", "api_key": "key", "language": "pt",
-                "launch_at_login": false, "passcode": {"salt": "Y29ydmktcGFja2FnZS0wMQ==",
-                "hash": "08GwRA0MYxNWQoi1xeYu7pC7Zs4o4iiTn+TZ7+lRLYc=", "iterations": 1000}})"));
-        const auto poster = client.createWindow();
-        client.setText(poster, "_NET_WM_NAME", "UTF8_STRING", "poster.psd");
-        ASSERT_TRUE(client.activate(poster));
+        if (::geteuid() != 0) GTEST_SKIP() << "a throwaway machine needs root (namespaces, mounts)";
+        machine = std::make_unique<test::Machine>(QStringList{"-m", "-a"});
+        ASSERT_TRUE(machine->ok()) << machine->error().toStdString();
+        const auto installed =
+            machine->sh("dpkg -i " + package("corviagent") + " " + package("corviagent-autostart"));
+        ASSERT_EQ(installed.status, 0) << installed.out.toStdString();
+        const auto configured = user("mkdir -p " + data + " && cat > " + data + R"(/config.json <<'EOF'
+{"server_url": "http://127.0.0.1:9", "api_key": "key", "language": "pt", "launch_at_login": false,
+ "passcode": {"salt": "Y29ydmktcGFja2FnZS0wMQ==", "hash": "08GwRA0MYxNWQoi1xeYu7pC7Zs4o4iiTn+TZ7+lRLYc=",
+ "iterations": 1000}}
+EOF)");
+        ASSERT_EQ(configured.status, 0) << configured.out.toStdString();
+        ASSERT_TRUE(machine->startDesktop(screen)) << "no desktop: " << screen.readAll().toStdString();
     }
 
-    void TearDown() override {
-        if (manager.state() != QProcess::NotRunning) {
-            down();
-            test::stop(manager);
-        }
-        if (::geteuid() == 0) run("sh", {"-c", managerScript, "sh", cgroup, root->path(), "clean"});
+    // A command of the user's, in the desktop session.
+    test::Machine::Run user(const QString& script) const {
+        return machine->sh(test::Machine::onDesktop + script, true);
     }
-
     // What the desktop does at login: run the autostart entry's program.
-    int login() { return start(entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec")); }
-    // An Exec= line run as the desktop runs it, in the session, where the packages are installed.
-    int start(const QString& exec) {
-        return run("nsenter", {"-t", QString::number(manager.processId()), "-m", "--", "sh", "-c", exec},
-                   session)
-            .status;
-    }
+    int login() { return user(entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec")).status; }
+    void signal(int pid, int number) { machine->sh(QString("kill -%1 %2").arg(number).arg(pid)); }
+    // The service's agent; 0 when none runs, or when systemctl did not answer (a loaded machine).
+    int agent() { return show("MainPID").toInt(); }
     // The agent is down and the service will not bring it back by itself.
     void down() {
-        run("systemctl", {"--user", "kill", "--signal=SIGKILL", "corviagent.service"}, ctl);
-        run("systemctl", {"--user", "stop", "corviagent.service"}, ctl);
+        user("systemctl --user kill --signal=SIGKILL corviagent.service");
+        user("systemctl --user stop corviagent.service");
     }
     // The service runs the installed program, and brings it back from a kill.
     ::testing::AssertionResult supervised() {
-        QString pid;
-        if (!waitFor([&] { return (pid = show("MainPID")) != "0" && show("ActiveState") == "active"; },
-                     10000))
+        int pid = 0;
+        if (!waitFor([&] { return (pid = agent()) > 0 && show("ActiveState") == "active"; }, 10000))
             return ::testing::AssertionFailure() << "the service runs no agent\n" << status();
-        const QString exe = QFile::symLinkTarget("/proc/" + pid + "/exe");
+        const QString exe = machine->sh(QString("readlink /proc/%1/exe").arg(pid)).out.trimmed();
         if (exe != "/usr/bin/corviagent")
             return ::testing::AssertionFailure() << "the service runs " << exe.toStdString();
-        ::kill(pid.toInt(), SIGKILL);
+        signal(pid, SIGKILL);
         // A loaded machine's disk can hold a killed process in an fsync for seconds before it
         // dies; systemd restarts it only then.
-        if (!waitFor([&] { return show("MainPID") != "0" && show("MainPID") != pid; }, 30000))
+        if (!waitFor(
+                [&] {
+                    const int now = agent();
+                    return now > 0 && now != pid;
+                },
+                30000))
             return ::testing::AssertionFailure() << "a killed agent stayed down\n" << status();
         return ::testing::AssertionSuccess();
     }
     QString show(const QString& property) {
-        return run("systemctl", {"--user", "show", "-P", property, "corviagent.service"}, ctl).out.trimmed();
+        return user("systemctl --user show -P " + property + " corviagent.service").out.trimmed();
     }
-    std::string status() {
-        return run("systemctl", {"--user", "status", "corviagent.service"}, ctl).out.toStdString();
-    }
+    std::string status() { return user("systemctl --user status corviagent.service").out.toStdString(); }
     // Samples stored per session id.
     QMap<qint64, int> sessions() {
         QMap<qint64, int> rows;
-        sqlite3* db = nullptr;
-        sqlite3_stmt* st = nullptr;
-        if (sqlite3_open_v2(QFile::encodeName(dir.filePath("data/CorviAgent/corvi.sqlite")).constData(), &db,
-                            SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-            sqlite3_busy_timeout(db, 2000) == SQLITE_OK &&
-            sqlite3_prepare_v2(db, "SELECT id, samples FROM sessions", -1, &st, nullptr) == SQLITE_OK)
-            while (sqlite3_step(st) == SQLITE_ROW)
-                rows[sqlite3_column_int64(st, 0)] = sqlite3_column_int(st, 1);
-        sqlite3_finalize(st);
-        sqlite3_close(db);
+        for (const QStringList& row :
+             machine->query(data + "/corvi.sqlite", "SELECT id, samples FROM sessions"))
+            rows[row[0].toLongLong()] = row[1].toInt();
         return rows;
     }
     static int total(const QMap<qint64, int>& rows) { return std::accumulate(rows.begin(), rows.end(), 0); }
-    QString xdotool(const QStringList& args) { return run("xdotool", args, session).out.trimmed(); }
+    QString xdotool(const QString& args) { return user("xdotool " + args).out.trimmed(); }
 
-    QTemporaryDir dir;
-    test::XServer x;
-    test::DBusDaemon bus;
-    test::XClient client{x.display()};
-    QString runtime = dir.filePath("runtime"), cgroup = QString("corvi-package-test-%1").arg(::getpid());
-    QProcessEnvironment ctl = QProcessEnvironment::systemEnvironment(), session;
-    QProcess manager;
+    const QString home = "/home/studio", data = home + "/.local/share/CorviAgent";
+    std::unique_ptr<test::Machine> machine;
+    QProcess screen;
 };
 
 TEST_F(PackagedService, KilledAgentComesBackOnItsDatabaseAndAGrantedQuitStaysQuit) {
     ASSERT_EQ(login(), 0);
     ASSERT_TRUE(waitFor([&] { return total(sessions()) > 0; }, 15000)) << "the agent stored nothing\n"
                                                                        << status();
-    const QString first = show("MainPID");
+    const int first = agent();
     ASSERT_EQ(login(), 0);
     test::settle(1000);
-    EXPECT_EQ(show("MainPID"), first) << "a second start replaced the agent";
+    EXPECT_EQ(agent(), first) << "a second start replaced the agent";
 
     // SIGHUP and SIGPIPE count as clean ends for Restart=on-failure: they must bring it back too.
     for (int signal : {SIGKILL, SIGSEGV, SIGHUP}) {
-        const QString pid = show("MainPID");
+        const int pid = agent();
         const QMap<qint64, int> before = sessions();
-        ASSERT_GT(pid.toInt(), 0) << status();  // kill(0) would reach this test
-        ::kill(pid.toInt(), signal);
+        ASSERT_GT(pid, 0) << status();
+        this->signal(pid, signal);
         EXPECT_TRUE(waitFor(
             [&] {
-                const QString now = show("MainPID");
-                return now != "0" && now != pid;
+                const int now = agent();
+                return now > 0 && now != pid;
             },
             10000))
             << strsignal(signal) << " left it down\n"
@@ -342,20 +280,16 @@ TEST_F(PackagedService, KilledAgentComesBackOnItsDatabaseAndAGrantedQuitStaysQui
     }
 
     // A SIGTERM (a stop, a logout, kill) asks for the passcode; granted, the agent ends with 0.
-    const int pid = show("MainPID").toInt();
+    const int pid = agent();
     ASSERT_GT(pid, 0) << status();
-    ::kill(pid, SIGTERM);
+    signal(pid, SIGTERM);
     QString prompt;
     ASSERT_TRUE(waitFor(
-        [&] {
-            return !(prompt = xdotool({"search", "--onlyvisible", "--name", "^Senha do Corvimetry$"}))
-                        .isEmpty();
-        },
+        [&] { return !(prompt = xdotool("search --onlyvisible --name '^Senha do Corvimetry$'")).isEmpty(); },
         10000))
         << "no passcode prompt";
-    ASSERT_TRUE(waitFor([&] { return xdotool({"getactivewindow"}) == prompt; }, 3000));
-    xdotool({"type", "4321"});
-    xdotool({"key", "Return"});
+    ASSERT_TRUE(waitFor([&] { return xdotool("getactivewindow") == prompt; }, 3000));
+    xdotool("type 4321; xdotool key Return");
     ASSERT_TRUE(waitFor([&] { return show("ActiveState") == "inactive"; }, 10000)) << status();
     test::settle(4000);  // past RestartSec
     EXPECT_EQ(show("ActiveState") + " " + show("ExecMainStatus"), "inactive 0") << status();
@@ -365,7 +299,7 @@ TEST_F(PackagedService, KilledAgentComesBackOnItsDatabaseAndAGrantedQuitStaysQui
     ASSERT_TRUE(waitFor([&] { return show("ActiveState") == "active"; }, 10000)) << status();
     QElapsedTimer stop;
     stop.start();
-    EXPECT_EQ(run("systemctl", {"--user", "stop", "corviagent.service"}, ctl).status, 0);
+    EXPECT_EQ(user("systemctl --user stop corviagent.service").status, 0);
     EXPECT_LT(stop.elapsed(), 15000) << "a stop waits for the quit prompt";
     // Killed after the timeout, the unit is "failed"; the starter resets that at the next login.
     test::settle(4000);  // past RestartSec
@@ -376,19 +310,18 @@ TEST_F(PackagedService, KilledAgentComesBackOnItsDatabaseAndAGrantedQuitStaysQui
 // terminal. A user entry of an earlier version, which started the program itself and shadows
 // the machine-wide entry of the same name, is made to run the starter.
 TEST_F(PackagedService, EveryStartIsSupervised) {
-    // The user wants to start at login; without the machine-wide entry (not installed here) the
-    // agent keeps the user's entry.
-    const QString config = dir.filePath("data/CorviAgent/config.json");
-    ASSERT_TRUE(test::writeFile(
-        config, test::readFile(config).replace("\"launch_at_login\": false", "\"launch_at_login\": true")));
-    const QString userEntry = dir.filePath("config/autostart/" + appID + ".desktop");
+    // The user wants to start at login.
+    const QString userEntry = home + "/.config/autostart/" + appID + ".desktop";
     const QString starter = "/usr/libexec/corviagent/start";
-    ASSERT_TRUE(test::writeFile(userEntry,
-                                "[Desktop Entry]\nType=Application\nName=CorviAgent\n"
-                                "Exec=\"/usr/bin/corviagent\"\nX-GNOME-Autostart-enabled=true\n"));
+    const auto prepared = user("sed -i 's/\"launch_at_login\": false/\"launch_at_login\": true/' " + data +
+                               "/config.json && mkdir -p ~/.config/autostart && printf '[Desktop Entry]\\n"
+                               "Type=Application\\nName=CorviAgent\\nExec=\"/usr/bin/corviagent\"\\n"
+                               "X-GNOME-Autostart-enabled=true\\n' > " +
+                               userEntry);
+    ASSERT_EQ(prepared.status, 0) << prepared.out.toStdString();
     const auto userExec = [&] {
         return QRegularExpression("^Exec=(.*)$", QRegularExpression::MultilineOption)
-            .match(QString::fromUtf8(test::readFile(userEntry)))
+            .match(QString::fromUtf8(test::readFile(machine->outside(userEntry))))
             .captured(1);
     };
     struct Case {
@@ -406,11 +339,11 @@ TEST_F(PackagedService, EveryStartIsSupervised) {
     };
     for (const Case& c : cases) {
         down();
-        EXPECT_EQ(start(c.exec()), 0) << c.row;
+        EXPECT_EQ(user(c.exec()).status, 0) << c.row;
         EXPECT_TRUE(supervised()) << c.row;
     }
     EXPECT_EQ(userExec(), "\"" + starter + "\"") << "the earlier entry was not rewritten";
-    EXPECT_TRUE(test::readFile(userEntry).contains("\nTryExec=" + starter.toUtf8() + "\n"));
+    EXPECT_TRUE(test::readFile(machine->outside(userEntry)).contains("\nTryExec=" + starter.toUtf8() + "\n"));
 }
 
 }  // namespace

@@ -7,16 +7,12 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
-#include <cmath>
 
 #include "RefServer.h"
-#include "model/AppModel.h"
-#include "platform/HostIdentity.h"
-#include "server/HttpClient.h"
+#include "ScriptedServer.h"
+#include "model/Passcode.h"
 #include "server/Syncer.h"
-#include "store/Store.h"
 #include "support/QtPrinters.h"
-#include "support/RecordingLog.h"
 
 namespace corvi::refserver {
 namespace {
@@ -25,11 +21,11 @@ using Headers = QList<QPair<QByteArray, QByteArray>>;
 
 // A valid session; `key` (when given) set to `value`, or removed when `value` is undefined.
 QJsonObject session(qint64 id, const char* key = nullptr, const QJsonValue& value = QJsonValue::Undefined) {
-    QJsonObject s =
-        QJsonDocument::fromJson(R"({"start":1700000000.25,"end":1700000600.5,"bundle_id":"b","app_name":"A",)"
-                                R"("window_title":"t","category":"work","state":"working","avg_cpu":1.5,)"
-                                R"("max_cpu":8,"idle_at_end":1.5,"samples":200})")
-            .object();
+    QJsonObject s = QJsonDocument::fromJson(
+                        R"({"start":1700000000.25,"end":1700000600.5,"bundle_id":"b","app_name":"A",)"
+                        R"("window_title":"poster \u00e9t\u00e9 \"final\".xcf","category":"work",)"
+                        R"("state":"working","avg_cpu":1.5,"max_cpu":8,"idle_at_end":1.5,"samples":200})")
+                        .object();
     s.insert("client_id", id);
     if (key && value.isUndefined()) s.remove(key);
     if (key && !value.isUndefined()) s.insert(key, value);
@@ -48,10 +44,11 @@ class RefServerTest : public ::testing::Test {
   protected:
     void SetUp() override { start("4321"); }
 
-    void start(std::optional<QString> passcode) {
+    void start(std::optional<QString> passcode, const QString& updates = {}) {
         server.reset();
         ServerOptions o;
         o.dbPath = dir.filePath("server.sqlite");
+        o.updatesDir = updates;
         o.users = {{"ana@studio.example", "s3cret:pw", "Ana Souza"}};  // a colon in a password is fine
         o.passcode = passcode;
         o.machineNames = {{"UID-NAMED", "Front desk"}};
@@ -68,11 +65,7 @@ class RefServerTest : public ::testing::Test {
         QNetworkRequest request(QUrl(base() + path));
         for (const auto& [name, value] : headers) request.setRawHeader(name, value);
         if (!body.isNull()) request.setRawHeader("Content-Type", "application/json");
-        auto result = std::make_shared<std::optional<HttpResult>>();
-        HttpClient::shared().send(request, body.isNull() ? "GET" : "POST", body, 5000, server.get(),
-                                  [result](const HttpResult& r) { *result = r; });
-        EXPECT_TRUE(QTest::qWaitFor([&] { return result->has_value(); }, 6000)) << path.toStdString();
-        return result->value_or(HttpResult{});
+        return test::exchange(request, body.isNull() ? "GET" : "POST", body);
     }
 
     QByteArray token() {
@@ -97,14 +90,18 @@ TEST_F(RefServerTest, SessionsAndMachinesAreKeptPerMachine) {
     const QByteArray key = enroll();
     const auto up = call("/v1/ingest", bearer(key), batch({session(7), session(8)}));
     EXPECT_EQ(json(up).value("accepted").toInteger(), 2) << up.body.toStdString();
-    ASSERT_EQ(call("/v1/ingest", bearer(key), batch({session(7, "end", 1700000700.75)})).status, 200);
+    ASSERT_EQ(call("/v1/ingest", bearer(key), batch({session(7, "end", 1700000700.123456789)})).status, 200);
     ASSERT_EQ(call("/v1/ingest", bearer(enroll("UID-2")), batch({session(7)})).status, 200);
     EXPECT_EQ(server->database().sessionCount(), 3) << "the same local id from another machine is another";
     const auto machine = server->database().machineForKey(tokenDigest(QString::fromUtf8(key)));
     ASSERT_TRUE(machine);
     const auto stored = server->database().session(machine->id, 7);
     ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->end, 1700000700.75) << "sent again, a session replaces its earlier version";
+    EXPECT_EQ(stored->end, 1700000700.123456789) << "sent again, a session replaces its earlier version";
+    EXPECT_EQ(stored->windowTitle, QString::fromUtf8("poster été \"final\".xcf"));
+    const Unsynced agentRow{9, 1700000000.5, 1700000003.5, "b", "a", "t", "work", "working", 1, 2, 0, 2};
+    EXPECT_EQ(call("/v1/ingest", bearer(key), Syncer::body({agentRow})).status, 200)
+        << "the agent's own batch";
 
     EXPECT_EQ(call("/v1/me", bearer(enroll("UID-1"))).status, 200);
     EXPECT_EQ(call("/v1/me", bearer(key)).status, 401) << "enrolling again revokes the old key";
@@ -114,6 +111,7 @@ TEST_F(RefServerTest, SessionsAndMachinesAreKeptPerMachine) {
     EXPECT_EQ(server->database().machines().size(), 4);
     const auto named = call("/v1/me", bearer(enroll("UID-NAMED", "ana-laptop")));
     EXPECT_EQ(json(named).value("machine_name").toString(), "Front desk");
+    EXPECT_EQ(json(named).value("employee_name").toString(), "Ana Souza");
     const auto page = call("/");
     EXPECT_TRUE(page.status == 200 && page.body.contains("Front desk") && page.body.contains("working"));
 }
@@ -121,7 +119,11 @@ TEST_F(RefServerTest, SessionsAndMachinesAreKeptPerMachine) {
 TEST_F(RefServerTest, PasscodeRecordIsStableAcrossRestartsAndCanBeRemoved) {
     const QByteArray key = enroll();
     const auto before = json(call("/v1/me", bearer(key))).value("passcode");
-    ASSERT_TRUE(before.isObject());
+    const QJsonObject record = before.toObject();
+    EXPECT_TRUE(
+        (Passcode{record["salt"].toString(), record["hash"].toString(), record["iterations"].toInteger()}
+             .confere("4321")))
+        << "the agent does not take the passcode the server was given";
     start("4321");
     EXPECT_EQ(json(call("/v1/me", bearer(key))).value("passcode"), before);
     start(std::nullopt);
@@ -186,65 +188,6 @@ TEST_F(RefServerTest, EveryBadRequestIsRefusedWithItsReason) {
     EXPECT_EQ(server->database().sessionCount(), 0) << "a refused batch stores nothing";
 }
 
-// The agent's whole server link against the reference server.
-TEST_F(RefServerTest, AgentSignsInEnrollsAndDrainsABacklog) {
-    test::RecordingLog log;
-    Store store{dir.filePath("corvi.sqlite")};
-    AppModel model{dir.filePath("config.json")};
-    model.setLanguageSource([] { return QStringList{"en-GB"}; });
-    std::optional<std::optional<QString>> message;
-    model.loginAndEnroll(base() + "/", "ana@studio.example", "s3cret:pw",
-                         [&](bool, std::optional<QString> m) { message = m; });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return message && model.serverReachable(); }));
-    EXPECT_EQ(*message, std::nullopt);
-    EXPECT_EQ(model.connectedAs(), QString::fromUtf8("Ana Souza · ") + machineName());
-    ASSERT_TRUE(model.passcode());
-    EXPECT_TRUE(model.passcode()->confere("4321"));
-
-    const double start = 1700000000.123456789;
-    SessionRow row;
-    row.startTS = start;
-    row.windowTitle = QString::fromUtf8("poster été \"final\".xcf");
-    for (int i = 0; i < 1200; ++i, row.startTS += 30.0625) {
-        row.endTS = row.startTS + 3 * (1 + i % 9);
-        store.openSession(row);
-    }
-    Syncer syncer(store, model, 60);
-    const std::tuple<int, int, qint64> ticks[] = {{1200, 700, 500}, {700, 200, 1000}, {200, 0, 1200}};
-    for (const auto& [before, after, onServer] : ticks) {
-        syncer.tick();
-        EXPECT_EQ(model.pending(), before);
-        ASSERT_TRUE(QTest::qWaitFor([&] { return !syncer.inFlight(); }, 10000));
-        EXPECT_EQ(model.pending(), after);
-        EXPECT_EQ(server->database().sessionCount(), onServer) << "oldest first, 500 per tick";
-        EXPECT_TRUE(model.lastSyncOK());
-    }
-    const QString sent = QString::fromUtf8("CorviAgent sync: %1 sessões enviadas");
-    EXPECT_EQ(log.systemLines, (QStringList{sent.arg(500), sent.arg(500), sent.arg(200)}));
-
-    // A grown session replaces its copy; times and readings arrive to the last bit.
-    SessionRow grown;
-    grown.endTS = std::nextafter(start + 120, 2e9);
-    grown.maxCPU = 0.1 + 0.2;
-    grown.idleAtEnd = 2.0 / 3.0;
-    grown.samples = 40;
-    store.updateSession(1, grown);
-    syncer.tick();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !syncer.inFlight(); }, 10000));
-    EXPECT_EQ(model.pending(), 0);
-    EXPECT_EQ(server->database().sessionCount(), 1200);
-    const auto machine = server->database().machineForKey(tokenDigest(model.apiKey()));
-    ASSERT_TRUE(machine);
-    const auto copy = server->database().session(machine->id, 1);
-    ASSERT_TRUE(copy);
-    EXPECT_EQ(copy->start, start);
-    EXPECT_EQ(copy->end, grown.endTS);
-    EXPECT_EQ(copy->maxCpu, grown.maxCPU);
-    EXPECT_EQ(copy->idleAtEnd, grown.idleAtEnd);
-    EXPECT_EQ(copy->samples, 40);
-    EXPECT_EQ(copy->windowTitle, QString::fromUtf8("poster été \"final\".xcf"));
-}
-
 // The updates folder as a feed per release and an apt repository are served from it: files
 // in sub-folders, and nothing outside it or hidden.
 TEST_F(RefServerTest, ServesTheUpdatesFolderAndNothingElse) {
@@ -258,12 +201,7 @@ TEST_F(RefServerTest, ServesTheUpdatesFolderAndNothingElse) {
                 put(updates + "/apt/dists/trixie/InRelease", "r") &&
                 put(updates + "/deb13/.hidden/key", "k") && put(dir.filePath("secret"), "s"));
     ASSERT_TRUE(QFile::link(dir.filePath("secret"), updates + "/deb13/link"));
-    server.reset();
-    ServerOptions o;
-    o.dbPath = dir.filePath("server.sqlite");
-    o.updatesDir = updates;
-    server = std::make_unique<RefServer>(o);
-    ASSERT_NE(server->listen(QHostAddress::LocalHost, 0), 0);
+    start("4321", updates);
     const struct {
         const char* path;
         int status;

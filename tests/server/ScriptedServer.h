@@ -1,8 +1,14 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <QHash>
 #include <QTcpServer>
 #include <QTcpSocket>
+#include <QTest>
+#include <optional>
+
+#include "server/HttpClient.h"
 
 namespace corvi::test {
 
@@ -99,5 +105,17 @@ class ScriptedServer : public QTcpServer {
     QHash<QByteArray, Script> scripts_;
     QHash<QTcpSocket*, QByteArray> buffers_;
 };
+
+// One request through the agent's own client, its answer waited for.
+inline HttpResult exchange(const QNetworkRequest& request, const QByteArray& method, const QByteArray& body,
+                           int timeoutMs = 5000) {
+    QObject context;  // no answer is delivered once the wait is over
+    std::optional<HttpResult> result;
+    HttpClient::shared().send(request, method, body, timeoutMs, &context,
+                              [&](const HttpResult& r) { result = r; });
+    EXPECT_TRUE(QTest::qWaitFor([&] { return result.has_value(); }, timeoutMs + 1000))
+        << request.url().toString().toStdString();
+    return result.value_or(HttpResult{});
+}
 
 }  // namespace corvi::test

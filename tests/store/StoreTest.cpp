@@ -58,32 +58,28 @@ class StoreTest : public ::testing::Test {
     test::RecordingLog log;
 };
 
-TEST_F(StoreTest, DefaultLocationIsPrivateFolderAndFile) {
-    const test::ScopedEnv dataHome("XDG_DATA_HOME", dir.filePath(QStringLiteral("data")).toUtf8());
-    Store store;
-    const QString folder = dir.filePath(QStringLiteral("data/CorviAgent"));
-    EXPECT_EQ(store.path(), folder + QStringLiteral("/corvi.sqlite"));
-    EXPECT_GT(store.openSession(session(100)), 0);
-    EXPECT_EQ(modeOf(folder), 0700u);
-    for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(store.path() + suffix), 0600u) << suffix;
-}
-
+// At its default location: a private folder and file.
 TEST_F(StoreTest, FreshFileHasTheSchemaAndReopeningKeepsEveryRowWithoutReusingIds) {
+    const test::ScopedEnv dataHome("XDG_DATA_HOME", dir.filePath(QStringLiteral("data")).toUtf8());
+    const QString folder = dir.filePath(QStringLiteral("data/CorviAgent")), file = folder + "/corvi.sqlite";
     {
-        Store store(file());
-        EXPECT_EQ(queryRows(file(), "SELECT type, name FROM sqlite_master ORDER BY name;"),
+        Store store;
+        EXPECT_EQ(store.path(), file);
+        EXPECT_EQ(queryRows(file, "SELECT type, name FROM sqlite_master ORDER BY name;"),
                   QStringList({"index|idx_sessions_start", "index|idx_sessions_synced", "table|sessions",
                                "table|sqlite_sequence"}));
-        EXPECT_EQ(queryRows(file(), "PRAGMA journal_mode;"), QStringList({"wal"}));
+        EXPECT_EQ(queryRows(file, "PRAGMA journal_mode;"), QStringList({"wal"}));
         EXPECT_EQ(store.pendingCount(), 0);
         EXPECT_TRUE(store.fetchUnsynced(500).empty());
         for (int i = 0; i < 3; ++i) store.openSession(session(100 + i));
         store.markSynced({2});
+        EXPECT_EQ(modeOf(folder), 0700u);
+        for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(file + suffix), 0600u) << suffix;
     }
-    const QStringList before = queryRows(file(), "SELECT * FROM sessions ORDER BY id;");
+    const QStringList before = queryRows(file, "SELECT * FROM sessions ORDER BY id;");
     {
-        Store store(file());
-        EXPECT_EQ(queryRows(file(), "SELECT * FROM sessions ORDER BY id;"), before);
+        Store store(file);
+        EXPECT_EQ(queryRows(file, "SELECT * FROM sessions ORDER BY id;"), before);
         EXPECT_EQ(idsOf(store.fetchUnsynced(500)), (std::vector<std::int64_t>{1, 3}));
         StoreTestAccess::exec(store, "DELETE FROM sessions WHERE id=3;");
         EXPECT_EQ(store.openSession(session(200)), 4);  // a deleted last row keeps its id
@@ -164,8 +160,7 @@ TEST_F(StoreTest, UpdateWritesOnlyGrowingFieldsAndOnlyForAKnownId) {
     store.updateSession(id, row);
     EXPECT_EQ(
         queryRows(file(), "SELECT * FROM sessions;"),
-        QStringList{
-            "1|100.0|106.0|com.adobe.photoshop|Adobe Photoshop|Untitled-1|work|working|20.0|30.0|2.0|3|0"});
+        QStringList{"1|100|106|com.adobe.photoshop|Adobe Photoshop|Untitled-1|work|working|20|30|2|3|0"});
 }
 
 TEST_F(StoreTest, MarkRunsOneExactStatementAndFetchGivesSmallestUnsyncedIdsUpToLimit) {

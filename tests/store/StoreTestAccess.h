@@ -6,6 +6,7 @@
 
 #include "store/Store.h"
 #include "support/QtPrinters.h"
+#include "support/SqliteQuery.h"
 
 namespace corvi {
 
@@ -38,30 +39,6 @@ class StatementTrace {
     }
     sqlite3* db_;
 };
-
-// Every row of a query over a separate read connection, columns joined by "|"; a failure
-// gives a last row "error: <message>".
-inline QStringList queryRows(const QString& path, const char* sql) {
-    sqlite3* db = nullptr;
-    QStringList rows;
-    char* error = nullptr;
-    const bool opened =
-        sqlite3_open_v2(path.toUtf8().constData(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK;
-    if (opened) {
-        const auto addRow = [](void* out, int n, char** values, char**) {
-            QStringList columns;
-            for (int i = 0; i < n; ++i) columns << QString::fromUtf8(values[i] ? values[i] : "");
-            static_cast<QStringList*>(out)->append(columns.join(u'|'));
-            return 0;
-        };
-        sqlite3_exec(db, sql, addRow, &rows, &error);
-    }
-    if (error || !opened)
-        rows << QStringLiteral("error: ") + QString::fromUtf8(error ? error : "cannot open");
-    sqlite3_free(error);
-    sqlite3_close(db);
-    return rows;
-}
 
 }  // namespace test
 }  // namespace corvi
