@@ -5,7 +5,6 @@
 // And what the program says before it needs a desktop.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <QDBusConnection>
@@ -26,6 +25,7 @@
 #include "support/GnomeShell.h"
 #include "support/KWinCompositor.h"
 #include "support/ServerProcess.h"
+#include "support/SqliteQuery.h"
 #include "support/StandInWatcher.h"
 #include "support/SwayCompositor.h"
 #include "support/TestFiles.h"
@@ -34,31 +34,9 @@
 namespace corvi {
 namespace {
 
+using test::query;
 using test::settle;
 using test::waitFor;
-
-// Every row `sql` answers, its columns as text; empty when the file cannot be read.
-QList<QStringList> query(const QString& path, const QString& sql) {
-    QList<QStringList> rows;
-    sqlite3* db = nullptr;
-    sqlite3_stmt* st = nullptr;
-    if (sqlite3_open_v2(QFile::encodeName(path).constData(), &db, SQLITE_OPEN_READONLY, nullptr) ==
-            SQLITE_OK &&
-        sqlite3_busy_timeout(db, 2000) == SQLITE_OK &&
-        sqlite3_prepare_v2(db, sql.toUtf8().constData(), -1, &st, nullptr) == SQLITE_OK)
-        while (sqlite3_step(st) == SQLITE_ROW) {
-            QStringList& row = rows.emplace_back();
-            for (int i = 0; i < sqlite3_column_count(st); ++i) {  // reals to the last bit
-                const bool real = sqlite3_column_type(st, i) == SQLITE_FLOAT;
-                const auto text = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
-                row << (real ? QString::number(sqlite3_column_double(st, i), 'g', 17)
-                             : QString::fromUtf8(text));
-            }
-        }
-    sqlite3_finalize(st);
-    sqlite3_close(db);
-    return rows;
-}
 
 // One run of the agent, its standard error collected.
 struct Agent {
