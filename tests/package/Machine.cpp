@@ -97,14 +97,14 @@ bool Machine::startDesktop(QProcess& screen) const {
     spawn(screen, R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp &
 export DISPLAY=:7
 # Clients that come before the display fail: a loaded machine may take more than a second.
-for i in $(seq 100); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
+for i in $(seq 300); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
 openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request & xterm -T poster.psd -e sleep infinity & wait)",
           true);
     return waitFor(
         [&] {
             return sh(onDesktop + "xdotool search --onlyvisible --name '^poster.psd$'", true).status == 0;
         },
-        30000);
+        60000);
 }
 
 }  // namespace corvi::test
