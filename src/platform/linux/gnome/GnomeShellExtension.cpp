@@ -8,8 +8,16 @@ namespace corvi {
 
 namespace {
 
-std::int32_t pidOf(std::uint32_t pid) {
-    return pid <= std::uint32_t(std::numeric_limits<std::int32_t>::max()) ? std::int32_t(pid) : 0;
+// Get's answer and Changed's arguments are the same four values.
+GnomeShellExtension::Focus focusOf(bool focused, const QString& appId, const QString& title,
+                                   std::uint32_t pid) {
+    GnomeShellExtension::Focus f;
+    f.focused = focused;
+    if (!focused) return f;
+    f.appId = appId.trimmed();
+    f.title = title;
+    f.pid = pid <= std::uint32_t(std::numeric_limits<std::int32_t>::max()) ? std::int32_t(pid) : 0;
+    return f;
 }
 
 }  // namespace
@@ -17,8 +25,8 @@ std::int32_t pidOf(std::uint32_t pid) {
 GnomeShellExtension::GnomeShellExtension(QDBusConnection bus) : bus_(std::move(bus)) {
     if (!bus_.isConnected()) return;
     const QString name = QString::fromLatin1(kBusName);
-    watcher_ = new QDBusServiceWatcher(name, bus_, QDBusServiceWatcher::WatchForOwnerChange, this);
-    connect(watcher_, &QDBusServiceWatcher::serviceOwnerChanged, this,
+    auto* watcher = new QDBusServiceWatcher(name, bus_, QDBusServiceWatcher::WatchForOwnerChange, this);
+    connect(watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
             [this](const QString&, const QString&, const QString& owner) {
                 known_.reset();
                 mayHaveOwner_ = !owner.isEmpty();
@@ -48,14 +56,7 @@ void GnomeShellExtension::notAnswering() {
 }
 
 void GnomeShellExtension::changed(bool focused, const QString& appId, const QString& title, uint pid) {
-    Focus f;
-    f.focused = focused;
-    if (focused) {
-        f.appId = appId.trimmed();
-        f.title = title;
-        f.pid = pidOf(pid);
-    }
-    known_ = f;
+    known_ = focusOf(focused, appId, title, pid);
     mayHaveOwner_ = true;
 }
 
@@ -73,13 +74,7 @@ std::optional<GnomeShellExtension::Focus> GnomeShellExtension::ask() {
     if (reply.type() != QDBusMessage::ReplyMessage || reply.signature() != QLatin1String("bssu"))
         return std::nullopt;
     const QList<QVariant> args = reply.arguments();
-    Focus f;
-    f.focused = args[0].toBool();
-    if (!f.focused) return f;
-    f.appId = args[1].toString().trimmed();
-    f.title = args[2].toString();
-    f.pid = pidOf(args[3].toUInt());
-    return f;
+    return focusOf(args[0].toBool(), args[1].toString(), args[2].toString(), args[3].toUInt());
 }
 
 }  // namespace corvi

@@ -7,8 +7,6 @@
 #include <cstdint>
 #include <optional>
 
-class QDBusServiceWatcher;
-
 namespace corvi {
 
 // Our GNOME Shell extension as seen from the session bus: it owns kBusName while enabled,
@@ -53,7 +51,6 @@ class GnomeShellExtension : public QObject {
     std::optional<Focus> ask();
 
     QDBusConnection bus_;
-    QDBusServiceWatcher* watcher_ = nullptr;
     bool mayHaveOwner_ = true;  // until the bus says the name has none
     std::optional<Focus> known_;
     std::chrono::steady_clock::time_point quietUntil_{};
