@@ -96,7 +96,8 @@ EOF)",
 }
 
 bool Machine::startDesktop(QProcess& screen) const {
-    spawn(screen, R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp &
+    // -noreset: Xvfb resets when its last client leaves (xdpyinfo below), refusing clients meanwhile.
+    spawn(screen, R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp -noreset &
 export DISPLAY=:7
 # Clients that come before the display fail: a loaded machine may take more than a second.
 for i in $(seq 300); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
@@ -108,7 +109,7 @@ openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request 
             },
             60000))
         return true;
-    // Rare on Debian 13 and not understood yet: what ran and what the display held, for the log.
+    // What ran and what the display held, for the log.
     const Run seen =
         sh(onDesktop + "ps -o pid,stat,etime,args -u studio; xwininfo -root -tree | head -40", true);
     std::fprintf(stderr, "the desktop never showed its window; its processes and windows:\n%s\n",
