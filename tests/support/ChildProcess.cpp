@@ -52,13 +52,22 @@ QString startForFirstLine(QProcess& process, const QString& program, const QStri
     return QString::fromUtf8(out.trimmed());
 }
 
-void stop(QProcess& process) {
+void stop(QProcess& process, bool hard) {
     if (process.state() == QProcess::NotRunning) return;
-    process.terminate();
-    if (!process.waitForFinished(3000)) {
+    if (!hard) process.terminate();
+    if (hard || !process.waitForFinished(3000)) {
         process.kill();
-        process.waitForFinished(3000);
+        process.waitForFinished(5000);
     }
+}
+
+bool runToEnd(const QStringList& command, const QProcessEnvironment& env, QByteArray* out) {
+    QProcess p;
+    p.setProcessEnvironment(env);
+    p.start(command.first(), command.mid(1));
+    const bool ok = p.waitForFinished(5000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+    if (out) *out = p.readAllStandardOutput();
+    return ok;
 }
 
 }  // namespace corvi::test

@@ -29,7 +29,10 @@ class ChildProcess {
 
 // Starts `program` and answers the first line it prints (trimmed), empty when none comes.
 QString startForFirstLine(QProcess& process, const QString& program, const QStringList& args);
-// Terminates the process, killing it when it does not end.
-void stop(QProcess& process);
+// Terminates the process, killing it when it does not end; `hard` kills it at once, as a crash would.
+void stop(QProcess& process, bool hard = false);
+// Runs command[0] with the rest as arguments to its end; true when it exited with 0. `out` gets
+// what it printed.
+bool runToEnd(const QStringList& command, const QProcessEnvironment& env, QByteArray* out = nullptr);
 
 }  // namespace corvi::test

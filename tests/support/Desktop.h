@@ -50,16 +50,12 @@ class Desktop {
     void startTray() {
         tray_.start("trayer", {"--edge", "top", "--SetDockType", "true", "--widthtype", "request"});
     }
-    void stopTray() {
-        if (tray_.state() != QProcess::NotRunning) stop(tray_);
-    }
+    void stopTray() { stop(tray_); }
 
     QString xdotool(const QStringList& args) const {
-        QProcess p;
-        p.setProcessEnvironment(environment());
-        p.start("xdotool", args);
-        p.waitForFinished(5000);
-        return QString::fromUtf8(p.readAllStandardOutput()).trimmed();
+        QByteArray out;
+        runToEnd(QStringList{"xdotool"} + args, environment(), &out);
+        return QString::fromUtf8(out).trimmed();
     }
     // The first visible window titled exactly `title` (no regular expression characters), or empty.
     QString shownWindow(const QString& title) const {

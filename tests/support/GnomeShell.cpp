@@ -141,10 +141,4 @@ void GnomeShell::pause(bool paused) {
     if (shell_.state() == QProcess::Running) ::kill(pid_t(shell_.processId()), paused ? SIGSTOP : SIGCONT);
 }
 
-void GnomeShell::kill() {
-    pause(false);
-    shell_.kill();
-    shell_.waitForFinished(5000);
-}
-
 }  // namespace corvi::test

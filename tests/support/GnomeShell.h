@@ -7,6 +7,7 @@
 #include <QTemporaryDir>
 #include <map>
 
+#include "support/ChildProcess.h"
 #include "support/DBusDaemon.h"
 #include "support/WaylandClients.h"
 
@@ -39,7 +40,7 @@ class GnomeShell : public WaylandDesktop {
     bool setExtensionEnabled(bool enabled);
     // Pauses or resumes the Shell (SIGSTOP, SIGCONT), or ends it at once.
     void pause(bool paused);
-    void kill();
+    void kill() { stop(shell_, true); }
 
   protected:
     QString clientDir() const override { return dir_.path(); }

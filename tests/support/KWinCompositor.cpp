@@ -106,12 +106,6 @@ bool KWinCompositor::start() {
     return false;
 }
 
-void KWinCompositor::kill() {
-    kwin_.kill();
-    kwin_.waitForFinished(5000);
-    ok_ = false;
-}
-
 int KWinCompositor::loadScript(const QString& file, const QString& pluginName) {
     auto load = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
                                                QStringLiteral("org.kde.kwin.Scripting"),
@@ -147,12 +141,9 @@ void KWinCompositor::unloadScript(const QString& pluginName) {
 }
 
 bool KWinCompositor::fakeInput() {
-    QProcess input;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("WAYLAND_DISPLAY"), socketPath());
-    input.setProcessEnvironment(env);
-    input.start(QStringLiteral(CORVI_TEST_KWIN_FAKE_INPUT), {});
-    return input.waitForFinished(5000) && input.exitStatus() == QProcess::NormalExit && input.exitCode() == 0;
+    return runToEnd({QStringLiteral(CORVI_TEST_KWIN_FAKE_INPUT)}, env);
 }
 
 QProcessEnvironment KWinCompositor::clientEnvironment() const {
@@ -175,11 +166,9 @@ ClientWindow KWinCompositor::openXTerm(const QString& title) {
 }
 
 int KWinCompositor::majorVersion() const {
-    QProcess version;
-    version.start(program_, {QStringLiteral("--version")});
-    if (!version.waitForFinished(5000)) return 0;
-    // "kwin 6.3.6"
-    return QString::fromLatin1(version.readAllStandardOutput()).section(u' ', 1).section(u'.', 0, 0).toInt();
+    QByteArray version;  // "kwin 6.3.6"
+    runToEnd({program_, QStringLiteral("--version")}, QProcessEnvironment::systemEnvironment(), &version);
+    return QString::fromLatin1(version).section(u' ', 1).section(u'.', 0, 0).toInt();
 }
 
 // The display of the X socket KWin listens on: KWin 6 starts Xwayland only when the first X

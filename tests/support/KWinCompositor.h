@@ -6,6 +6,7 @@
 #include <QTemporaryDir>
 #include <memory>
 
+#include "support/ChildProcess.h"
 #include "support/WaylandClients.h"
 
 namespace corvi::test {
@@ -43,7 +44,10 @@ class KWinCompositor : public WaylandDesktop {
     bool fakeInput();
 
     // Ends KWin the hard way, as a crash would, and its clients with it.
-    void kill();
+    void kill() {
+        stop(kwin_, true);
+        ok_ = false;
+    }
     // Starts a new KWin on the same socket and bus; answers ok().
     bool start();
 

@@ -3,6 +3,7 @@
 #include <QProcess>
 #include <QStringList>
 
+#include "support/ChildProcess.h"
 #include "support/HttpTestClient.h"
 #include "support/ReferenceServer.h"
 
@@ -18,10 +19,7 @@ class ServerProcess {
           base_(startReferenceServer(
               process_, CORVI_SERVER_BIN,
               QStringList{"--db", db_, "--user", "ana@studio.example:s3cret:Ana Souza"} + args)) {}
-    ~ServerProcess() {
-        process_.kill();
-        process_.waitForFinished();
-    }
+    ~ServerProcess() { stop(process_, true); }
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
 

@@ -80,13 +80,7 @@ QProcessEnvironment SwayCompositor::clientEnvironment() const {
 }
 
 bool SwayCompositor::run(const QString& program, const QStringList& args, QByteArray* out) const {
-    QProcess p;
-    p.setProcessEnvironment(clientEnvironment());
-    const QStringList command = asNobody(program, args);
-    p.start(command.first(), command.mid(1));
-    const bool ok = p.waitForFinished(5000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
-    if (out) *out = p.readAllStandardOutput();
-    return ok;
+    return runToEnd(asNobody(program, args), clientEnvironment(), out);
 }
 
 bool SwayCompositor::waitForWindow(const QString& appId, const QString& title, bool focused, int ms) const {
@@ -98,11 +92,6 @@ bool SwayCompositor::waitForWindow(const QString& appId, const QString& title, b
                    holds(QJsonDocument::fromJson(tree).object(), appId, title, focused);
         },
         ms);
-}
-
-void SwayCompositor::kill() {
-    sway_.kill();
-    sway_.waitForFinished(5000);
 }
 
 }  // namespace corvi::test

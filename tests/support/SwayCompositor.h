@@ -5,6 +5,7 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include "support/ChildProcess.h"
 #include "support/WaylandClients.h"
 
 namespace corvi::test {
@@ -33,7 +34,7 @@ class SwayCompositor : public WaylandDesktop {
     bool waitForWindow(const QString& appId, const QString& title, bool focused = true, int ms = 10000) const;
 
     // Kills sway outright, as a crash would.
-    void kill();
+    void kill() { stop(sway_, true); }
 
   protected:
     QString clientDir() const override { return runtime_.path(); }

@@ -92,12 +92,11 @@ std::vector<std::uint32_t> XClient::items32(Window w, const char* name) {
 }
 
 bool XClient::activate(Window w, int timeoutMs) {
-    const xcb_atom_t active = atom("_NET_ACTIVE_WINDOW");
     xcb_client_message_event_t event{};
     event.response_type = XCB_CLIENT_MESSAGE;
     event.format = 32;
     event.window = w;
-    event.type = active;
+    event.type = atom("_NET_ACTIVE_WINDOW");
     event.data.data32[0] = 2;  // source: a pager, which window managers obey without question
     event.data.data32[1] = XCB_CURRENT_TIME;
     QElapsedTimer clock;
@@ -110,13 +109,7 @@ bool XClient::activate(Window w, int timeoutMs) {
                            reinterpret_cast<const char*>(&event));
             xcb_flush(c_->conn);
         }
-        auto* reply = xcb_get_property_reply(
-            c_->conn, xcb_get_property(c_->conn, 0, c_->screen->root, active, XCB_ATOM_WINDOW, 0, 1),
-            nullptr);
-        const bool done = reply && xcb_get_property_value_length(reply) == 4 &&
-                          *static_cast<xcb_window_t*>(xcb_get_property_value(reply)) == w;
-        free(reply);
-        if (done) return true;
+        if (items32(root(), "_NET_ACTIVE_WINDOW") == std::vector<std::uint32_t>{w}) return true;
         QThread::msleep(10);
     }
     return false;
@@ -140,20 +133,13 @@ bool XClient::fakeInput() {
 
 bool XClient::hasWindowManager() {
     if (!ok()) return false;
-    auto* reply = xcb_get_property_reply(
-        c_->conn,
-        xcb_get_property(c_->conn, 0, root(), atom("_NET_SUPPORTING_WM_CHECK"), XCB_ATOM_WINDOW, 0, 1),
-        nullptr);
-    bool found = false;
-    if (reply && xcb_get_property_value_length(reply) == 4) {
-        const xcb_window_t w = *static_cast<xcb_window_t*>(xcb_get_property_value(reply));
-        auto* attrs =
-            xcb_get_window_attributes_reply(c_->conn, xcb_get_window_attributes(c_->conn, w), nullptr);
-        found = attrs != nullptr;
-        free(attrs);
-    }
-    free(reply);
-    return found;
+    const std::vector<std::uint32_t> check = items32(root(), "_NET_SUPPORTING_WM_CHECK");
+    if (check.size() != 1) return false;
+    auto* attrs =
+        xcb_get_window_attributes_reply(c_->conn, xcb_get_window_attributes(c_->conn, check[0]), nullptr);
+    const bool live = attrs != nullptr;
+    free(attrs);
+    return live;
 }
 
 bool XClient::framesNewWindows(int timeoutMs) {
