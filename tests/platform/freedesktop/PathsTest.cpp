@@ -52,8 +52,9 @@ class Tmpfs {
 
 TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpIsPrivateAndSaysWhyNot) {
     QTemporaryDir dir;
-    ASSERT_TRUE(QDir().mkpath(dir.filePath("home")));
-    ASSERT_TRUE(corvi::test::writeFile(dir.filePath("file"), "not a folder"));
+    const auto at = [&](const char* path) { return dir.filePath(path); };
+    ASSERT_TRUE(QDir().mkpath(at("home")));
+    ASSERT_TRUE(corvi::test::writeFile(at("file"), "not a folder"));
     const QString tmpFallback = QStringLiteral("/tmp/CorviAgent-%1").arg(getuid());
     const bool tmpExisted = QFileInfo::exists(tmpFallback);
     const auto fellBack = [&](const QString& base, int error) {
@@ -61,71 +62,43 @@ TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpIsPrivateAndSaysWhyNot) {
                "/CorviAgent não pôde ser criada: " + std::strerror(error) + ")";
     };
     const auto cannotWrite = [&](const char* base, int error) {
-        return "CorviAgent: não é possível gravar na pasta de dados " + dir.filePath(base) +
+        return "CorviAgent: não é possível gravar na pasta de dados " + at(base) +
                "/CorviAgent: " + std::strerror(error);
     };
     // What a row arranges before the agent looks, undone after it.
     std::optional<corvi::test::ReadOnly> readOnly;
     std::optional<Tmpfs> tmpfs;
-    const auto folderIn = [&](const char* base) { return QDir().mkpath(dir.filePath(base) + "/CorviAgent"); };
+    const auto folderIn = [&](const char* base) { return QDir().mkpath(at(base) + "/CorviAgent"); };
 
     struct Case {
         const char* name;
-        QByteArray dataHome;  // empty: unset
-        QByteArray home;
+        QString dataHome;  // empty: unset
+        QString home;
         QString expected;
         QString firstCreated;                // every folder from here down must be 0700
         QString said = {};                   // the one line in the log and on standard error
         std::function<bool()> prepare = {};  // false: this machine cannot arrange it
     };
     const Case cases[] = {
-        {"data home", dir.filePath("data").toUtf8(), dir.filePath("home").toUtf8(),
-         dir.filePath("data/CorviAgent"), dir.filePath("data")},
-        {"home only",
-         {},
-         dir.filePath("home").toUtf8(),
-         dir.filePath("home/.local/share/CorviAgent"),
-         dir.filePath("home/.local")},
-        {"relative data home",
-         "rel",
-         dir.filePath("home").toUtf8(),
-         dir.filePath("home/.local/share/CorviAgent"),
-         {}},
-        {"home that is a file",
-         {},
-         dir.filePath("file").toUtf8(),
-         tmpFallback,
-         tmpExisted ? QString() : tmpFallback,
-         fellBack(dir.filePath("file/.local/share"), ENOTDIR)},
-        {"data home that is a file",
-         dir.filePath("file").toUtf8(),
-         dir.filePath("home").toUtf8(),
-         tmpFallback,
-         {},
-         fellBack(dir.filePath("file"), ENOTDIR)},
-        {"folder of mode 0500 made private again",
-         dir.filePath("narrow").toUtf8(),
-         dir.filePath("home").toUtf8(),
-         dir.filePath("narrow/CorviAgent"),
-         dir.filePath("narrow/CorviAgent"),
-         {},
+        {"data home", at("data"), at("home"), at("data/CorviAgent"), at("data")},
+        {"home only", QString(), at("home"), at("home/.local/share/CorviAgent"), at("home/.local")},
+        {"relative data home", "rel", at("home"), at("home/.local/share/CorviAgent"), QString()},
+        {"home that is a file", QString(), at("file"), tmpFallback, tmpExisted ? QString() : tmpFallback,
+         fellBack(at("file/.local/share"), ENOTDIR)},
+        {"data home that is a file", at("file"), at("home"), tmpFallback, QString(),
+         fellBack(at("file"), ENOTDIR)},
+        {"folder of mode 0500 made private again", at("narrow"), at("home"), at("narrow/CorviAgent"),
+         at("narrow/CorviAgent"), QString(),
          [&] {
-             return folderIn("narrow") &&
-                    ::chmod(QFile::encodeName(dir.filePath("narrow/CorviAgent")), 0500) == 0;
+             return folderIn("narrow") && ::chmod(QFile::encodeName(at("narrow/CorviAgent")), 0500) == 0;
          }},
-        {"folder that refuses writes",
-         dir.filePath("locked").toUtf8(),
-         dir.filePath("home").toUtf8(),
-         dir.filePath("locked/CorviAgent"),
-         {},
+        {"folder that refuses writes", at("locked"), at("home"), at("locked/CorviAgent"), QString(),
          cannotWrite("locked", EPERM),
+         [&] { return folderIn("locked") && readOnly.emplace(at("locked/CorviAgent")).immutable(); }},
+        {"full file system", at("full"), at("home"), at("full/CorviAgent"), at("full/CorviAgent"),
+         cannotWrite("full", ENOSPC),
          [&] {
-             return folderIn("locked") && readOnly.emplace(dir.filePath("locked/CorviAgent")).immutable();
-         }},
-        {"full file system", dir.filePath("full").toUtf8(), dir.filePath("home").toUtf8(),
-         dir.filePath("full/CorviAgent"), dir.filePath("full/CorviAgent"), cannotWrite("full", ENOSPC),
-         [&] {
-             if (!tmpfs.emplace(dir.filePath("full")).mounted() || !folderIn("full")) return false;
+             if (!tmpfs.emplace(at("full")).mounted() || !folderIn("full")) return false;
              tmpfs->fill();
              return true;
          }},
@@ -137,8 +110,7 @@ TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpIsPrivateAndSaysWhyNot) {
             std::printf("[  SKIPPED ] %s: cannot be arranged here\n", c.name);
             continue;
         }
-        corvi::test::ScopedEnv dataHome("XDG_DATA_HOME", c.dataHome);
-        corvi::test::ScopedEnv home("HOME", c.home);
+        corvi::test::ScopedEnv dataHome("XDG_DATA_HOME", c.dataHome.toUtf8()), home("HOME", c.home.toUtf8());
         corvi::test::RecordingLog log;
         EXPECT_EQ(corvi::dataFolder(), c.expected) << c.name;
         EXPECT_EQ(corvi::dataFolder(), c.expected) << c.name;

@@ -1,6 +1,4 @@
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QProcess>
@@ -11,6 +9,7 @@
 #include "platform/linux/x11/X11Accessibility.h"
 #include "platform/linux/x11/X11ActiveWindow.h"
 #include "platform/linux/x11/X11IdleMonitor.h"
+#include "support/ChildProcess.h"
 #include "support/ProbeChecks.h"
 #include "support/QtPrinters.h"
 #include "support/TestFiles.h"
@@ -50,19 +49,6 @@ struct X11Probes {
     X11ActiveWindow window;
     X11IdleMonitor idle;
     X11Accessibility access;
-};
-
-// A bare display of its own, with the probes on it and no desktop entries.
-struct BareDisplay {
-    explicit BareDisplay(const QStringList& withoutExtensions)
-        : server(false, 640, 480, [&] {
-              QStringList args;
-              for (const QString& e : withoutExtensions) args << QStringLiteral("-extension") << e;
-              return args;
-          }()) {}
-    XServer server;
-    XClient client{server.display()};
-    X11Probes p{server.display()};
 };
 
 // One display with openbox, a client making windows and desktop entries in a temp folder.
@@ -226,9 +212,13 @@ TEST_F(X11ProbesTest, SteadyTickAsksLittleAndSeesEveryChange) {
 
 // No window manager, no X-Resource, no screen-saver extension; the active window is written
 // to the root by hand.
-TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValues) {
-    BareDisplay d({QStringLiteral("X-Resource"), QStringLiteral("MIT-SCREEN-SAVER")});
-    ASSERT_TRUE(d.server.ok());
+TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValuesAndThePidNamesTheApp) {
+    XServer server(false, 640, 480,
+                   {QStringLiteral("-extension"), QStringLiteral("X-Resource"), QStringLiteral("-extension"),
+                    QStringLiteral("MIT-SCREEN-SAVER")});
+    ASSERT_TRUE(server.ok());
+    XClient client(server.display());
+    X11Probes p(server.display());
     QProcess sleeper, gone;
     sleeper.start(QStringLiteral("sleep"), {QStringLiteral("30")});
     gone.start(QStringLiteral("true"), {});
@@ -247,69 +237,61 @@ TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValues) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.row);
-        const XClient::Window w = d.client.createWindow();
-        if (c.netWmPid) d.client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(c.netWmPid));
-        d.client.setActiveWindow(w);
-        const auto info = d.p.window.current();
+        const XClient::Window w = client.createWindow();
+        if (c.netWmPid) client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(c.netWmPid));
+        client.setActiveWindow(w);
+        const auto info = p.window.current();
         ASSERT_TRUE(info.has_value());
         EXPECT_EQ(info->pid, c.pid);
         EXPECT_EQ(info->bundleID, QStringLiteral("unknown"));
         EXPECT_EQ(info->appName, c.appName);
         EXPECT_EQ(info->windowTitle, QString());
-        d.client.destroyWindow(w);
+        client.destroyWindow(w);
     }
     sleeper.kill();
     sleeper.waitForFinished();
 
-    const XClient::Window destroyed = d.client.createWindow();
-    d.client.destroyWindow(destroyed);
+    const XClient::Window destroyed = client.createWindow();
+    client.destroyWindow(destroyed);
     const std::pair<const char*, std::function<void()>> noWindow[] = {
-        {"active window destroyed", [&] { d.client.setActiveWindow(destroyed); }},
-        {"active window 0", [&] { d.client.setActiveWindow(0); }},
-        {"no active window property",
-         [&] { d.client.deleteProperty(d.client.root(), "_NET_ACTIVE_WINDOW"); }},
+        {"active window destroyed", [&] { client.setActiveWindow(destroyed); }},
+        {"active window 0", [&] { client.setActiveWindow(0); }},
+        {"no active window property", [&] { client.deleteProperty(client.root(), "_NET_ACTIVE_WINDOW"); }},
         {"active window of the wrong type",
-         [&] { d.client.setCardinal(d.client.root(), "_NET_ACTIVE_WINDOW", 7); }},
+         [&] { client.setCardinal(client.root(), "_NET_ACTIVE_WINDOW", 7); }},
     };
     for (const auto& [row, set] : noWindow) {
         set();
-        EXPECT_FALSE(d.p.window.current().has_value()) << row;
+        EXPECT_FALSE(p.window.current().has_value()) << row;
     }
-    EXPECT_EQ(d.p.idle.idleSeconds(), 0.0) << "no screen-saver extension";
-    EXPECT_FALSE(d.p.access.trusted()) << "no window manager";
-}
+    EXPECT_EQ(p.idle.idleSeconds(), 0.0) << "no screen-saver extension";
+    EXPECT_FALSE(p.access.trusted()) << "no window manager";
 
-// A process whose root holds a .flatpak-info is a sandboxed app; needs the right to chroot.
-TEST(X11BareDisplayTest, FlatpakSandboxGivesTheAppId) {
-    BareDisplay d({QStringLiteral("X-Resource")});
-    ASSERT_TRUE(d.server.ok());
+    // A process whose root holds a .flatpak-info is a sandboxed app; needs the right to chroot.
     QTemporaryDir root;
     test::writeFile(
         root.filePath(QStringLiteral(".flatpak-info")),
         "[Instance]\nname=not.this\n\n[Application]\nruntime=runtime/x\nname=org.example.Sandboxed\n");
-    const pid_t child = fork();
-    if (child == 0) {
-        if (chroot(QFile::encodeName(root.path()).constData()) == 0) pause();
-        _exit(1);
-    }
-    ASSERT_GT(child, 0);
+    const QByteArray rootPath = QFile::encodeName(root.path());
+    test::ChildProcess child([&] {
+        if (chroot(rootPath.constData()) == 0) pause();
+    });
+    ASSERT_GT(child.pid(), 0);
     QThread::msleep(100);
     const bool sandboxed =
-        QFileInfo(QStringLiteral("/proc/%1/root").arg(child)).symLinkTarget() == root.path();
-    const XClient::Window w = d.client.createWindow();
-    d.client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(child));
-    d.client.setText(w, "_GTK_APPLICATION_ID", "UTF8_STRING", "org.example.Outside");
-    d.client.setActiveWindow(w);
-    const auto info = d.p.window.current();
+        QFileInfo(QStringLiteral("/proc/%1/root").arg(child.pid())).symLinkTarget() == root.path();
+    const XClient::Window w = client.createWindow();
+    client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(child.pid()));
+    client.setText(w, "_GTK_APPLICATION_ID", "UTF8_STRING", "org.example.Outside");
+    client.setActiveWindow(w);
+    const auto info = p.window.current();
     // Read once per process, not at every tick: the same window's next tick does not ask.
     QFile::rename(root.filePath(QStringLiteral(".flatpak-info")), root.filePath(QStringLiteral("gone")));
-    const auto later = d.p.window.current();
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    const auto later = p.window.current();
     if (!sandboxed) GTEST_SKIP() << "no permission to chroot";
     ASSERT_TRUE(info.has_value());
     EXPECT_EQ(info->bundleID, QStringLiteral("org.example.Sandboxed")) << "the sandbox's ID wins";
-    EXPECT_EQ(info->pid, child);
+    EXPECT_EQ(info->pid, child.pid());
     ASSERT_TRUE(later.has_value());
     EXPECT_EQ(later->bundleID, info->bundleID) << "read again for the same process";
 }
