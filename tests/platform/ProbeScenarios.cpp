@@ -14,12 +14,11 @@ namespace {
 constexpr int kTickMs = 3000;
 
 TEST_P(DesktopProbesTest, FrontWindowIsDescribedUntilNoneIsLeft) {
-    const QString editor = QStringLiteral("org.example.Editor"),
-                  noEntry = QStringLiteral("org.example.NoEntry");
+    const QString editor = "org.example.Editor", noEntry = "org.example.NoEntry";
     std::vector<WindowCase> cases = desktop.ownCases();
     cases.push_back({"its desktop entry names it", editor,
                      QString::fromUtf8("Relat\xc3\xb3rio \xe2\x80\x94 caf\xc3\xa9 \xe2\x9c\x93"), editor,
-                     QStringLiteral("Example Editor")});
+                     "Example Editor"});
     cases.push_back({"no entry: the ID names it", noEntry,
                      QString::fromUtf8("\"caf\xc3\xa9\" \\ ' `$(x)` \xe2\x9c\x93"), noEntry, noEntry});
     std::vector<std::unique_ptr<DesktopWindow>> open;
@@ -68,8 +67,8 @@ TEST_P(DesktopProbesTest, TheFactoryMakesThemForTheSession) {
     RecordingLog log;
     Probes made = makeProbes();
     EXPECT_TRUE(waitFor([&] { return made.accessibility->trusted(); }, 10000));
-    const auto w = desktop.open(QStringLiteral("org.example.Editor"), QStringLiteral("Made"));
-    EXPECT_TRUE(showsWindow(*made.window, w->pid(), QStringLiteral("Made")));
+    const auto w = desktop.open("org.example.Editor", "Made");
+    EXPECT_TRUE(showsWindow(*made.window, w->pid(), "Made"));
     EXPECT_TRUE(waitFor([&] { return made.idle->idleSeconds() >= 1.0; }));
     EXPECT_EQ(log.systemLines, QStringList()) << "a supported session logs nothing";
 }

@@ -11,7 +11,7 @@ class BusStandInObject : public QDBusVirtualObject {
     QString introspect(const QString&) const override { return owner_->introspection_; }
     bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override {
         if (message.type() != QDBusMessage::MethodCallMessage ||
-            message.interface() == QStringLiteral("org.freedesktop.DBus.Introspectable"))
+            message.interface() == "org.freedesktop.DBus.Introspectable")
             return false;
         {
             QMutexLocker lock(&owner_->mutex_);
@@ -28,7 +28,7 @@ class BusStandInObject : public QDBusVirtualObject {
 
 BusStandIn::BusStandIn(const QString& busAddress, const QString& path, Answer answer, bool subtree,
                        QString introspection)
-    : connectionName_(QStringLiteral("stand-in-") + QUuid::createUuid().toString(QUuid::WithoutBraces)),
+    : connectionName_("stand-in-" + QUuid::createUuid().toString(QUuid::WithoutBraces)),
       bus_(QDBusConnection::connectToBus(busAddress, connectionName_)),
       answer_(std::move(answer)),
       introspection_(std::move(introspection)),

@@ -9,17 +9,16 @@ namespace corvi::test {
 namespace {
 
 QStringList daemonArguments(QTemporaryDir* services, const QStringList& activatable) {
-    const QStringList common{QStringLiteral("--nofork"), QStringLiteral("--nopidfile"),
-                             QStringLiteral("--print-address=1")};
-    if (!services) return QStringList{QStringLiteral("--session")} + common;
-    const QString folder = services->filePath(QStringLiteral("services"));
+    const QStringList common{"--nofork", "--nopidfile", "--print-address=1"};
+    if (!services) return QStringList{"--session"} + common;
+    const QString folder = services->filePath("services");
     for (const QString& name : activatable)
-        writeFile(folder + u'/' + name + QStringLiteral(".service"),
+        writeFile(folder + u'/' + name + ".service",
                   QStringLiteral("[D-BUS Service]\nName=%1\nExec=/bin/sh -c 'echo %1 >> %2'\n")
-                      .arg(name, services->filePath(QStringLiteral("started")))
+                      .arg(name, services->filePath("started"))
                       .toUtf8());
     // A session bus whose only service folder is the stand-ins'.
-    const QString config = services->filePath(QStringLiteral("bus.conf"));
+    const QString config = services->filePath("bus.conf");
     writeFile(config,
               QStringLiteral("<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration "
                              "1.0//EN\" \"http://www.freedesktop.org/standards/dbus/1.0/"
@@ -30,15 +29,14 @@ QStringList daemonArguments(QTemporaryDir* services, const QStringList& activata
                              "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n")
                   .arg(folder)
                   .toUtf8());
-    return QStringList{QStringLiteral("--config-file=") + config} + common;
+    return QStringList{"--config-file=" + config} + common;
 }
 
 }  // namespace
 
 DBusDaemon::DBusDaemon(const QStringList& activatable)
     : services_(activatable.isEmpty() ? nullptr : std::make_unique<QTemporaryDir>()),
-      address_(startForFirstLine(daemon_, QStringLiteral("dbus-daemon"),
-                                 daemonArguments(services_.get(), activatable))) {}
+      address_(startForFirstLine(daemon_, "dbus-daemon", daemonArguments(services_.get(), activatable))) {}
 
 DBusDaemon::~DBusDaemon() {
     stop(daemon_);
@@ -46,18 +44,17 @@ DBusDaemon::~DBusDaemon() {
 
 QStringList DBusDaemon::started() const {
     if (!services_) return {};
-    return QString::fromUtf8(readFile(services_->filePath(QStringLiteral("started"))))
-        .split(u'\n', Qt::SkipEmptyParts);
+    return QString::fromUtf8(readFile(services_->filePath("started"))).split(u'\n', Qt::SkipEmptyParts);
 }
 
 QStringList desktopServiceNames() {
-    return {QStringLiteral("org.freedesktop.ScreenSaver"),
-            QStringLiteral("org.gnome.ScreenSaver"),
-            QStringLiteral("org.mate.ScreenSaver"),
-            QStringLiteral("org.cinnamon.ScreenSaver"),
-            QStringLiteral("org.gnome.Mutter.IdleMonitor"),
-            QStringLiteral("org.gnome.Shell"),
-            QStringLiteral("org.kde.KWin")};
+    return {"org.freedesktop.ScreenSaver",
+            "org.gnome.ScreenSaver",
+            "org.mate.ScreenSaver",
+            "org.cinnamon.ScreenSaver",
+            "org.gnome.Mutter.IdleMonitor",
+            "org.gnome.Shell",
+            "org.kde.KWin"};
 }
 
 }  // namespace corvi::test

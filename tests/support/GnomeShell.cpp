@@ -18,11 +18,10 @@
 namespace corvi::test {
 namespace {
 
-const QString kShellName = QStringLiteral("org.gnome.Shell");
+const QString kShellName = "org.gnome.Shell";
 
 QDBusMessage shellCall(const QString& interface, const QString& method, const QVariantList& args) {
-    QDBusMessage m =
-        QDBusMessage::createMethodCall(kShellName, QStringLiteral("/org/gnome/Shell"), interface, method);
+    QDBusMessage m = QDBusMessage::createMethodCall(kShellName, "/org/gnome/Shell", interface, method);
     m.setArguments(args);
     return m;
 }
@@ -35,44 +34,41 @@ GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QBy
     if (!session_.ok() || !system_.ok()) return;
     for (const char* sub : {"run", "home", "config", "cache"})
         QDir(dir_.path()).mkpath(QString::fromLatin1(sub));
-    ::chmod(QFile::encodeName(dir_.filePath(QStringLiteral("run"))).constData(), 0700);
+    ::chmod(QFile::encodeName(dir_.filePath("run")).constData(), 0700);
     for (const auto& [id, text] : entries) writeFile(dataHome() + "/applications/" + id + ".desktop", text);
 
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir_.filePath(QStringLiteral("run")));
-    env.insert(QStringLiteral("HOME"), dir_.filePath(QStringLiteral("home")));
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir_.filePath(QStringLiteral("config")));
-    env.insert(QStringLiteral("XDG_CACHE_HOME"), dir_.filePath(QStringLiteral("cache")));
-    env.insert(QStringLiteral("XDG_DATA_HOME"), dataHome());
-    env.insert(QStringLiteral("XDG_DATA_DIRS"),
-               extensionData + QStringLiteral(":/usr/local/share:/usr/share"));
-    env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), session_.address());
+    env.insert("XDG_RUNTIME_DIR", dir_.filePath("run"));
+    env.insert("HOME", dir_.filePath("home"));
+    env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));
+    env.insert("XDG_CACHE_HOME", dir_.filePath("cache"));
+    env.insert("XDG_DATA_HOME", dataHome());
+    env.insert("XDG_DATA_DIRS", extensionData + ":/usr/local/share:/usr/share");
+    env.insert("DBUS_SESSION_BUS_ADDRESS", session_.address());
     // The Shell will not start without a system bus; an empty one will do.
-    env.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), system_.address());
-    env.insert(QStringLiteral("GSETTINGS_BACKEND"), QStringLiteral("memory"));
-    env.insert(QStringLiteral("XDG_SESSION_TYPE"), QStringLiteral("wayland"));
-    env.insert(QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("GNOME"));
+    env.insert("DBUS_SYSTEM_BUS_ADDRESS", system_.address());
+    env.insert("GSETTINGS_BACKEND", "memory");
+    env.insert("XDG_SESSION_TYPE", "wayland");
+    env.insert("XDG_CURRENT_DESKTOP", "GNOME");
     for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "XDG_SESSION_ID", "XDG_SEAT"})
         env.remove(QString::fromLatin1(name));
     shell_.setProcessEnvironment(env);
     shell_.setProcessChannelMode(QProcess::MergedChannels);
-    shell_.setStandardOutputFile(dir_.filePath(QStringLiteral("shell.log")));
-    shell_.start(QStringLiteral("gnome-shell"),
-                 {QStringLiteral("--headless"), QStringLiteral("--wayland"), QStringLiteral("--no-x11"),
-                  QStringLiteral("--virtual-monitor"), QStringLiteral("1280x800")});
+    shell_.setStandardOutputFile(dir_.filePath("shell.log"));
+    shell_.start("gnome-shell", {"--headless", "--wayland", "--no-x11", "--virtual-monitor", "1280x800"});
     if (!shell_.waitForStarted(5000)) return;
 
     // Activated programs (the Extensions app) must reach this Shell, as in a real session.
-    QDBusMessage update = QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("UpdateActivationEnvironment"));
+    QDBusMessage update =
+        QDBusMessage::createMethodCall("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                       "org.freedesktop.DBus", "UpdateActivationEnvironment");
     const QStringList passed{"XDG_RUNTIME_DIR",    "HOME",          "XDG_CONFIG_HOME",   "XDG_CACHE_HOME",
                              "XDG_DATA_HOME",      "XDG_DATA_DIRS", "GSETTINGS_BACKEND", "XDG_SESSION_TYPE",
                              "XDG_CURRENT_DESKTOP"};
     qDBusRegisterMetaType<QMap<QString, QString>>();
     QMap<QString, QString> activation;
     for (const QString& name : passed) activation.insert(name, env.value(name));
-    activation.insert(QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("wayland-0"));
+    activation.insert("WAYLAND_DISPLAY", "wayland-0");
     update << QVariant::fromValue(activation);
     bus().call(update);
 
@@ -87,9 +83,8 @@ GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QBy
         30000);
     if (!up) return;
     const auto overviewActive = [&] {
-        const QDBusMessage get =
-            bus().call(shellCall(QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"),
-                                 {QStringLiteral("org.gnome.Shell"), QStringLiteral("OverviewActive")}));
+        const QDBusMessage get = bus().call(
+            shellCall("org.freedesktop.DBus.Properties", "Get", {"org.gnome.Shell", "OverviewActive"}));
         return get.type() == QDBusMessage::ReplyMessage &&
                get.arguments().value(0).value<QDBusVariant>().variant().toBool();
     };
@@ -98,9 +93,9 @@ GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QBy
     ok_ = waitFor(
         [&] {
             if (!overviewActive()) return closedFor.isValid() && closedFor.elapsed() >= 1000;
-            bus().call(shellCall(QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Set"),
-                                 {QStringLiteral("org.gnome.Shell"), QStringLiteral("OverviewActive"),
-                                  QVariant::fromValue(QDBusVariant(false))}));
+            bus().call(
+                shellCall("org.freedesktop.DBus.Properties", "Set",
+                          {"org.gnome.Shell", "OverviewActive", QVariant::fromValue(QDBusVariant(false))}));
             closedFor.start();
             return false;
         },
@@ -110,20 +105,20 @@ GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QBy
 GnomeShell::~GnomeShell() {
     pause(false);
     stop(shell_);
-    QDBusConnection::disconnectFromBus(QStringLiteral("gnome-shell-test"));
+    QDBusConnection::disconnectFromBus("gnome-shell-test");
 }
 
 QString GnomeShell::log() const {
-    return QString::fromUtf8(readFile(dir_.filePath(QStringLiteral("shell.log"))).right(4000));
+    return QString::fromUtf8(readFile(dir_.filePath("shell.log")).right(4000));
 }
 
 QDBusConnection GnomeShell::bus() const {
-    return QDBusConnection::connectToBus(session_.address(), QStringLiteral("gnome-shell-test"));
+    return QDBusConnection::connectToBus(session_.address(), "gnome-shell-test");
 }
 
 QProcessEnvironment GnomeShell::clientEnvironment() const {
     QProcessEnvironment env = shell_.processEnvironment();
-    env.insert(QStringLiteral("WAYLAND_DISPLAY"), QStringLiteral("wayland-0"));
+    env.insert("WAYLAND_DISPLAY", "wayland-0");
     return env;
 }
 
@@ -131,8 +126,7 @@ bool GnomeShell::setExtensionEnabled(bool enabled) {
     const QString uuid = QString::fromLatin1(GnomeShellExtension::kUuid);
     const QString busName = QString::fromLatin1(GnomeShellExtension::kBusName);
     const QDBusMessage reply = bus().call(
-        shellCall(QStringLiteral("org.gnome.Shell.Extensions"),
-                  enabled ? QStringLiteral("EnableExtension") : QStringLiteral("DisableExtension"), {uuid}));
+        shellCall("org.gnome.Shell.Extensions", enabled ? "EnableExtension" : "DisableExtension", {uuid}));
     if (reply.type() != QDBusMessage::ReplyMessage || !reply.arguments().value(0).toBool()) return false;
     return waitFor([&] { return bus().interface()->isServiceRegistered(busName).value() == enabled; });
 }

@@ -29,7 +29,7 @@ class GnomeShell : public WaylandDesktop {
     bool ok() const { return ok_; }
     // The Shell's own output, for a failure's message.
     QString log() const;
-    QString dataHome() const { return dir_.filePath(QStringLiteral("data")); }
+    QString dataHome() const { return dir_.filePath("data"); }
     // A connection to the private session bus, and the bus itself.
     QDBusConnection bus() const;
     const DBusDaemon& sessionBus() const { return session_; }

@@ -18,16 +18,16 @@ namespace corvi::test {
 KWinCompositor::KWinCompositor(const QString& busAddress)
     : busAddress_(busAddress),
       bus_(QDBusConnection::connectToBus(busAddress, QStringLiteral("kwin-fixture-%1").arg(quintptr(this)))),
-      runtimeDir_(home_.filePath(QStringLiteral("runtime"))),
-      socket_(QStringLiteral("wayland-kwin-test")) {
+      runtimeDir_(home_.filePath("runtime")),
+      socket_("wayland-kwin-test") {
     QDir().mkpath(runtimeDir_);
     // KWin offers its fake input protocol only to a program a desktop entry lists it for.
     // KDE Frameworks 6 indexes only the entries an applications menu takes in (Plasma ships
     // one); this one takes all.
-    writeFile(home_.filePath(QStringLiteral("config/menus/applications.menu")),
+    writeFile(home_.filePath("config/menus/applications.menu"),
               "<Menu><Name>Applications</Name><DefaultAppDirs/><Include><All/></Include></Menu>\n");
     writeFile(
-        home_.filePath(QStringLiteral("share/applications/corvi-test-fake-input.desktop")),
+        home_.filePath("share/applications/corvi-test-fake-input.desktop"),
         "[Desktop Entry]\nType=Application\nName=Fake input\nNoDisplay=true\nExec=" CORVI_TEST_KWIN_FAKE_INPUT
         "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n");
     QFile::setPermissions(runtimeDir_, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -46,20 +46,19 @@ bool KWinCompositor::startKWin(const QString& program) {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     for (const char* name : {"WAYLAND_DISPLAY", "DISPLAY", "QT_QPA_PLATFORM", "XDG_SESSION_TYPE"})
         env.remove(QString::fromLatin1(name));
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
-    env.insert(QStringLiteral("HOME"), home_.path());
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home_.filePath(QStringLiteral("config")));
-    env.insert(QStringLiteral("XDG_DATA_HOME"), home_.filePath(QStringLiteral("share")));
-    env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress_);
+    env.insert("XDG_RUNTIME_DIR", runtimeDir_);
+    env.insert("HOME", home_.path());
+    env.insert("XDG_CONFIG_HOME", home_.filePath("config"));
+    env.insert("XDG_DATA_HOME", home_.filePath("share"));
+    env.insert("DBUS_SESSION_BUS_ADDRESS", busAddress_);
     // Software rendering either way; QPainter costs the shared machine less than llvmpipe.
-    env.insert(QStringLiteral("KWIN_COMPOSE"), QStringLiteral("Q"));
+    env.insert("KWIN_COMPOSE", "Q");
     kwin_.setProcessEnvironment(env);
     kwin_.setProcessChannelMode(QProcess::MergedChannels);
-    kwin_.start(program, {QStringLiteral("--virtual"), QStringLiteral("--xwayland"),
-                          QStringLiteral("--socket"), socket_, QStringLiteral("--width"),
-                          QStringLiteral("1024"), QStringLiteral("--height"), QStringLiteral("768")});
+    kwin_.start(program,
+                {"--virtual", "--xwayland", "--socket", socket_, "--width", "1024", "--height", "768"});
     if (!kwin_.waitForStarted(5000)) {
-        error_ = program + QStringLiteral(": ") + kwin_.errorString();
+        error_ = program + ": " + kwin_.errorString();
         return false;
     }
     return true;
@@ -70,26 +69,25 @@ bool KWinCompositor::start() {
     error_.clear();
     if (!program_.isEmpty()) {
         startKWin(program_);
-    } else if (startKWin(QStringLiteral("kwin_wayland"))) {
-        program_ = QStringLiteral("kwin_wayland");
+    } else if (startKWin("kwin_wayland")) {
+        program_ = "kwin_wayland";
     } else {
         // Debian 12 gives kwin_wayland the CAP_SYS_RESOURCE file capability (Debian 13
         // CAP_SYS_NICE); where the bounding set lacks it (a container), exec fails with EPERM.
         // A copy carries no capability.
         const QString firstError = error_;
-        const QString copy = home_.filePath(QStringLiteral("kwin_wayland"));
-        const QString installed = QStandardPaths::findExecutable(QStringLiteral("kwin_wayland"));
+        const QString copy = home_.filePath("kwin_wayland");
+        const QString installed = QStandardPaths::findExecutable("kwin_wayland");
         if (installed.isEmpty() || !QFile::copy(installed, copy) || !startKWin(copy)) {
-            error_ = firstError + QStringLiteral("; a copy: ") + error_;
+            error_ = firstError + "; a copy: " + error_;
             return false;
         }
         program_ = copy;
     }
     // Ready once the socket exists and the scripting interface answers.
-    auto ask = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
-                                              QStringLiteral("org.kde.kwin.Scripting"),
-                                              QStringLiteral("isScriptLoaded"));
-    ask << QStringLiteral("-");
+    auto ask = QDBusMessage::createMethodCall("org.kde.KWin", "/Scripting", "org.kde.kwin.Scripting",
+                                              "isScriptLoaded");
+    ask << "-";
     ok_ = waitFor(
               [&] {
                   return kwin_.state() != QProcess::Running ||
@@ -100,16 +98,14 @@ bool KWinCompositor::start() {
           kwin_.state() == QProcess::Running;
     if (ok_) return true;
     kwin_.waitForFinished(100);
-    error_ = QStringLiteral("kwin_wayland did not come up: ") +
-             QString::fromLocal8Bit(kwin_.readAll().right(2000));
+    error_ = "kwin_wayland did not come up: " + QString::fromLocal8Bit(kwin_.readAll().right(2000));
     stop(kwin_);
     return false;
 }
 
 int KWinCompositor::loadScript(const QString& file, const QString& pluginName) {
-    auto load = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
-                                               QStringLiteral("org.kde.kwin.Scripting"),
-                                               QStringLiteral("loadScript"));
+    auto load =
+        QDBusMessage::createMethodCall("org.kde.KWin", "/Scripting", "org.kde.kwin.Scripting", "loadScript");
     load << file << pluginName;
     // A script of that name being unloaded still holds it until KWin deletes it.
     int id = -1;
@@ -123,51 +119,46 @@ int KWinCompositor::loadScript(const QString& file, const QString& pluginName) {
         2000);
     if (id < 0) return -1;
     // KWin 6 places a script at /Scripting/Script<id>, KWin 5 at /<id>.
-    for (const QString& path : {QStringLiteral("/Scripting/Script%1"), QStringLiteral("/%1")}) {
+    for (const QString path : {"/Scripting/Script%1", "/%1"}) {
         const auto run =
-            QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), path.arg(id),
-                                           QStringLiteral("org.kde.kwin.Script"), QStringLiteral("run"));
+            QDBusMessage::createMethodCall("org.kde.KWin", path.arg(id), "org.kde.kwin.Script", "run");
         if (bus_.call(run, QDBus::Block, 5000).type() == QDBusMessage::ReplyMessage) break;
     }
     return id;
 }
 
 void KWinCompositor::unloadScript(const QString& pluginName) {
-    auto unload = QDBusMessage::createMethodCall(QStringLiteral("org.kde.KWin"), QStringLiteral("/Scripting"),
-                                                 QStringLiteral("org.kde.kwin.Scripting"),
-                                                 QStringLiteral("unloadScript"));
+    auto unload = QDBusMessage::createMethodCall("org.kde.KWin", "/Scripting", "org.kde.kwin.Scripting",
+                                                 "unloadScript");
     unload << pluginName;
     bus_.call(unload, QDBus::Block, 5000);
 }
 
 bool KWinCompositor::fakeInput() {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("WAYLAND_DISPLAY"), socketPath());
+    env.insert("WAYLAND_DISPLAY", socketPath());
     return runToEnd({QStringLiteral(CORVI_TEST_KWIN_FAKE_INPUT)}, env);
 }
 
 QProcessEnvironment KWinCompositor::clientEnvironment() const {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.remove(QStringLiteral("DISPLAY"));
-    env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket_);
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtimeDir_);
+    env.remove("DISPLAY");
+    env.insert("WAYLAND_DISPLAY", socket_);
+    env.insert("XDG_RUNTIME_DIR", runtimeDir_);
     return env;
 }
 
 ClientWindow KWinCompositor::openXTerm(const QString& title) {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
-    env.insert(QStringLiteral("DISPLAY"), xDisplay());
-    return ClientWindow(QStringLiteral("xterm"),
-                        {QStringLiteral("-name"), QStringLiteral("noentryterm"), QStringLiteral("-class"),
-                         QStringLiteral("NoEntryTerm"), QStringLiteral("-T"), title, QStringLiteral("-e"),
-                         QStringLiteral("cat")},
+    env.remove("WAYLAND_DISPLAY");
+    env.insert("DISPLAY", xDisplay());
+    return ClientWindow("xterm", {"-name", "noentryterm", "-class", "NoEntryTerm", "-T", title, "-e", "cat"},
                         env);
 }
 
 int KWinCompositor::majorVersion() const {
     QByteArray version;  // "kwin 6.3.6"
-    runToEnd({program_, QStringLiteral("--version")}, QProcessEnvironment::systemEnvironment(), &version);
+    runToEnd({program_, "--version"}, QProcessEnvironment::systemEnvironment(), &version);
     return QString::fromLatin1(version).section(u' ', 1).section(u'.', 0, 0).toInt();
 }
 
@@ -175,7 +166,7 @@ int KWinCompositor::majorVersion() const {
 // client connects to it.
 QString KWinCompositor::xDisplay() const {
     const QString fds = QStringLiteral("/proc/%1/fd/").arg(kwin_.processId());
-    static const QRegularExpression xSocket(QStringLiteral("^@?/tmp/\\.X11-unix/X(\\d+)$"));
+    static const QRegularExpression xSocket("^@?/tmp/\\.X11-unix/X(\\d+)$");
     QString display;
     waitFor(
         [&] {
@@ -187,7 +178,7 @@ QString KWinCompositor::xDisplay() const {
                 if (link.startsWith("socket:[")) inodes.insert(link.mid(8).chopped(1));
             }
             // Num RefCount Protocol Flags Type St Inode Path
-            for (const QByteArray& line : readFile(QStringLiteral("/proc/net/unix")).split('\n')) {
+            for (const QByteArray& line : readFile("/proc/net/unix").split('\n')) {
                 const QList<QByteArray> fields = line.simplified().split(' ');
                 if (fields.size() < 8 || !inodes.contains(fields[6])) continue;
                 const auto match = xSocket.match(QString::fromLocal8Bit(fields[7]));

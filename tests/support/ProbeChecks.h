@@ -21,10 +21,9 @@ namespace corvi::test {
 // A folder of desktop entries with one: org.example.Editor, named "Example Editor".
 inline QString exampleEntries() {
     static QTemporaryDir dir;
-    static const bool written =
-        writeFile(dir.filePath(QStringLiteral("applications/org.example.Editor.desktop")),
-                  "[Desktop Entry]\nName=Example Editor\n");
-    return written ? dir.filePath(QStringLiteral("applications")) : QString();
+    static const bool written = writeFile(dir.filePath("applications/org.example.Editor.desktop"),
+                                          "[Desktop Entry]\nName=Example Editor\n");
+    return written ? dir.filePath("applications") : QString();
 }
 
 // One row of the tables the backends' tests share: a window opened with this app ID and

@@ -12,10 +12,10 @@ namespace corvi::test {
 // base address ("http://127.0.0.1:PORT"); empty when it did not come up.
 inline QString startReferenceServer(QProcess& server, const QString& program, const QStringList& args) {
     server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    server.start(program, QStringList{QStringLiteral("--port"), QStringLiteral("0")} + args);
+    server.start(program, QStringList{"--port", "0"} + args);
     if (!waitFor([&] { return server.canReadLine(); }, 15000)) return {};
     const QString line = QString::fromUtf8(server.readLine()).trimmed();
-    const QString prefix = QStringLiteral("listening on ");
+    const QString prefix = "listening on ";
     return line.startsWith(prefix) ? line.mid(prefix.size()) : QString();
 }
 

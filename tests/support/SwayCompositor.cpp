@@ -15,9 +15,8 @@ namespace {
 
 // Whether a get_tree node or one below it has this app ID and name (and the focus).
 bool holds(const QJsonObject& node, const QString& appId, const QString& name, bool focused) {
-    if (node.value(QStringLiteral("app_id")).toString() == appId &&
-        node.value(QStringLiteral("name")).toString() == name &&
-        (!focused || node.value(QStringLiteral("focused")).toBool()))
+    if (node.value("app_id").toString() == appId && node.value("name").toString() == name &&
+        (!focused || node.value("focused").toBool()))
         return true;
     for (const char* key : {"nodes", "floating_nodes"})
         for (const QJsonValue& child : node.value(QLatin1String(key)).toArray())
@@ -29,23 +28,22 @@ bool holds(const QJsonObject& node, const QString& appId, const QString& name, b
 
 SwayCompositor::SwayCompositor() {
     const QString dir = runtime_.path();
-    writeFile(dir + QStringLiteral("/config"),
+    writeFile(dir + "/config",
               "output HEADLESS-1 resolution 1024x768\n"
               "default_border none\n");
-    if (!giveToNobody(dir) || !giveToNobody(dir + QStringLiteral("/config"))) return;
+    if (!giveToNobody(dir) || !giveToNobody(dir + "/config")) return;
 
     QProcessEnvironment env;
-    env.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH"));
-    env.insert(QStringLiteral("HOME"), dir);
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir);
-    env.insert(QStringLiteral("WLR_BACKENDS"), QStringLiteral("headless"));
-    env.insert(QStringLiteral("WLR_LIBINPUT_NO_DEVICES"), QStringLiteral("1"));
-    env.insert(QStringLiteral("WLR_RENDERER"), QStringLiteral("pixman"));
+    env.insert("PATH", qEnvironmentVariable("PATH"));
+    env.insert("HOME", dir);
+    env.insert("XDG_RUNTIME_DIR", dir);
+    env.insert("WLR_BACKENDS", "headless");
+    env.insert("WLR_LIBINPUT_NO_DEVICES", "1");
+    env.insert("WLR_RENDERER", "pixman");
     sway_.setProcessEnvironment(env);
-    sway_.setStandardOutputFile(dir + QStringLiteral("/sway.log"));
-    sway_.setStandardErrorFile(dir + QStringLiteral("/sway.log"));
-    const QStringList args =
-        asNobody(QStringLiteral("sway"), {QStringLiteral("-c"), dir + QStringLiteral("/config")});
+    sway_.setStandardOutputFile(dir + "/sway.log");
+    sway_.setStandardErrorFile(dir + "/sway.log");
+    const QStringList args = asNobody("sway", {"-c", dir + "/config"});
     sway_.start(args.first(), args.mid(1));
     if (!sway_.waitForStarted(5000)) return;
 
@@ -53,9 +51,9 @@ SwayCompositor::SwayCompositor() {
     waitFor(
         [&] {
             const QDir d(dir);
-            const QStringList wayland = d.entryList({QStringLiteral("wayland-*")}, QDir::System)
-                                            .filter(QRegularExpression(QStringLiteral("^wayland-\\d+$")));
-            const QStringList ipc = d.entryList({QStringLiteral("sway-ipc.*.sock")}, QDir::System);
+            const QStringList wayland =
+                d.entryList({"wayland-*"}, QDir::System).filter(QRegularExpression("^wayland-\\d+$"));
+            const QStringList ipc = d.entryList({"sway-ipc.*.sock"}, QDir::System);
             if (wayland.isEmpty() || ipc.isEmpty()) return sway_.state() != QProcess::Running;
             socket_ = d.filePath(wayland.first());
             ipc_ = d.filePath(ipc.first());
@@ -70,12 +68,12 @@ SwayCompositor::~SwayCompositor() {
 
 QProcessEnvironment SwayCompositor::clientEnvironment() const {
     QProcessEnvironment env;
-    env.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH"));
-    env.insert(QStringLiteral("HOME"), runtime_.path());
-    env.insert(QStringLiteral("LANG"), QStringLiteral("C.UTF-8"));
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime_.path());
-    env.insert(QStringLiteral("WAYLAND_DISPLAY"), socket_);
-    env.insert(QStringLiteral("SWAYSOCK"), ipc_);
+    env.insert("PATH", qEnvironmentVariable("PATH"));
+    env.insert("HOME", runtime_.path());
+    env.insert("LANG", "C.UTF-8");
+    env.insert("XDG_RUNTIME_DIR", runtime_.path());
+    env.insert("WAYLAND_DISPLAY", socket_);
+    env.insert("SWAYSOCK", ipc_);
     return env;
 }
 
@@ -87,8 +85,7 @@ bool SwayCompositor::waitForWindow(const QString& appId, const QString& title, b
     QByteArray tree;
     return waitFor(
         [&] {
-            return run(QStringLiteral("swaymsg"),
-                       {QStringLiteral("-r"), QStringLiteral("-t"), QStringLiteral("get_tree")}, &tree) &&
+            return run("swaymsg", {"-r", "-t", "get_tree"}, &tree) &&
                    holds(QJsonDocument::fromJson(tree).object(), appId, title, focused);
         },
         ms);

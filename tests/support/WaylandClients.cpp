@@ -21,9 +21,7 @@ const passwd* nobody() {
 
 QStringList asNobody(const QString& program, const QStringList& args) {
     if (!nobody()) return QStringList{program} + args;
-    return QStringList{QStringLiteral("setpriv"), QStringLiteral("--reuid=nobody"),
-                       QStringLiteral("--regid=nogroup"), QStringLiteral("--clear-groups"), program} +
-           args;
+    return QStringList{"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", program} + args;
 }
 
 bool giveToNobody(const QString& path) {
@@ -35,7 +33,7 @@ ClientWindow::ClientWindow(Kind kind, const QProcessEnvironment& env, const QStr
                            const QString& appId, const QString& title, bool nobody) {
     if (kind == Qt) {
         QProcessEnvironment qt = env;
-        qt.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("wayland"));
+        qt.insert("QT_QPA_PLATFORM", "wayland");
         *this = ClientWindow(QStringLiteral(CORVI_WAYLAND_WINDOW), {appId, title}, qt, nobody);
         return;
     }
@@ -44,12 +42,10 @@ ClientWindow::ClientWindow(Kind kind, const QProcessEnvironment& env, const QStr
     if (mkfifo(QFile::encodeName(fifo).constData(), 0600) != 0 || (nobody && !giveToNobody(fifo))) return;
     // foot 1.21 trims the title given with --title, so the shell sets it again exactly, the way
     // it sets every later one.
-    const QString osc = QStringLiteral("printf '\\033]2;%s\\033\\\\' ");
+    const QString osc = "printf '\\033]2;%s\\033\\\\' ";
     const QString shell = osc + QStringLiteral("\"$1\"; while :; do IFS= read -r t < '%1' && ").arg(fifo) +
-                          osc + QStringLiteral("\"$t\"; done");
-    *this = ClientWindow(QStringLiteral("foot"),
-                         {QStringLiteral("--app-id=") + appId, QStringLiteral("--title=") + title,
-                          QStringLiteral("sh"), QStringLiteral("-c"), shell, QStringLiteral("sh"), title},
+                          osc + "\"$t\"; done";
+    *this = ClientWindow("foot", {"--app-id=" + appId, "--title=" + title, "sh", "-c", shell, "sh", title},
                          env, nobody);
     fifo_ = fifo;
 }

@@ -13,17 +13,17 @@ XServer::XServer(bool windowManager, int width, int height, const QStringList& s
                                  .arg(height)
                                  .split(u' ');
     bool number = false;
-    const int n = startForFirstLine(xvfb_, QStringLiteral("Xvfb"), args + serverArgs).toInt(&number);
+    const int n = startForFirstLine(xvfb_, "Xvfb", args + serverArgs).toInt(&number);
     if (!number) return;
     display_ = QStringLiteral(":%1").arg(n);
     if (!windowManager) return;
 
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("DISPLAY"), display_);
+    env.insert("DISPLAY", display_);
     wm_.setProcessEnvironment(env);
     wm_.setStandardOutputFile(QProcess::nullDevice());
     wm_.setStandardErrorFile(QProcess::nullDevice());
-    wm_.start(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")});
+    wm_.start("openbox", {"--sm-disable"});
     // openbox announces itself before it manages windows; a window mapped in between is never shown.
     QElapsedTimer clock;
     clock.start();

@@ -17,7 +17,7 @@ TEST(DesktopEntriesTest, FoldersComeFromTheXdgVariablesInOrder) {
         const char* dataDirs;
         QStringList folders;
     };
-    const QString mine = QStringLiteral("/home/u/.local/share/applications");
+    const QString mine = "/home/u/.local/share/applications";
     const Case cases[] = {
         {"both set", "/h", "/a:/b", {"/h/applications", "/a/applications", "/b/applications"}},
         {"relative entries ignored", "rel", "/a:rel2:", {mine, "/a/applications"}},
@@ -32,8 +32,7 @@ TEST(DesktopEntriesTest, FoldersComeFromTheXdgVariablesInOrder) {
 
 TEST(DesktopEntriesTest, FirstFolderWinsAndNamesAreThePlainKey) {
     QTemporaryDir user, system;
-    const QString u = user.filePath(QStringLiteral("applications")),
-                  s = system.filePath(QStringLiteral("applications"));
+    const QString u = user.filePath("applications"), s = system.filePath("applications");
     writeFile(u + "/org.example.Paint.desktop", "[Desktop Entry]\nName=Paint (mine)\nStartupWMClass=Paint\n");
     writeFile(s + "/org.example.Paint.desktop", "[Desktop Entry]\nName=Paint\nStartupWMClass=PaintOld\n");
     writeFile(u + "/gone.desktop", "[Desktop Entry]\nHidden=true\n");

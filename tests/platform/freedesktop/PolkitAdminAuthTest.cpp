@@ -25,11 +25,11 @@ class PolkitAdminAuthTest : public ::testing::Test {
     test::DBusDaemon bus;
     std::atomic<Mode> mode{grant};
     test::BusStandIn authority{
-        bus.address(), QStringLiteral("/org/freedesktop/PolicyKit1/Authority"),
+        bus.address(), "/org/freedesktop/PolicyKit1/Authority",
         [this](const QDBusMessage& call, QDBusConnection& c) {
             if (mode == silent) return;
             if (mode == fail || call.member() != u"CheckAuthorization") {
-                c.send(call.createErrorReply(QStringLiteral("org.freedesktop.PolicyKit1.Error.Failed"), {}));
+                c.send(call.createErrorReply("org.freedesktop.PolicyKit1.Error.Failed", {}));
                 return;
             }
             QDBusArgument result;
@@ -43,9 +43,9 @@ class PolkitAdminAuthTest : public ::testing::Test {
 };
 
 TEST_F(PolkitAdminAuthTest, AsksForThisProcessWithInteractionAllowedAndNoDetails) {
-    ASSERT_TRUE(authority.claim(QStringLiteral("org.freedesktop.PolicyKit1")));
+    ASSERT_TRUE(authority.claim("org.freedesktop.PolicyKit1"));
     PolkitAdminAuth auth(bus.address(), 5000);
-    EXPECT_TRUE(auth.authenticate(QStringLiteral("tech.stonefold.corvimetry.quit")));
+    EXPECT_TRUE(auth.authenticate("tech.stonefold.corvimetry.quit"));
 
     const QList<QDBusMessage> calls = authority.received();
     ASSERT_EQ(calls.size(), 1);
@@ -61,7 +61,7 @@ TEST_F(PolkitAdminAuthTest, AsksForThisProcessWithInteractionAllowedAndNoDetails
     subject.beginStructure();
     subject >> kind >> fields;
     subject.endStructure();
-    EXPECT_EQ(kind, QStringLiteral("unix-process"));
+    EXPECT_EQ(kind, "unix-process");
     EXPECT_NE(PolkitAdminAuth::processStartTime(), 0u);
     const std::tuple<QString, QMetaType, qulonglong> expected[] = {
         {"pid", QMetaType::fromType<uint>(), ::getpid()},
@@ -74,7 +74,7 @@ TEST_F(PolkitAdminAuthTest, AsksForThisProcessWithInteractionAllowedAndNoDetails
         EXPECT_EQ(fields.value(key).toULongLong(), value) << key.toStdString();
     }
 
-    EXPECT_EQ(args[1].toString(), QStringLiteral("tech.stonefold.corvimetry.quit"));
+    EXPECT_EQ(args[1].toString(), "tech.stonefold.corvimetry.quit");
     const QDBusArgument details = args[2].value<QDBusArgument>();
     details.beginMap();
     EXPECT_TRUE(details.atEnd()) << "details must be empty";
@@ -109,12 +109,12 @@ TEST_F(PolkitAdminAuthTest, YesOnlyWhenAuthorizedAndUnanswerableRequestsLogged) 
     };
     for (const Case& c : cases) {
         if (c.mode == grant && c.answer) {
-            ASSERT_TRUE(authority.claim(QStringLiteral("org.freedesktop.PolicyKit1")));
+            ASSERT_TRUE(authority.claim("org.freedesktop.PolicyKit1"));
         }
         mode = c.mode;
         test::RecordingLog log;
         PolkitAdminAuth auth(c.address, 300);
-        EXPECT_EQ(auth.authenticate(QStringLiteral("tech.stonefold.corvimetry.pause")), c.answer) << c.row;
+        EXPECT_EQ(auth.authenticate("tech.stonefold.corvimetry.pause"), c.answer) << c.row;
         EXPECT_EQ(log.systemLines, c.logged ? QStringList{why + QString::fromUtf8(c.logged)} : QStringList())
             << c.row;
     }

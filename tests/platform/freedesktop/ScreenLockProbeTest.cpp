@@ -20,7 +20,7 @@ QDBusConnection connect(const DBusDaemon& daemon) {
     return QDBusConnection::connectToBus(daemon.address(), QUuid::createUuid().toString());
 }
 
-const QString kLogind = QStringLiteral("org.freedesktop.login1");
+const QString kLogind = "org.freedesktop.login1";
 
 // A stand-in screen locker: a screen saver answering GetActive at the path its name gives, or
 // logind's session answering the LockedHint property. It leaves the next `unanswered` calls
@@ -28,7 +28,7 @@ const QString kLogind = QStringLiteral("org.freedesktop.login1");
 struct LockService {
     LockService(const DBusDaemon& bus, const QString& service)
         : standIn(bus.address(),
-                  service == kLogind ? QStringLiteral("/org/freedesktop/login1/session/auto")
+                  service == kLogind ? "/org/freedesktop/login1/session/auto"
                                      : u'/' + QString(service).replace(u'.', u'/'),
                   [this, logind = service == kLogind](const QDBusMessage& call, QDBusConnection& c) {
                       const bool asked = logind ? call.member() == u"Get" &&
@@ -138,7 +138,7 @@ TEST_F(ScreenLockProbeTest, HangingLockerCostsItsTimeoutAndHidesNoLaterOne) {
 }
 
 TEST(ScreenLockProbeNoBusTest, DisconnectedBusesMeanUnlocked) {
-    ScreenLockProbe p(QDBusConnection(QStringLiteral("none-a")), QDBusConnection(QStringLiteral("none-b")));
+    ScreenLockProbe p(QDBusConnection("none-a"), QDBusConnection("none-b"));
     EXPECT_FALSE(p.locked());
 }
 

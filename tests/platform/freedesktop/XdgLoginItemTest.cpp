@@ -15,13 +15,13 @@ using Status = LoginItem::Status;
 class XdgLoginItemTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        item.setProgram(QStringLiteral("/opt/Corvi Agent/bin/corvi-agent"));
-        item.setSystemWideEntryPath(dir.filePath(QStringLiteral("system-wide.desktop")));
-        item.setStarter(dir.filePath(QStringLiteral("no-starter")));
+        item.setProgram("/opt/Corvi Agent/bin/corvi-agent");
+        item.setSystemWideEntryPath(dir.filePath("system-wide.desktop"));
+        item.setStarter(dir.filePath("no-starter"));
     }
 
     QTemporaryDir dir;
-    test::ScopedEnv config{"XDG_CONFIG_HOME", QFile::encodeName(dir.filePath(QStringLiteral("config")))};
+    test::ScopedEnv config{"XDG_CONFIG_HOME", QFile::encodeName(dir.filePath("config"))};
     XdgLoginItem item;
 };
 
@@ -66,11 +66,10 @@ TEST_F(XdgLoginItemTest, RegisteredEntryStartsExactlyThisProgramUntilUnregistere
         QString error;
         ASSERT_TRUE(item.registerItem(error)) << p << ": " << error.toStdString();
         EXPECT_EQ(item.status(), Status::enabled) << p;
-        item.setProgram(QStringLiteral("/usr/bin/elsewhere"));
+        item.setProgram("/usr/bin/elsewhere");
         EXPECT_EQ(item.status(), Status::notRegistered) << p;
     }
-    EXPECT_EQ(item.entryPath(),
-              dir.filePath(QStringLiteral("config/autostart/tech.stonefold.corvimetry.agent.desktop")));
+    EXPECT_EQ(item.entryPath(), dir.filePath("config/autostart/tech.stonefold.corvimetry.agent.desktop"));
     QString error;
     EXPECT_TRUE(item.unregisterItem(error));
     EXPECT_FALSE(QFile::exists(item.entryPath()));
@@ -80,7 +79,7 @@ TEST_F(XdgLoginItemTest, RegisteredEntryStartsExactlyThisProgramUntilUnregistere
 // An installed agent's entry runs the user service's starter; an entry of an earlier version,
 // which started the program itself, is made to run it once, keeping what the person chose.
 TEST_F(XdgLoginItemTest, AnInstalledAgentsEntryRunsTheStarter) {
-    const QString starter = dir.filePath(QStringLiteral("libexec/start"));
+    const QString starter = dir.filePath("libexec/start");
     ASSERT_TRUE(test::writeFile(starter, "#!/bin/sh\n"));
     QFile::setPermissions(starter, QFile::ReadOwner | QFile::ExeOwner);
     item.setStarter(starter);
@@ -125,7 +124,7 @@ TEST_F(XdgLoginItemTest, AnInstalledAgentsEntryRunsTheStarter) {
 }
 
 TEST_F(XdgLoginItemTest, FailuresDescribeThemselves) {
-    const QString blocker = dir.filePath(QStringLiteral("config/autostart"));
+    const QString blocker = dir.filePath("config/autostart");
     ASSERT_TRUE(test::writeFile(blocker, {}));
     QString error;
     EXPECT_FALSE(item.registerItem(error));
@@ -133,17 +132,16 @@ TEST_F(XdgLoginItemTest, FailuresDescribeThemselves) {
 
     // An entry that is a non-empty folder cannot be removed, even by root.
     QFile::remove(blocker);
-    ASSERT_TRUE(QDir().mkpath(item.entryPath() + QStringLiteral("/inside")));
+    ASSERT_TRUE(QDir().mkpath(item.entryPath() + "/inside"));
     error.clear();
     EXPECT_FALSE(item.unregisterItem(error));
     EXPECT_FALSE(error.isEmpty());
 }
 
 TEST_F(XdgLoginItemTest, InstalledMeansOutsideABuildTree) {
-    const QString built = dir.filePath(QStringLiteral("build/src/app/corvi-agent"));
-    const QString installed = dir.filePath(QStringLiteral("usr/bin/corvi-agent"));
-    for (const QString& f : {dir.filePath(QStringLiteral("build/CMakeCache.txt")), built, installed})
-        test::writeFile(f, {});
+    const QString built = dir.filePath("build/src/app/corvi-agent");
+    const QString installed = dir.filePath("usr/bin/corvi-agent");
+    for (const QString& f : {dir.filePath("build/CMakeCache.txt"), built, installed}) test::writeFile(f, {});
     struct Case {
         const char* row;
         QString program;

@@ -30,7 +30,7 @@ class ChangeRecorder : public QObject {
     explicit ChangeRecorder(QDBusConnection bus) {
         bus.connect(QString::fromLatin1(GnomeShellExtension::kBusName),
                     QString::fromLatin1(GnomeShellExtension::kObjectPath),
-                    QString::fromLatin1(GnomeShellExtension::kInterface), QStringLiteral("Changed"), this,
+                    QString::fromLatin1(GnomeShellExtension::kInterface), "Changed", this,
                     SLOT(changed(QDBusMessage)));
     }
     QStringList titles;
@@ -80,9 +80,9 @@ class GnomeDesktop : public test::ProbeDesktop {
     // Through Mutter's remote desktop interface, as a remote desktop client sends it.
     bool fakeInput() override {
         QDBusConnection bus = shell.bus();
-        const QString rd = QStringLiteral("org.gnome.Mutter.RemoteDesktop");
-        const QDBusMessage created = bus.call(QDBusMessage::createMethodCall(
-            rd, QStringLiteral("/org/gnome/Mutter/RemoteDesktop"), rd, QStringLiteral("CreateSession")));
+        const QString rd = "org.gnome.Mutter.RemoteDesktop";
+        const QDBusMessage created = bus.call(
+            QDBusMessage::createMethodCall(rd, "/org/gnome/Mutter/RemoteDesktop", rd, "CreateSession"));
         const QString session = created.arguments().value(0).value<QDBusObjectPath>().path();
         const auto sessionCall = [&](const char* method, const QVariantList& args = {}) {
             QDBusMessage m =
@@ -98,9 +98,8 @@ class GnomeDesktop : public test::ProbeDesktop {
         const QProcessEnvironment env = shell.clientEnvironment();
         return {{"XDG_SESSION_TYPE", "wayland"},
                 {"XDG_CURRENT_DESKTOP", "GNOME"},
-                {"WAYLAND_DISPLAY", env.value(QStringLiteral("WAYLAND_DISPLAY")).toLocal8Bit()},
-                {"DBUS_SESSION_BUS_ADDRESS",
-                 env.value(QStringLiteral("DBUS_SESSION_BUS_ADDRESS")).toLocal8Bit()}};
+                {"WAYLAND_DISPLAY", env.value("WAYLAND_DISPLAY").toLocal8Bit()},
+                {"DBUS_SESSION_BUS_ADDRESS", env.value("DBUS_SESSION_BUS_ADDRESS").toLocal8Bit()}};
     }
 
     GnomeShell shell{CORVI_GNOME_EXTENSION_DATA, kEntries};
@@ -120,21 +119,21 @@ TEST(GnomeProbesTest, TheExtensionAnnouncesChangesAndDisablingRevokes) {
     EXPECT_TRUE(access.trusted());
 
     ChangeRecorder changes(d.shell.bus());
-    const auto w = d.open(QStringLiteral("org.example.Editor"), QStringLiteral("First title"));
-    ASSERT_TRUE(test::showsWindow(probes->window, w->pid(), QStringLiteral("First title")));
-    ASSERT_TRUE(w->setTitle(QStringLiteral("Second title")));
-    EXPECT_TRUE(waitFor([&] { return changes.titles.contains(QStringLiteral("Second title")); }, 3000));
+    const auto w = d.open("org.example.Editor", "First title");
+    ASSERT_TRUE(test::showsWindow(probes->window, w->pid(), "First title"));
+    ASSERT_TRUE(w->setTitle("Second title"));
+    EXPECT_TRUE(waitFor([&] { return changes.titles.contains("Second title"); }, 3000));
 
     ASSERT_TRUE(access.openGrantPlace());
     EXPECT_TRUE(waitFor(
         [&] {
             const auto info = probes->window.current();
-            return info && info->bundleID == QStringLiteral("org.gnome.Extensions");
+            return info && info->bundleID == "org.gnome.Extensions";
         },
         20000))
         << "the Extensions app never came to the front";
     if (const auto info = probes->window.current(); info && info->pid > 0) {
-        EXPECT_EQ(info->appName, QStringLiteral("Extensions"));
+        EXPECT_EQ(info->appName, "Extensions");
         ::kill(info->pid, SIGTERM);
     }
 
@@ -155,9 +154,8 @@ TEST(GnomeLostShellTest, HungThenKilledShellGivesNeutralValues) {
     ASSERT_TRUE(shell.ok()) << shell.log().toStdString();
     ASSERT_TRUE(shell.setExtensionEnabled(true));
     GnomeProbes probes(shell);
-    ClientWindow t =
-        shell.open(ClientWindow::Foot, QStringLiteral("org.example.Editor"), QStringLiteral("before"));
-    ASSERT_TRUE(test::showsWindow(probes.window, t.pid(), QStringLiteral("before")));
+    ClientWindow t = shell.open(ClientWindow::Foot, "org.example.Editor", "before");
+    ASSERT_TRUE(test::showsWindow(probes.window, t.pid(), "before"));
 
     shell.pause(true);
     test::expectNeutral(probes.window, probes.idle, probes.access, t.pid());

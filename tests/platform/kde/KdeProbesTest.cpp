@@ -73,8 +73,7 @@ class KWinDesktop : public test::ProbeDesktop {
     }
     std::vector<test::WindowCase> ownCases() const override {
         // KWin 5 lowers an X client's class; KWin 6 gives it as the client set it, as X11 has it.
-        const QString xClass =
-            kwin->majorVersion() >= 6 ? QStringLiteral("NoEntryTerm") : QStringLiteral("noentryterm");
+        const QString xClass = kwin->majorVersion() >= 6 ? "NoEntryTerm" : "noentryterm";
         return {
             {"X client without a desktop file: the class, as KWin gives it", "", "Terminal", xClass, xClass}};
     }
@@ -102,31 +101,30 @@ class KdeProbesTest : public ::testing::Test {
 // second window with the same caption, and only KWin's own connection speaks for the windows.
 TEST_F(KdeProbesTest, OurScriptReplacesAStaleCopyAndAloneReports) {
     QTemporaryDir dir;
-    const QString stale = dir.filePath(QStringLiteral("stale.js")),
-                  other = dir.filePath(QStringLiteral("other.js"));
+    const QString stale = dir.filePath("stale.js"), other = dir.filePath("other.js");
     ASSERT_TRUE(test::writeFile(stale, "// an earlier agent's copy, calling a name that is gone\n"));
     ASSERT_TRUE(test::writeFile(other, "// another script\n"));
     ASSERT_GE(d.kwin->loadScript(stale, KWinScript::kPluginName), 0);
-    ASSERT_GE(d.kwin->loadScript(other, QStringLiteral("org.example.other")), 0);
+    ASSERT_GE(d.kwin->loadScript(other, "org.example.other"), 0);
     const auto p = d.kdeProbes();
     ASSERT_TRUE(p->ready()) << "the script never reported";
-    d.kwin->unloadScript(QStringLiteral("org.example.other"));
+    d.kwin->unloadScript("org.example.other");
 
-    const QString title = QStringLiteral("Same");
-    const auto first = d.open(QStringLiteral("org.example.NoEntry"), title);
+    const QString title = "Same";
+    const auto first = d.open("org.example.NoEntry", title);
     ASSERT_TRUE(test::showsWindow(p->window, first->pid(), title));
-    const auto second = d.open(QStringLiteral("org.example.NoEntry"), title);
+    const auto second = d.open("org.example.NoEntry", title);
     EXPECT_TRUE(test::showsWindow(p->window, second->pid(), title)) << "same title, second window";
 
-    QDBusConnection impostor = QDBusConnection::connectToBus(d.bus.address(), QStringLiteral("impostor"));
+    QDBusConnection impostor = QDBusConnection::connectToBus(d.bus.address(), "impostor");
     auto fake = QDBusMessage::createMethodCall(p->bus.baseService(), KWinScript::kObjectPath,
-                                               KWinScript::kInterface, QStringLiteral("Active"));
+                                               KWinScript::kInterface, "Active");
     fake << QString("org.example.Fake") << QString("Fake") << QString("Fake") << 1.0;
     QDBusPendingCall answer = impostor.asyncCall(fake, 2000);
     ASSERT_TRUE(waitFor([&] { return answer.isFinished(); }));
     EXPECT_EQ(answer.error().type(), QDBusError::AccessDenied);
     QDBusConnection::disconnectFromBus(impostor.name());
-    EXPECT_EQ(p->window.current()->bundleID, QStringLiteral("org.example.NoEntry"));
+    EXPECT_EQ(p->window.current()->bundleID, "org.example.NoEntry");
 }
 
 // KWin dies under the probes, then a new one comes up on the same bus.
@@ -135,8 +133,8 @@ TEST_F(KdeProbesTest, KWinGoneThenBack) {
     const auto probes = d.kdeProbes([&] { ++unsupported; }, 1s);
     KdeProbes& p = *probes;
     ASSERT_TRUE(p.ready());
-    const auto before = d.open(QStringLiteral("org.example.Editor"), QStringLiteral("Before"));
-    ASSERT_TRUE(test::showsWindow(p.window, before->pid(), QStringLiteral("Before")));
+    const auto before = d.open("org.example.Editor", "Before");
+    ASSERT_TRUE(test::showsWindow(p.window, before->pid(), "Before"));
 
     d.kwin->kill();
     EXPECT_TRUE(waitFor([&] { return !p.window.current() && !p.access.trusted(); }))
@@ -145,8 +143,8 @@ TEST_F(KdeProbesTest, KWinGoneThenBack) {
 
     ASSERT_TRUE(d.kwin->start()) << qPrintable(d.kwin->error());
     ASSERT_TRUE(p.ready()) << "the script is loaded into the new KWin";
-    const auto after = d.open(QStringLiteral("org.example.Editor"), QStringLiteral("After"));
-    EXPECT_TRUE(test::showsWindow(p.window, after->pid(), QStringLiteral("After")));
+    const auto after = d.open("org.example.Editor", "After");
+    EXPECT_TRUE(test::showsWindow(p.window, after->pid(), "After"));
     EXPECT_TRUE(waitFor([&] { return p.idle.idleSeconds() >= 1.0; })) << "the new KWin's idle timer";
     test::settle(1100);
     p.window.current();
@@ -160,7 +158,7 @@ TEST(KdeWithoutKWinTest, NeutralAndReportedOnce) {
     ASSERT_TRUE(bus.ok());
     int unsupported = 0;
     KdeProbes p(
-        bus.address(), QStringLiteral("/nonexistent/wayland-0"), QString(), [&] { ++unsupported; }, 300ms);
+        bus.address(), "/nonexistent/wayland-0", QString(), [&] { ++unsupported; }, 300ms);
 
     test::settle(500);
     test::expectNeutral(p.window, p.idle, p.access);

@@ -62,9 +62,7 @@ class SwayDesktop : public test::ProbeDesktop {
             {"a blank app ID", " ", "no app id", "unknown", "unknown"},
         };
     }
-    bool fakeInput() override {
-        return sway.run(QStringLiteral("wtype"), {QStringLiteral("-k"), QStringLiteral("Shift_L")});
-    }
+    bool fakeInput() override { return sway.run("wtype", {"-k", "Shift_L"}); }
     // SWAYSOCK gives the pid.
     std::vector<std::pair<const char*, QByteArray>> sessionEnvironment() const override {
         return {{"XDG_SESSION_TYPE", "wayland"},
@@ -73,7 +71,7 @@ class SwayDesktop : public test::ProbeDesktop {
                 {"SWAYSOCK", sway.ipcSocket().toLocal8Bit()}};
     }
 
-    static inline const QString kQtTool = QStringLiteral("org.example.QtTool");
+    static inline const QString kQtTool = "org.example.QtTool";
     SwayCompositor sway;
 };
 
@@ -83,15 +81,15 @@ INSTANTIATE_TEST_SUITE_P(Sway, DesktopProbesTest, ::testing::Values(&test::share
 TEST(WlrootsProbesTest, AnEmptyWorkspaceHasNoFocusedWindow) {
     SwayDesktop& d = test::sharedDesktop<SwayDesktop>();
     ASSERT_EQ(d.failure(), "");
-    const auto w = d.open(QStringLiteral("org.example.Editor"), QStringLiteral("elsewhere"));
+    const auto w = d.open("org.example.Editor", "elsewhere");
     WlrProbes p(d.sway.socket(), {}, d.sway.ipcSocket());
-    ASSERT_TRUE(test::showsWindow(p.window, w->pid(), QStringLiteral("elsewhere")));
-    ASSERT_TRUE(d.sway.run(QStringLiteral("swaymsg"), {QStringLiteral("workspace"), QStringLiteral("9")}));
-    ASSERT_TRUE(d.sway.waitForWindow(QString(), QStringLiteral("9")));
+    ASSERT_TRUE(test::showsWindow(p.window, w->pid(), "elsewhere"));
+    ASSERT_TRUE(d.sway.run("swaymsg", {"workspace", "9"}));
+    ASSERT_TRUE(d.sway.waitForWindow(QString(), "9"));
     EXPECT_TRUE(test::waitFor([&] { return !p.window.current(); }));
     EXPECT_EQ(p.window.focusedWindowTitle(w->pid()), QString());
     EXPECT_TRUE(p.access.trusted()) << "the permission does not depend on a focused window";
-    ASSERT_TRUE(d.sway.run(QStringLiteral("swaymsg"), {QStringLiteral("workspace"), QStringLiteral("1")}));
+    ASSERT_TRUE(d.sway.run("swaymsg", {"workspace", "1"}));
 }
 
 // sway dies mid-run: neutral answers, then a new sway under $WAYLAND_DISPLAY is picked up.
@@ -100,9 +98,8 @@ TEST(WlrootsLostCompositorTest, ProbesGoNeutralAndRecover) {
     ASSERT_TRUE(first->ok());
     test::ScopedEnv display("WAYLAND_DISPLAY", first->socket().toLocal8Bit());
     WlrProbes p{QString()};
-    ClientWindow firstWindow =
-        first->open(ClientWindow::Foot, QStringLiteral("org.example.First"), QStringLiteral("first"));
-    ASSERT_TRUE(first->waitForWindow(QStringLiteral("org.example.First"), QStringLiteral("first")));
+    ClientWindow firstWindow = first->open(ClientWindow::Foot, "org.example.First", "first");
+    ASSERT_TRUE(first->waitForWindow("org.example.First", "first"));
     ASSERT_TRUE(test::waitFor([&] { return p.window.current().has_value(); }));
     EXPECT_TRUE(p.access.trusted());
 
@@ -112,11 +109,10 @@ TEST(WlrootsLostCompositorTest, ProbesGoNeutralAndRecover) {
     SwayCompositor second;
     ASSERT_TRUE(second.ok());
     qputenv("WAYLAND_DISPLAY", second.socket().toLocal8Bit());
-    ClientWindow secondWindow =
-        second.open(ClientWindow::Foot, QStringLiteral("org.example.Second"), QStringLiteral("second"));
-    ASSERT_TRUE(second.waitForWindow(QStringLiteral("org.example.Second"), QStringLiteral("second")));
+    ClientWindow secondWindow = second.open(ClientWindow::Foot, "org.example.Second", "second");
+    ASSERT_TRUE(second.waitForWindow("org.example.Second", "second"));
     ASSERT_TRUE(test::waitFor([&] { return p.window.current().has_value(); }));
-    EXPECT_EQ(p.window.current()->bundleID, QStringLiteral("org.example.Second"));
+    EXPECT_EQ(p.window.current()->bundleID, "org.example.Second");
     EXPECT_TRUE(p.access.trusted());
     EXPECT_TRUE(p.idle.watching());
     EXPECT_EQ(p.session->connections(), 2);
@@ -135,17 +131,15 @@ TEST(WlrootsLostCompositorTest, ProbesGoNeutralAndRecover) {
 TEST(WlrootsUnsupportedTest, NeutralProbesAndOneLogLine) {
     QTemporaryDir runtime;
     QProcessEnvironment env;
-    env.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH"));
-    env.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime.path());
-    env.insert(QStringLiteral("HOME"), runtime.path());
-    ClientWindow weston(QStringLiteral("weston"),
-                        {QStringLiteral("--backend=headless-backend.so"),
-                         QStringLiteral("--socket=wayland-w"), QStringLiteral("--no-config")},
+    env.insert("PATH", qEnvironmentVariable("PATH"));
+    env.insert("XDG_RUNTIME_DIR", runtime.path());
+    env.insert("HOME", runtime.path());
+    ClientWindow weston("weston", {"--backend=headless-backend.so", "--socket=wayland-w", "--no-config"},
                         env);
-    const QString westonSocket = runtime.filePath(QStringLiteral("wayland-w"));
+    const QString westonSocket = runtime.filePath("wayland-w");
     ASSERT_TRUE(test::waitFor([&] { return QFileInfo::exists(westonSocket); }, 10000));
 
-    const QString nowhere = QStringLiteral("/nonexistent/wayland-9");
+    const QString nowhere = "/nonexistent/wayland-9";
     test::RecordingLog log;
     for (const QString& socket : {nowhere, westonSocket}) {
         SCOPED_TRACE(socket.toStdString());
@@ -160,7 +154,7 @@ TEST(WlrootsUnsupportedTest, NeutralProbesAndOneLogLine) {
         test::expectNeutral(*probes.window, *probes.idle, *probes.accessibility);
     }
     ASSERT_EQ(log.systemLines.size(), 1);
-    EXPECT_TRUE(log.systemLines.first().contains(QStringLiteral("weston")));
+    EXPECT_TRUE(log.systemLines.first().contains("weston"));
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ using test::XServer;
 using namespace std::chrono_literals;
 
 QString ownProcessName() {
-    return QString::fromUtf8(test::readFile(QStringLiteral("/proc/self/comm")).trimmed());
+    return QString::fromUtf8(test::readFile("/proc/self/comm").trimmed());
 }
 
 // One property as a window sets it.
@@ -56,17 +56,16 @@ class X11Desktop : public test::ProbeDesktop {
   public:
     X11Desktop() {
         test::writeFile(
-            entries_.filePath(QStringLiteral("applications/org.example.Editor.desktop")),
+            entries_.filePath("applications/org.example.Editor.desktop"),
             "[Desktop Entry]\nName[pt]=Editor de Exemplo\nName=Example Editor\nStartupWMClass=ExEdit\n");
-        test::writeFile(entries_.filePath(QStringLiteral("applications/org.gnome.TextEditor.desktop")),
+        test::writeFile(entries_.filePath("applications/org.gnome.TextEditor.desktop"),
                         "[Desktop Entry]\nName=Text Editor\n");
     }
     std::string failure() const override {
         return server.ok() && client.ok() ? "" : "no display with openbox";
     }
     std::shared_ptr<X11Probes> x11Probes() {
-        return std::make_shared<X11Probes>(server.display(),
-                                           QStringList{entries_.filePath(QStringLiteral("applications"))});
+        return std::make_shared<X11Probes>(server.display(), QStringList{entries_.filePath("applications")});
     }
     test::ProbeSet probes() override { return test::probeSet(x11Probes()); }
     // A new window with these properties, made active.
@@ -213,15 +212,13 @@ TEST_F(X11ProbesTest, SteadyTickAsksLittleAndSeesEveryChange) {
 // No window manager, no X-Resource, no screen-saver extension; the active window is written
 // to the root by hand.
 TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValuesAndThePidNamesTheApp) {
-    XServer server(false, 640, 480,
-                   {QStringLiteral("-extension"), QStringLiteral("X-Resource"), QStringLiteral("-extension"),
-                    QStringLiteral("MIT-SCREEN-SAVER")});
+    XServer server(false, 640, 480, {"-extension", "X-Resource", "-extension", "MIT-SCREEN-SAVER"});
     ASSERT_TRUE(server.ok());
     XClient client(server.display());
     X11Probes p(server.display());
     QProcess sleeper, gone;
-    sleeper.start(QStringLiteral("sleep"), {QStringLiteral("30")});
-    gone.start(QStringLiteral("true"), {});
+    sleeper.start("sleep", {"30"});
+    gone.start("true", {});
     ASSERT_TRUE(sleeper.waitForStarted() && gone.waitForFinished());
     const auto live = static_cast<std::int32_t>(sleeper.processId());
     struct Case {
@@ -243,7 +240,7 @@ TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValuesAndThePidNamesTheApp) {
         const auto info = p.window.current();
         ASSERT_TRUE(info.has_value());
         EXPECT_EQ(info->pid, c.pid);
-        EXPECT_EQ(info->bundleID, QStringLiteral("unknown"));
+        EXPECT_EQ(info->bundleID, "unknown");
         EXPECT_EQ(info->appName, c.appName);
         EXPECT_EQ(info->windowTitle, QString());
         client.destroyWindow(w);
@@ -270,7 +267,7 @@ TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValuesAndThePidNamesTheApp) {
     // A process whose root holds a .flatpak-info is a sandboxed app; needs the right to chroot.
     QTemporaryDir root;
     test::writeFile(
-        root.filePath(QStringLiteral(".flatpak-info")),
+        root.filePath(".flatpak-info"),
         "[Instance]\nname=not.this\n\n[Application]\nruntime=runtime/x\nname=org.example.Sandboxed\n");
     const QByteArray rootPath = QFile::encodeName(root.path());
     test::ChildProcess child([&] {
@@ -286,11 +283,11 @@ TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValuesAndThePidNamesTheApp) {
     client.setActiveWindow(w);
     const auto info = p.window.current();
     // Read once per process, not at every tick: the same window's next tick does not ask.
-    QFile::rename(root.filePath(QStringLiteral(".flatpak-info")), root.filePath(QStringLiteral("gone")));
+    QFile::rename(root.filePath(".flatpak-info"), root.filePath("gone"));
     const auto later = p.window.current();
     if (!sandboxed) GTEST_SKIP() << "no permission to chroot";
     ASSERT_TRUE(info.has_value());
-    EXPECT_EQ(info->bundleID, QStringLiteral("org.example.Sandboxed")) << "the sandbox's ID wins";
+    EXPECT_EQ(info->bundleID, "org.example.Sandboxed") << "the sandbox's ID wins";
     EXPECT_EQ(info->pid, child.pid());
     ASSERT_TRUE(later.has_value());
     EXPECT_EQ(later->bundleID, info->bundleID) << "read again for the same process";
@@ -312,7 +309,7 @@ TEST(X11LostDisplayTest, ProbesGoNeutralAndRecover) {
         client.setText(w, "WM_NAME", "COMPOUND_TEXT", "before");
         ASSERT_TRUE(client.activate(w));
         ASSERT_TRUE(p.window.current().has_value());
-        EXPECT_EQ(p.window.current()->windowTitle, QStringLiteral("before"));
+        EXPECT_EQ(p.window.current()->windowTitle, "before");
     }
     first->stopWindowManager();
     EXPECT_FALSE(p.access.trusted()) << "window manager gone";
@@ -329,7 +326,7 @@ TEST(X11LostDisplayTest, ProbesGoNeutralAndRecover) {
     client.setText(w, "_NET_WM_NAME", "UTF8_STRING", "Back");
     ASSERT_TRUE(client.activate(w));
     ASSERT_TRUE(p.window.current().has_value());
-    EXPECT_EQ(p.window.current()->windowTitle, QStringLiteral("Back"));
+    EXPECT_EQ(p.window.current()->windowTitle, "Back");
 }
 
 TEST(X11SessionTest, ReconnectIsThrottled) {
