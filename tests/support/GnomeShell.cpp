@@ -37,38 +37,39 @@ GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QBy
     ::chmod(QFile::encodeName(dir_.filePath("run")).constData(), 0700);
     for (const auto& [id, text] : entries) writeFile(dataHome() + "/applications/" + id + ".desktop", text);
 
+    // The session's own variables; activated programs (the Extensions app) get them too, so they
+    // reach this Shell, as in a real session.
+    const std::pair<const char*, QString> session[] = {
+        {"XDG_RUNTIME_DIR", dir_.filePath("run")},
+        {"HOME", dir_.filePath("home")},
+        {"XDG_CONFIG_HOME", dir_.filePath("config")},
+        {"XDG_CACHE_HOME", dir_.filePath("cache")},
+        {"XDG_DATA_HOME", dataHome()},
+        {"XDG_DATA_DIRS", extensionData + ":/usr/local/share:/usr/share"},
+        {"GSETTINGS_BACKEND", "memory"},
+        {"XDG_SESSION_TYPE", "wayland"},
+        {"XDG_CURRENT_DESKTOP", "GNOME"},
+    };
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("XDG_RUNTIME_DIR", dir_.filePath("run"));
-    env.insert("HOME", dir_.filePath("home"));
-    env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));
-    env.insert("XDG_CACHE_HOME", dir_.filePath("cache"));
-    env.insert("XDG_DATA_HOME", dataHome());
-    env.insert("XDG_DATA_DIRS", extensionData + ":/usr/local/share:/usr/share");
+    QMap<QString, QString> activation{{"WAYLAND_DISPLAY", "wayland-0"}};
+    for (const auto& [name, value] : session) {
+        env.insert(name, value);
+        activation.insert(name, value);
+    }
     env.insert("DBUS_SESSION_BUS_ADDRESS", session_.address());
     // The Shell will not start without a system bus; an empty one will do.
     env.insert("DBUS_SYSTEM_BUS_ADDRESS", system_.address());
-    env.insert("GSETTINGS_BACKEND", "memory");
-    env.insert("XDG_SESSION_TYPE", "wayland");
-    env.insert("XDG_CURRENT_DESKTOP", "GNOME");
     for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "XDG_SESSION_ID", "XDG_SEAT"})
         env.remove(QString::fromLatin1(name));
-    shell_.setProcessEnvironment(env);
-    shell_.setProcessChannelMode(QProcess::MergedChannels);
-    shell_.setStandardOutputFile(dir_.filePath("shell.log"));
-    shell_.start("gnome-shell", {"--headless", "--wayland", "--no-x11", "--virtual-monitor", "1280x800"});
-    if (!shell_.waitForStarted(5000)) return;
-
-    // Activated programs (the Extensions app) must reach this Shell, as in a real session.
+    compositor_.setProcessChannelMode(QProcess::MergedChannels);
+    compositor_.setStandardOutputFile(dir_.filePath("shell.log"));
+    if (!startCompositor(
+            {"gnome-shell", "--headless", "--wayland", "--no-x11", "--virtual-monitor", "1280x800"}, env))
+        return;
     QDBusMessage update =
         QDBusMessage::createMethodCall("org.freedesktop.DBus", "/org/freedesktop/DBus",
                                        "org.freedesktop.DBus", "UpdateActivationEnvironment");
-    const QStringList passed{"XDG_RUNTIME_DIR",    "HOME",          "XDG_CONFIG_HOME",   "XDG_CACHE_HOME",
-                             "XDG_DATA_HOME",      "XDG_DATA_DIRS", "GSETTINGS_BACKEND", "XDG_SESSION_TYPE",
-                             "XDG_CURRENT_DESKTOP"};
     qDBusRegisterMetaType<QMap<QString, QString>>();
-    QMap<QString, QString> activation;
-    for (const QString& name : passed) activation.insert(name, env.value(name));
-    activation.insert("WAYLAND_DISPLAY", "wayland-0");
     update << QVariant::fromValue(activation);
     bus().call(update);
 
@@ -76,11 +77,7 @@ GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QBy
     // overview holds the keyboard focus away from windows, so it is closed, and kept closed
     // until the end of the startup animation no longer reopens it.
     const bool up = waitFor(
-        [&] {
-            return shell_.state() == QProcess::Running &&
-                   bus().interface()->isServiceRegistered(kShellName).value();
-        },
-        30000);
+        [&] { return running() && bus().interface()->isServiceRegistered(kShellName).value(); }, 30000);
     if (!up) return;
     const auto overviewActive = [&] {
         const QDBusMessage get = bus().call(
@@ -104,7 +101,7 @@ GnomeShell::GnomeShell(const QString& extensionData, const std::map<QString, QBy
 
 GnomeShell::~GnomeShell() {
     pause(false);
-    stop(shell_);
+    stop(compositor_);
     QDBusConnection::disconnectFromBus("gnome-shell-test");
 }
 
@@ -117,7 +114,7 @@ QDBusConnection GnomeShell::bus() const {
 }
 
 QProcessEnvironment GnomeShell::clientEnvironment() const {
-    QProcessEnvironment env = shell_.processEnvironment();
+    QProcessEnvironment env = compositor_.processEnvironment();
     env.insert("WAYLAND_DISPLAY", "wayland-0");
     return env;
 }
@@ -132,7 +129,7 @@ bool GnomeShell::setExtensionEnabled(bool enabled) {
 }
 
 void GnomeShell::pause(bool paused) {
-    if (shell_.state() == QProcess::Running) ::kill(pid_t(shell_.processId()), paused ? SIGSTOP : SIGCONT);
+    if (running()) ::kill(pid_t(compositor_.processId()), paused ? SIGSTOP : SIGCONT);
 }
 
 }  // namespace corvi::test

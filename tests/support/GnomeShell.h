@@ -4,10 +4,8 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
-#include <QTemporaryDir>
 #include <map>
 
-#include "support/ChildProcess.h"
 #include "support/DBusDaemon.h"
 #include "support/WaylandClients.h"
 
@@ -23,8 +21,6 @@ class GnomeShell : public WaylandDesktop {
     explicit GnomeShell(const QString& extensionData, const std::map<QString, QByteArray>& entries = {},
                         const QStringList& activatable = {});
     ~GnomeShell() override;
-    GnomeShell(const GnomeShell&) = delete;
-    GnomeShell& operator=(const GnomeShell&) = delete;
 
     bool ok() const { return ok_; }
     // The Shell's own output, for a failure's message.
@@ -38,18 +34,12 @@ class GnomeShell : public WaylandDesktop {
     // Enables or disables our extension the way the Extensions app does, and waits until its
     // bus name is owned, or not, accordingly.
     bool setExtensionEnabled(bool enabled);
-    // Pauses or resumes the Shell (SIGSTOP, SIGCONT), or ends it at once.
+    // Pauses or resumes the Shell (SIGSTOP, SIGCONT).
     void pause(bool paused);
-    void kill() { stop(shell_, true); }
-
-  protected:
-    QString clientDir() const override { return dir_.path(); }
 
   private:
-    QTemporaryDir dir_;
     DBusDaemon session_;
     DBusDaemon system_;
-    QProcess shell_;
     bool ok_ = false;
 };
 

@@ -9,7 +9,10 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPair>
+#include <QProcess>
 #include <QTimer>
+
+#include "support/EventLoop.h"
 
 namespace corvi::test {
 
@@ -45,6 +48,17 @@ inline HttpAnswer httpCall(const QByteArray& method, const QString& url,
     }
     reply->deleteLater();
     return answer;
+}
+
+// Starts the reference server program on a free loopback port with `args` and answers its
+// base address ("http://127.0.0.1:PORT"); empty when it did not come up.
+inline QString startReferenceServer(QProcess& server, const QString& program, const QStringList& args) {
+    server.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    server.start(program, QStringList{"--port", "0"} + args);
+    if (!waitFor([&] { return server.canReadLine(); }, 15000)) return {};
+    const QString line = QString::fromUtf8(server.readLine()).trimmed();
+    const QString prefix = "listening on ";
+    return line.startsWith(prefix) ? line.mid(prefix.size()) : QString();
 }
 
 }  // namespace corvi::test

@@ -18,16 +18,16 @@ namespace corvi::test {
 KWinCompositor::KWinCompositor(const QString& busAddress)
     : busAddress_(busAddress),
       bus_(QDBusConnection::connectToBus(busAddress, QStringLiteral("kwin-fixture-%1").arg(quintptr(this)))),
-      runtimeDir_(home_.filePath("runtime")),
+      runtimeDir_(dir_.filePath("runtime")),
       socket_("wayland-kwin-test") {
     QDir().mkpath(runtimeDir_);
     // KWin offers its fake input protocol only to a program a desktop entry lists it for.
     // KDE Frameworks 6 indexes only the entries an applications menu takes in (Plasma ships
     // one); this one takes all.
-    writeFile(home_.filePath("config/menus/applications.menu"),
+    writeFile(dir_.filePath("config/menus/applications.menu"),
               "<Menu><Name>Applications</Name><DefaultAppDirs/><Include><All/></Include></Menu>\n");
     writeFile(
-        home_.filePath("share/applications/corvi-test-fake-input.desktop"),
+        dir_.filePath("share/applications/corvi-test-fake-input.desktop"),
         "[Desktop Entry]\nType=Application\nName=Fake input\nNoDisplay=true\nExec=" CORVI_TEST_KWIN_FAKE_INPUT
         "\nX-KDE-Wayland-Interfaces=org_kde_kwin_fake_input\n");
     QFile::setPermissions(runtimeDir_, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -38,7 +38,7 @@ KWinCompositor::KWinCompositor(const QString& busAddress)
 }
 
 KWinCompositor::~KWinCompositor() {
-    stop(kwin_);
+    stop(compositor_);
     QDBusConnection::disconnectFromBus(bus_.name());
 }
 
@@ -47,18 +47,17 @@ bool KWinCompositor::startKWin(const QString& program) {
     for (const char* name : {"WAYLAND_DISPLAY", "DISPLAY", "QT_QPA_PLATFORM", "XDG_SESSION_TYPE"})
         env.remove(QString::fromLatin1(name));
     env.insert("XDG_RUNTIME_DIR", runtimeDir_);
-    env.insert("HOME", home_.path());
-    env.insert("XDG_CONFIG_HOME", home_.filePath("config"));
-    env.insert("XDG_DATA_HOME", home_.filePath("share"));
+    env.insert("HOME", dir_.path());
+    env.insert("XDG_CONFIG_HOME", dir_.filePath("config"));
+    env.insert("XDG_DATA_HOME", dir_.filePath("share"));
     env.insert("DBUS_SESSION_BUS_ADDRESS", busAddress_);
     // Software rendering either way; QPainter costs the shared machine less than llvmpipe.
     env.insert("KWIN_COMPOSE", "Q");
-    kwin_.setProcessEnvironment(env);
-    kwin_.setProcessChannelMode(QProcess::MergedChannels);
-    kwin_.start(program,
-                {"--virtual", "--xwayland", "--socket", socket_, "--width", "1024", "--height", "768"});
-    if (!kwin_.waitForStarted(5000)) {
-        error_ = program + ": " + kwin_.errorString();
+    compositor_.setProcessChannelMode(QProcess::MergedChannels);
+    if (!startCompositor(
+            {program, "--virtual", "--xwayland", "--socket", socket_, "--width", "1024", "--height", "768"},
+            env)) {
+        error_ = program + ": " + compositor_.errorString();
         return false;
     }
     return true;
@@ -76,7 +75,7 @@ bool KWinCompositor::start() {
         // CAP_SYS_NICE); where the bounding set lacks it (a container), exec fails with EPERM.
         // A copy carries no capability.
         const QString firstError = error_;
-        const QString copy = home_.filePath("kwin_wayland");
+        const QString copy = dir_.filePath("kwin_wayland");
         const QString installed = QStandardPaths::findExecutable("kwin_wayland");
         if (installed.isEmpty() || !QFile::copy(installed, copy) || !startKWin(copy)) {
             error_ = firstError + "; a copy: " + error_;
@@ -90,16 +89,16 @@ bool KWinCompositor::start() {
     ask << "-";
     ok_ = waitFor(
               [&] {
-                  return kwin_.state() != QProcess::Running ||
+                  return !running() ||
                          (QFile::exists(runtimeDir_ + u'/' + socket_) &&
                           bus_.call(ask, QDBus::Block, 1000).type() == QDBusMessage::ReplyMessage);
               },
               30000) &&
-          kwin_.state() == QProcess::Running;
+          running();
     if (ok_) return true;
-    kwin_.waitForFinished(100);
-    error_ = "kwin_wayland did not come up: " + QString::fromLocal8Bit(kwin_.readAll().right(2000));
-    stop(kwin_);
+    compositor_.waitForFinished(100);
+    error_ = "kwin_wayland did not come up: " + QString::fromLocal8Bit(compositor_.readAll().right(2000));
+    stop(compositor_);
     return false;
 }
 
@@ -165,7 +164,7 @@ int KWinCompositor::majorVersion() const {
 // The display of the X socket KWin listens on: KWin 6 starts Xwayland only when the first X
 // client connects to it.
 QString KWinCompositor::xDisplay() const {
-    const QString fds = QStringLiteral("/proc/%1/fd/").arg(kwin_.processId());
+    const QString fds = QStringLiteral("/proc/%1/fd/").arg(compositor_.processId());
     static const QRegularExpression xSocket("^@?/tmp/\\.X11-unix/X(\\d+)$");
     QString display;
     waitFor(

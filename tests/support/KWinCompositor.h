@@ -3,10 +3,8 @@
 #include <QDBusConnection>
 #include <QProcess>
 #include <QString>
-#include <QTemporaryDir>
 #include <memory>
 
-#include "support/ChildProcess.h"
 #include "support/WaylandClients.h"
 
 namespace corvi::test {
@@ -17,11 +15,9 @@ class KWinCompositor : public WaylandDesktop {
   public:
     explicit KWinCompositor(const QString& busAddress);
     ~KWinCompositor() override;
-    KWinCompositor(const KWinCompositor&) = delete;
-    KWinCompositor& operator=(const KWinCompositor&) = delete;
 
     // KWin runs and its scripting interface answers on the bus.
-    bool ok() const { return ok_; }
+    bool ok() const { return ok_ && running(); }
     // Why it is not ok: the program's own words.
     QString error() const { return error_; }
     // The socket as an absolute path, for a client whose runtime folder is another.
@@ -43,11 +39,6 @@ class KWinCompositor : public WaylandDesktop {
     // answers whether KWin took it.
     bool fakeInput();
 
-    // Ends KWin the hard way, as a crash would, and its clients with it.
-    void kill() {
-        stop(kwin_, true);
-        ok_ = false;
-    }
     // Starts a new KWin on the same socket and bus; answers ok().
     bool start();
 
@@ -60,11 +51,9 @@ class KWinCompositor : public WaylandDesktop {
 
     QString busAddress_;
     QDBusConnection bus_;
-    QTemporaryDir home_;
     QString runtimeDir_;
     QString socket_;
     QString program_;
-    QProcess kwin_;
     bool ok_ = false;
     QString error_;
 };

@@ -5,7 +5,6 @@
 
 #include "support/ChildProcess.h"
 #include "support/HttpTestClient.h"
-#include "support/ReferenceServer.h"
 
 namespace corvi::test {
 

@@ -27,7 +27,7 @@ bool holds(const QJsonObject& node, const QString& appId, const QString& name, b
 }  // namespace
 
 SwayCompositor::SwayCompositor() {
-    const QString dir = runtime_.path();
+    const QString dir = dir_.path();
     writeFile(dir + "/config",
               "output HEADLESS-1 resolution 1024x768\n"
               "default_border none\n");
@@ -40,12 +40,9 @@ SwayCompositor::SwayCompositor() {
     env.insert("WLR_BACKENDS", "headless");
     env.insert("WLR_LIBINPUT_NO_DEVICES", "1");
     env.insert("WLR_RENDERER", "pixman");
-    sway_.setProcessEnvironment(env);
-    sway_.setStandardOutputFile(dir + "/sway.log");
-    sway_.setStandardErrorFile(dir + "/sway.log");
-    const QStringList args = asNobody("sway", {"-c", dir + "/config"});
-    sway_.start(args.first(), args.mid(1));
-    if (!sway_.waitForStarted(5000)) return;
+    compositor_.setStandardOutputFile(dir + "/sway.log");
+    compositor_.setStandardErrorFile(dir + "/sway.log");
+    if (!startCompositor(asNobody("sway", {"-c", dir + "/config"}), env)) return;
 
     // Both sockets appear once sway is ready for clients.
     waitFor(
@@ -54,7 +51,7 @@ SwayCompositor::SwayCompositor() {
             const QStringList wayland =
                 d.entryList({"wayland-*"}, QDir::System).filter(QRegularExpression("^wayland-\\d+$"));
             const QStringList ipc = d.entryList({"sway-ipc.*.sock"}, QDir::System);
-            if (wayland.isEmpty() || ipc.isEmpty()) return sway_.state() != QProcess::Running;
+            if (wayland.isEmpty() || ipc.isEmpty()) return !running();
             socket_ = d.filePath(wayland.first());
             ipc_ = d.filePath(ipc.first());
             return true;
@@ -62,16 +59,12 @@ SwayCompositor::SwayCompositor() {
         10000);
 }
 
-SwayCompositor::~SwayCompositor() {
-    stop(sway_);
-}
-
 QProcessEnvironment SwayCompositor::clientEnvironment() const {
     QProcessEnvironment env;
     env.insert("PATH", qEnvironmentVariable("PATH"));
-    env.insert("HOME", runtime_.path());
+    env.insert("HOME", dir_.path());
     env.insert("LANG", "C.UTF-8");
-    env.insert("XDG_RUNTIME_DIR", runtime_.path());
+    env.insert("XDG_RUNTIME_DIR", dir_.path());
     env.insert("WAYLAND_DISPLAY", socket_);
     env.insert("SWAYSOCK", ipc_);
     return env;

@@ -3,9 +3,7 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
-#include <QTemporaryDir>
 
-#include "support/ChildProcess.h"
 #include "support/WaylandClients.h"
 
 namespace corvi::test {
@@ -16,9 +14,6 @@ namespace corvi::test {
 class SwayCompositor : public WaylandDesktop {
   public:
     SwayCompositor();
-    ~SwayCompositor() override;
-    SwayCompositor(const SwayCompositor&) = delete;
-    SwayCompositor& operator=(const SwayCompositor&) = delete;
 
     bool ok() const { return !socket_.isEmpty(); }
     // The Wayland socket's full path, usable as WAYLAND_DISPLAY.
@@ -33,18 +28,12 @@ class SwayCompositor : public WaylandDesktop {
     // title, holding the focus if asked.
     bool waitForWindow(const QString& appId, const QString& title, bool focused = true, int ms = 10000) const;
 
-    // Kills sway outright, as a crash would.
-    void kill() { stop(sway_, true); }
-
   protected:
-    QString clientDir() const override { return runtime_.path(); }
     bool clientsAsNobody() const override { return true; }
 
   private:
-    QTemporaryDir runtime_;
     QString socket_;
     QString ipc_;
-    QProcess sway_;
 };
 
 }  // namespace corvi::test

@@ -4,7 +4,10 @@
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 #include <memory>
+
+#include "support/ChildProcess.h"
 
 namespace corvi::test {
 
@@ -50,18 +53,29 @@ class ClientWindow : public DesktopWindow {
 };
 
 // What every compositor fixture offers its tests: the environment of a client in its session,
-// and windows opened there.
+// and windows opened there. The compositor runs in a folder of its own until the object goes.
 class WaylandDesktop {
   public:
-    virtual ~WaylandDesktop() = default;
+    virtual ~WaylandDesktop() { stop(compositor_); }
     virtual QProcessEnvironment clientEnvironment() const = 0;
     ClientWindow open(ClientWindow::Kind kind, const QString& appId, const QString& title) const {
         return ClientWindow(kind, clientEnvironment(), clientDir(), appId, title, clientsAsNobody());
     }
+    // Kills the compositor outright, as a crash would.
+    void kill() { stop(compositor_, true); }
 
   protected:
-    virtual QString clientDir() const = 0;
+    bool startCompositor(const QStringList& command, const QProcessEnvironment& env) {
+        compositor_.setProcessEnvironment(env);
+        compositor_.start(command.first(), command.mid(1));
+        return compositor_.waitForStarted(5000);
+    }
+    bool running() const { return compositor_.state() == QProcess::Running; }
+    virtual QString clientDir() const { return dir_.path(); }
     virtual bool clientsAsNobody() const { return false; }
+
+    QTemporaryDir dir_;
+    QProcess compositor_;
 };
 
 }  // namespace corvi::test

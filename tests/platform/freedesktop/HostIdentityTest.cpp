@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include "platform/HostIdentity.h"
@@ -27,7 +26,6 @@ TEST_F(HostIdentityTest, MachineUIDIsAKeyedDigestOfTheMachineId) {
     const QString notHex = file("nothex", "0123456789abcdef0123456789abcdeg\n");
     // Worked out independently (HMAC-SHA-256 keyed with the id's bytes, version-4 bits set).
     const QString expectedA = "6EB4E038-76F5-4FF4-81A0-215D610B4C92";
-    const QString uidB = corvi::machineUIDFrom({b});
 
     struct Case {
         const char* name;
@@ -36,6 +34,7 @@ TEST_F(HostIdentityTest, MachineUIDIsAKeyedDigestOfTheMachineId) {
     };
     const Case cases[] = {
         {"first file", {a, b}, expectedA},
+        {"another id, another UID", {b}, "61F86DC2-1554-4009-BF0D-EDECBD9CC80A"},
         {"missing first file falls back", {missing, a}, expectedA},
         {"empty first file falls back", {empty, a}, expectedA},
         {"uninitialized id falls back", {uninitialized, a}, expectedA},
@@ -45,12 +44,6 @@ TEST_F(HostIdentityTest, MachineUIDIsAKeyedDigestOfTheMachineId) {
         {"no files", {}, "unknown-mac"},
     };
     for (const Case& c : cases) EXPECT_EQ(corvi::machineUIDFrom(c.files), c.expected) << c.name;
-
-    EXPECT_NE(uidB, expectedA);
-    const QRegularExpression shape("^[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$");
-    EXPECT_TRUE(shape.match(uidB).hasMatch()) << uidB.toStdString();
-    EXPECT_FALSE(uidB.contains("FEDCBA98", Qt::CaseInsensitive))
-        << "the machine id must not leave the machine";
 }
 
 TEST(MachineNameTest, IsNeverEmpty) {

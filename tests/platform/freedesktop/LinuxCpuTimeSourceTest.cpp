@@ -3,12 +3,12 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <QFile>
-#include <chrono>
-#include <thread>
+#include <QThread>
 
 #include "platform/linux/freedesktop/LinuxCpuTimeSource.h"
 #include "support/ChildProcess.h"
+#include "support/EventLoop.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
@@ -58,22 +58,17 @@ TEST(LinuxCpuTimeSource, BothSourcesAgreeOnAChildWithAHostileName) {
         prctl(PR_SET_NAME, name, 0, 0, 0);
         test::burnThenSleep(0.3);
     });
-    QFile comm(QStringLiteral("/proc/%1/comm").arg(child.pid()));
-
     // Wait until the child has burnt its share and sleeps, so both readings see one total.
-    std::optional<std::uint64_t> clock;
-    for (int i = 0; i < 600; ++i) {
-        clock = LinuxCpuTimeSource::fromCpuClock(child.pid());
-        if (clock && *clock >= 300 * ms) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    ASSERT_TRUE(clock.has_value());
-    ASSERT_GE(*clock, 300 * ms);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    ASSERT_TRUE(comm.open(QIODevice::ReadOnly));
-    ASSERT_EQ(comm.readAll().trimmed(), QByteArray(name));
+    ASSERT_TRUE(test::waitFor(
+        [&] {
+            const auto burnt = LinuxCpuTimeSource::fromCpuClock(child.pid());
+            return burnt && *burnt >= 300 * ms;
+        },
+        30000));
+    QThread::msleep(50);
+    ASSERT_EQ(test::readFile(QStringLiteral("/proc/%1/comm").arg(child.pid())).trimmed(), QByteArray(name));
 
-    clock = LinuxCpuTimeSource::fromCpuClock(child.pid());
+    auto clock = LinuxCpuTimeSource::fromCpuClock(child.pid());
     const auto stat = LinuxCpuTimeSource::fromProcStat(child.pid());
     ASSERT_TRUE(clock && stat);
     // The stat file counts whole clock ticks.

@@ -32,7 +32,6 @@
 #include "support/DBusDaemon.h"
 #include "support/EventLoop.h"
 #include "support/HttpTestClient.h"
-#include "support/ReferenceServer.h"
 #include "support/XClient.h"
 #include "support/XServer.h"
 

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "bench/BenchUtil.h"
-#include "support/ReferenceServer.h"
+#include "support/HttpTestClient.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "model/AppModel.h"
 #include "server/Syncer.h"
 #include "store/Store.h"
-#include "support/ReferenceServer.h"
+#include "support/HttpTestClient.h"
 
 namespace {
 

@@ -19,7 +19,7 @@
 #include "server/HttpClient.h"
 #include "shell/Updater.h"
 #include "support/EventLoop.h"
-#include "support/ReferenceServer.h"
+#include "support/HttpTestClient.h"
 
 namespace {
 
