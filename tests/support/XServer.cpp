@@ -7,11 +7,8 @@
 #include <QThread>
 
 namespace corvi::test {
-XServer::XServer(bool windowManager, int width, int height, const QStringList& serverArgs) {
-    const QStringList args = QStringLiteral("-displayfd 1 -screen 0 %1x%2x24 -nolisten tcp -noreset")
-                                 .arg(width)
-                                 .arg(height)
-                                 .split(u' ');
+XServer::XServer(bool windowManager, const QStringList& serverArgs) {
+    const QStringList args{"-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp", "-noreset"};
     bool number = false;
     const int n = startForFirstLine(xvfb_, "Xvfb", args + serverArgs).toInt(&number);
     if (!number) return;

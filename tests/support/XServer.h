@@ -6,14 +6,13 @@
 
 namespace corvi::test {
 
-// A private X display for tests: Xvfb on a free display number (it picks one itself through
-// -displayfd) and, unless told otherwise, openbox as its window manager. Everything is
+// A private X display for tests: a 1280x800 Xvfb on a free display number (it picks one itself
+// through -displayfd) and, unless told otherwise, openbox as its window manager. Everything is
 // stopped when the object goes. `serverArgs` go to Xvfb as they are (for example
 // {"-extension", "X-Resource"} to run without an extension).
 class XServer {
   public:
-    explicit XServer(bool windowManager = true, int width = 1280, int height = 800,
-                     const QStringList& serverArgs = {});
+    explicit XServer(bool windowManager = true, const QStringList& serverArgs = {});
     ~XServer();
     XServer(const XServer&) = delete;
     XServer& operator=(const XServer&) = delete;

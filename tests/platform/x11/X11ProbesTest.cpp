@@ -212,7 +212,7 @@ TEST_F(X11ProbesTest, SteadyTickAsksLittleAndSeesEveryChange) {
 // No window manager, no X-Resource, no screen-saver extension; the active window is written
 // to the root by hand.
 TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValuesAndThePidNamesTheApp) {
-    XServer server(false, 640, 480, {"-extension", "X-Resource", "-extension", "MIT-SCREEN-SAVER"});
+    XServer server(false, {"-extension", "X-Resource", "-extension", "MIT-SCREEN-SAVER"});
     ASSERT_TRUE(server.ok());
     XClient client(server.display());
     X11Probes p(server.display());
