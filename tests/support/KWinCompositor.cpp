@@ -3,11 +3,7 @@
 #include <QDBusMessage>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
-#include <QRegularExpression>
-#include <QSet>
 #include <QStandardPaths>
-#include <climits>
 
 #include "support/ChildProcess.h"
 #include "support/EventLoop.h"
@@ -161,31 +157,16 @@ int KWinCompositor::majorVersion() const {
     return QString::fromLatin1(version).section(u' ', 1).section(u'.', 0, 0).toInt();
 }
 
-// The display of the X socket KWin listens on: KWin 6 starts Xwayland only when the first X
-// client connects to it.
+// The display of the X socket KWin listens on, found by the lock file KWin writes its pid in:
+// KWin 6 starts Xwayland only when the first X client connects to it.
 QString KWinCompositor::xDisplay() const {
-    const QString fds = QStringLiteral("/proc/%1/fd/").arg(compositor_.processId());
-    static const QRegularExpression xSocket("^@?/tmp/\\.X11-unix/X(\\d+)$");
+    const QByteArray pid = QByteArray::number(compositor_.processId());
     QString display;
     waitFor(
         [&] {
-            QSet<QByteArray> inodes;
-            for (const QString& fd : QDir(fds).entryList(QDir::System)) {
-                char target[PATH_MAX];
-                const ssize_t n = ::readlink(QFile::encodeName(fds + fd).constData(), target, sizeof target);
-                const QByteArray link(target, n > 0 ? int(n) : 0);
-                if (link.startsWith("socket:[")) inodes.insert(link.mid(8).chopped(1));
-            }
-            // Num RefCount Protocol Flags Type St Inode Path
-            for (const QByteArray& line : readFile("/proc/net/unix").split('\n')) {
-                const QList<QByteArray> fields = line.simplified().split(' ');
-                if (fields.size() < 8 || !inodes.contains(fields[6])) continue;
-                const auto match = xSocket.match(QString::fromLocal8Bit(fields[7]));
-                if (!match.hasMatch()) continue;
-                display = u':' + match.captured(1);
-                return true;
-            }
-            return false;
+            for (const QString& lock : QDir("/tmp").entryList({".X*-lock"}, QDir::Files | QDir::Hidden))
+                if (readFile("/tmp/" + lock).trimmed() == pid) display = u':' + lock.mid(2).chopped(5);
+            return !display.isEmpty();
         },
         10000);
     return display;
