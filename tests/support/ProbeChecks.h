@@ -18,11 +18,16 @@
 
 namespace corvi::test {
 
-// A folder of desktop entries with one: org.example.Editor, named "Example Editor".
+// A folder of desktop entries: org.example.Editor, named "Example Editor" (with a translation)
+// and claiming the X class ExEdit, and org.gnome.TextEditor, named "Text Editor".
 inline QString exampleEntries() {
     static QTemporaryDir dir;
-    static const bool written = writeFile(dir.filePath("applications/org.example.Editor.desktop"),
-                                          "[Desktop Entry]\nName=Example Editor\n");
+    static const bool written =
+        writeFile(
+            dir.filePath("applications/org.example.Editor.desktop"),
+            "[Desktop Entry]\nName[pt]=Editor de Exemplo\nName=Example Editor\nStartupWMClass=ExEdit\n") &&
+        writeFile(dir.filePath("applications/org.gnome.TextEditor.desktop"),
+                  "[Desktop Entry]\nName=Text Editor\n");
     return written ? dir.filePath("applications") : QString();
 }
 

@@ -51,21 +51,14 @@ struct X11Probes {
     X11Accessibility access;
 };
 
-// One display with openbox, a client making windows and desktop entries in a temp folder.
+// One display with openbox, and a client making windows.
 class X11Desktop : public test::ProbeDesktop {
   public:
-    X11Desktop() {
-        test::writeFile(
-            entries_.filePath("applications/org.example.Editor.desktop"),
-            "[Desktop Entry]\nName[pt]=Editor de Exemplo\nName=Example Editor\nStartupWMClass=ExEdit\n");
-        test::writeFile(entries_.filePath("applications/org.gnome.TextEditor.desktop"),
-                        "[Desktop Entry]\nName=Text Editor\n");
-    }
     std::string failure() const override {
         return server.ok() && client.ok() ? "" : "no display with openbox";
     }
     std::shared_ptr<X11Probes> x11Probes() {
-        return std::make_shared<X11Probes>(server.display(), QStringList{entries_.filePath("applications")});
+        return std::make_shared<X11Probes>(server.display(), QStringList{test::exampleEntries()});
     }
     test::ProbeSet probes() override { return test::probeSet(x11Probes()); }
     // A new window with these properties, made active.
@@ -103,9 +96,6 @@ class X11Desktop : public test::ProbeDesktop {
 
     XServer server;
     XClient client{server.display()};
-
-  private:
-    QTemporaryDir entries_;
 };
 
 INSTANTIATE_TEST_SUITE_P(X11, DesktopProbesTest, ::testing::Values(&test::sharedProbeDesktop<X11Desktop>));
