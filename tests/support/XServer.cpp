@@ -1,6 +1,7 @@
 #include "support/XServer.h"
 
 #include "support/ChildProcess.h"
+#include "support/EventLoop.h"
 #include "support/XClient.h"
 
 #include <QElapsedTimer>
@@ -17,15 +18,12 @@ XServer::XServer(bool windowManager, const QStringList& serverArgs) {
 
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("DISPLAY", display_);
-    wm_.setProcessEnvironment(env);
-    wm_.setStandardOutputFile(QProcess::nullDevice());
-    wm_.setStandardErrorFile(QProcess::nullDevice());
-    wm_.start("openbox", {"--sm-disable"});
+    wm_ = ClientWindow("openbox", {"--sm-disable"}, env);
     // openbox announces itself before it manages windows; a window mapped in between is never shown.
     QElapsedTimer clock;
     clock.start();
     bool managed = false;
-    while (!managed && wm_.state() != QProcess::NotRunning && clock.elapsed() < 10000) {
+    while (!managed && wm_.ok() && clock.elapsed() < 10000) {
         XClient c(display_);
         managed = c.hasWindowManager() && c.framesNewWindows(500);
         if (!managed) QThread::msleep(20);
@@ -38,14 +36,12 @@ XServer::~XServer() {
 }
 
 void XServer::stopWindowManager() {
-    stop(wm_);
-    QElapsedTimer clock;
-    clock.start();
-    while (XClient(display_).hasWindowManager() && clock.elapsed() < 5000) QThread::msleep(20);
+    wm_.close();
+    waitFor([&] { return !XClient(display_).hasWindowManager(); });
 }
 
 void XServer::stopServer() {
-    stop(wm_);
+    wm_.close();
     stop(xvfb_);
 }
 

@@ -4,6 +4,8 @@
 #include <QString>
 #include <QStringList>
 
+#include "support/WaylandClients.h"
+
 namespace corvi::test {
 
 // A private X display for tests: a 1280x800 Xvfb on a free display number (it picks one itself
@@ -27,7 +29,7 @@ class XServer {
 
   private:
     QProcess xvfb_;
-    QProcess wm_;
+    ClientWindow wm_;
     QString display_;
 };
 
