@@ -15,7 +15,8 @@ KWinCompositor::KWinCompositor(const QString& busAddress)
     : busAddress_(busAddress),
       bus_(QDBusConnection::connectToBus(busAddress, QStringLiteral("kwin-fixture-%1").arg(quintptr(this)))),
       runtimeDir_(dir_.filePath("runtime")),
-      socket_("wayland-kwin-test") {
+      socket_("wayland-kwin-test"),
+      program_(dir_.filePath("kwin_wayland")) {
     QDir().mkpath(runtimeDir_);
     // KWin offers its fake input protocol only to a program a desktop entry lists it for.
     // KDE Frameworks 6 indexes only the entries an applications menu takes in (Plasma ships
@@ -30,6 +31,10 @@ KWinCompositor::KWinCompositor(const QString& busAddress)
     // KWin 6 puts its X socket in the folder systemd-tmpfiles makes at boot, and gives up on
     // Xwayland without it; a container's fresh /tmp has none.
     if (::mkdir("/tmp/.X11-unix", 01777) == 0) ::chmod("/tmp/.X11-unix", 01777);
+    // Debian 12 gives kwin_wayland the CAP_SYS_RESOURCE file capability (Debian 13
+    // CAP_SYS_NICE); where the bounding set lacks it (a container), exec fails with EPERM.
+    // A copy carries no capability.
+    QFile::copy(QStandardPaths::findExecutable("kwin_wayland"), program_);
     start();
 }
 
@@ -38,7 +43,8 @@ KWinCompositor::~KWinCompositor() {
     QDBusConnection::disconnectFromBus(bus_.name());
 }
 
-bool KWinCompositor::startKWin(const QString& program) {
+bool KWinCompositor::start() {
+    ok_ = false;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     for (const char* name : {"WAYLAND_DISPLAY", "DISPLAY", "QT_QPA_PLATFORM", "XDG_SESSION_TYPE"})
         env.remove(QString::fromLatin1(name));
@@ -51,33 +57,10 @@ bool KWinCompositor::startKWin(const QString& program) {
     env.insert("KWIN_COMPOSE", "Q");
     compositor_.setProcessChannelMode(QProcess::MergedChannels);
     if (!startCompositor(
-            {program, "--virtual", "--xwayland", "--socket", socket_, "--width", "1024", "--height", "768"},
+            {program_, "--virtual", "--xwayland", "--socket", socket_, "--width", "1024", "--height", "768"},
             env)) {
-        error_ = program + ": " + compositor_.errorString();
+        error_ = program_ + ": " + compositor_.errorString();
         return false;
-    }
-    return true;
-}
-
-bool KWinCompositor::start() {
-    ok_ = false;
-    error_.clear();
-    if (!program_.isEmpty()) {
-        startKWin(program_);
-    } else if (startKWin("kwin_wayland")) {
-        program_ = "kwin_wayland";
-    } else {
-        // Debian 12 gives kwin_wayland the CAP_SYS_RESOURCE file capability (Debian 13
-        // CAP_SYS_NICE); where the bounding set lacks it (a container), exec fails with EPERM.
-        // A copy carries no capability.
-        const QString firstError = error_;
-        const QString copy = dir_.filePath("kwin_wayland");
-        const QString installed = QStandardPaths::findExecutable("kwin_wayland");
-        if (installed.isEmpty() || !QFile::copy(installed, copy) || !startKWin(copy)) {
-            error_ = firstError + "; a copy: " + error_;
-            return false;
-        }
-        program_ = copy;
     }
     // Ready once the socket exists and the scripting interface answers.
     auto ask = QDBusMessage::createMethodCall("org.kde.KWin", "/Scripting", "org.kde.kwin.Scripting",

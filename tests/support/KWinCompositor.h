@@ -46,7 +46,6 @@ class KWinCompositor : public WaylandDesktop {
     QString clientDir() const override { return runtimeDir_; }
 
   private:
-    bool startKWin(const QString& program);
     QString xDisplay() const;
 
     QString busAddress_;
