@@ -135,7 +135,7 @@ class Surface : public QWidget {
         return w.screen()->grabWindow(w.winId()).toImage().pixelColor(w.width() / 2, w.height() / 2);
     };
     if (QTest::qWaitFor([&] { return shown() == c; })) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << describe(shown()).toStdString();
+    return ::testing::AssertionFailure() << shown().name(QColor::HexArgb).toStdString();
 }
 
 TEST(Theme, ShownViewRepaintsWhenTheDesktopSwitches) {
