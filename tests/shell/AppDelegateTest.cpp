@@ -217,53 +217,55 @@ TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
 }
 
 TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSignInForm) {
-    for (bool configured : {false, true}) {
-        SCOPED_TRACE(configured ? "configured" : "first run");
-        if (configured)
-            test::writeFile(dataFolder() + "/config.json",
-                            R"({"server_url": "http://127.0.0.1:1", "api_key": "k", "language": "en"})");
-        auto delegate = makeDelegate(3600, 0.2);
-        access->granted = configured;
-        delegate->applicationDidFinishLaunching();
-        PermissionWindowController* permission = delegate->permission();
-        SettingsPopoverController* settings = delegate->settings();
-        ASSERT_TRUE(permission && settings);
-        EXPECT_EQ(settings->isShown(), !configured) << "the sign-in form";
-        EXPECT_TRUE(admin->asked.isEmpty());
-        if (configured) {
-            settle(500);
-            EXPECT_FALSE(permission->window()) << "a window shown with the permission granted";
-            // A desktop that answers a moment after start: no window until it has.
-            access->granted = false;
-            access->stillSettling = true;
-            auto later = makeDelegate(3600, 0.2);
-            later->applicationDidFinishLaunching();
-            settle(300);
-            EXPECT_FALSE(later->permission()->window()) << "shown before the desktop answered";
-            access->granted = true;
-            access->stillSettling = false;
-            EXPECT_TRUE(waitFor([&] { return later->model().accessibilityOK(); }, 1000));
-            EXPECT_FALSE(later->permission()->window());
-            continue;
-        }
-        EXPECT_FALSE(settings->popover()->windowFlags().testFlag(Qt::Popup)) << "a first-run popup";
-        ASSERT_TRUE(permission->isOnScreen());
-        permission->window()->close();
-        EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000))
-            << "the reminder did not show it";
+    auto delegate = makeDelegate(3600, 0.2);
+    access->granted = false;
+    delegate->applicationDidFinishLaunching();
+    PermissionWindowController* permission = delegate->permission();
+    SettingsPopoverController* settings = delegate->settings();
+    ASSERT_TRUE(settings->isShown()) << "no sign-in form";
+    EXPECT_FALSE(settings->popover()->windowFlags().testFlag(Qt::Popup)) << "a first-run popup";
+    EXPECT_TRUE(admin->asked.isEmpty());
+    ASSERT_TRUE(permission->isOnScreen());
+    permission->window()->close();
+    EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000)) << "the reminder did not show it";
 
-        // The menu's entry closes the shown settings; the window's step 1 opens the desktop's
-        // own place to grant it, else the help page.
-        delegate->statusMenu()->ajustesItem()->trigger();
-        EXPECT_TRUE(waitFor([&] { return !settings->isShown(); }, 1000));
-        EXPECT_EQ(access->grantPlaceOpened, 0) << "opened at launch, before anyone asked";
-        QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
-        EXPECT_EQ(opened, QStringList{QString(build::webAddress) + "/help/linux-permission"});
-        access->hasGrantPlace = true;
-        QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
-        EXPECT_EQ(access->grantPlaceOpened, 2);
-        EXPECT_EQ(opened.size(), 1) << "the help page as well as the desktop's place";
-    }
+    // The menu's entry closes the shown settings; the window's step 1 opens the desktop's own
+    // place to grant it, else the help page.
+    delegate->statusMenu()->ajustesItem()->trigger();
+    EXPECT_TRUE(waitFor([&] { return !settings->isShown(); }, 1000));
+    EXPECT_EQ(access->grantPlaceOpened, 0) << "opened at launch, before anyone asked";
+    QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
+    EXPECT_EQ(opened, QStringList{QString(build::webAddress) + "/help/linux-permission"});
+    access->hasGrantPlace = true;
+    QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
+    EXPECT_EQ(access->grantPlaceOpened, 2);
+    EXPECT_EQ(opened.size(), 1) << "the help page as well as the desktop's place";
+
+    // Granted: the window closes, and the reminder leaves it closed.
+    access->granted = true;
+    ASSERT_TRUE(
+        waitFor([&] { return !permission->isOnScreen(); }, PermissionWindowController::pollMs + 1000));
+    settle(500);
+    EXPECT_FALSE(permission->isOnScreen()) << "reminded with the permission granted";
+}
+
+// A desktop that answers a moment after start: no window until it has, none once it granted.
+TEST_F(AppDelegateTest, AConfiguredAgentWaitsForTheDesktopsAnswer) {
+    test::writeFile(dataFolder() + "/config.json",
+                    R"({"server_url": "http://127.0.0.1:1", "api_key": "k", "language": "en"})");
+    auto delegate = makeDelegate();
+    access->granted = false;
+    access->stillSettling = true;
+    delegate->applicationDidFinishLaunching();
+    EXPECT_FALSE(delegate->settings()->isShown()) << "the sign-in form for an enrolled agent";
+    settle(300);
+    EXPECT_FALSE(delegate->permission()->window()) << "shown before the desktop answered";
+    access->granted = true;
+    access->stillSettling = false;
+    EXPECT_TRUE(waitFor([&] { return delegate->model().accessibilityOK(); }, 1000));
+    settle(200);
+    EXPECT_FALSE(delegate->permission()->window());
+    EXPECT_TRUE(admin->asked.isEmpty());
 }
 
 // A logout that another program cancels must not leave every later quit granted.
