@@ -60,8 +60,11 @@ TEST(StatusTabRel, ReadsSecondsThenWholeMinutes) {
         const char* pt;
     };
     const Case cases[] = {
-        {0.9, "0s ago", "há 0s"},       {59, "59s ago", "há 59s"},           {60, "1min ago", "há 1min"},
-        {119, "1min ago", "há 1min"}, {3 * 3600, "180min ago", "há 180min"},
+        {0.9, "0s ago", "há 0s"},
+        {59, "59s ago", "há 59s"},
+        {60, "1min ago", "há 1min"},
+        {119, "1min ago", "há 1min"},
+        {3 * 3600, "180min ago", "há 180min"},
     };
     const double now = 1'800'000'000.25;
     for (const Case& c : cases) {
@@ -81,15 +84,36 @@ TEST_F(SettingsViews, StatusRowsFollowTheModel) {
         bool grantShown;
     };
     const Case cases[] = {
-        {"en", false, true, true, 3, 59, {"Tracking", "Accessibility", "Server", "Pending upload", "Last sync"},
-         {"Yes", "Granted", "Connected", "3", "59s ago"}, {Theme::green(), Theme::green(), Theme::green(), {}, {}},
+        {"en",
+         false,
+         true,
+         true,
+         3,
+         59,
+         {"Tracking", "Accessibility", "Server", "Pending upload", "Last sync"},
+         {"Yes", "Granted", "Connected", "3", "59s ago"},
+         {Theme::green(), Theme::green(), Theme::green(), {}, {}},
          false},
-        {"pt", true, false, false, 0, std::nullopt,
+        {"pt",
+         true,
+         false,
+         false,
+         0,
+         std::nullopt,
          {"Coletando", "Acessibilidade", "Servidor", "Pendentes de envio", "Última sincronização"},
-         {"Pausado", "Faltando", "Offline", "0", "nunca"}, {Theme::yellow(), Theme::yellow(), Theme::inactive(), {}, {}},
+         {"Pausado", "Faltando", "Offline", "0", "nunca"},
+         {Theme::yellow(), Theme::yellow(), Theme::inactive(), {}, {}},
          true},
-        {"en", false, false, false, 12, std::nullopt, {}, {"Yes", "Missing", "Offline", "12", "never"},
-         {Theme::green(), Theme::yellow(), Theme::inactive(), {}, {}}, true},
+        {"en",
+         false,
+         false,
+         false,
+         12,
+         std::nullopt,
+         {},
+         {"Yes", "Missing", "Offline", "12", "never"},
+         {Theme::green(), Theme::yellow(), Theme::inactive(), {}, {}},
+         true},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.lang) + " paused " + std::to_string(c.paused));
@@ -101,7 +125,8 @@ TEST_F(SettingsViews, StatusRowsFollowTheModel) {
         model.setAccessibilityOK(c.granted);
         model.setServerReachable(c.reachable);
         model.setPending(c.pending);
-        model.setLastSync(c.ago ? std::optional(QDateTime::currentMSecsSinceEpoch() / 1000.0 - *c.ago) : std::nullopt);
+        model.setLastSync(c.ago ? std::optional(QDateTime::currentMSecsSinceEpoch() / 1000.0 - *c.ago)
+                                : std::nullopt);
         settle();
         StatusTab* page = tabs.statusTab();
         ASSERT_EQ(tabs.page(), page);
@@ -154,8 +179,9 @@ TEST_F(SettingsViews, ConnectionPageShowsTheAccountUntilDisconnect) {
     EXPECT_EQ(page->notConnectedText()->text(), "Not connected yet. Close and sign in with your account.");
 }
 
-TEST_F(SettingsViews, LanguageButtonsChangeEveryTextAtOnce) {
+TEST_F(SettingsViews, AboutPageSwitchesLanguageAndStartAtLogin) {
     model.setSettingsUnlocked(true);
+    model.setLaunchAtLogin(true);
     SettingsView view(model, hooks());
     view.show();
     settle();
@@ -172,47 +198,36 @@ TEST_F(SettingsViews, LanguageButtonsChangeEveryTextAtOnce) {
         for (auto* b : about->languageButtons()) l << b->text();
         return l << about->title() << about->versionRow()->key();
     };
-    EXPECT_EQ(labels(), QStringList({"Connection", "Status", "About", "System", "PT", "EN", "About", "Version"}));
+    EXPECT_EQ(labels(),
+              QStringList({"Connection", "Status", "About", "System", "PT", "EN", "About", "Version"}));
 
     QTest::mouseClick(about->languageButtons()[1], Qt::LeftButton);
     settle();
     EXPECT_EQ(model.language(), "pt");
-    EXPECT_EQ(labels(), QStringList({"Conexão", "Status", "Sobre", "Sistema", "PT", "EN", "Sobre", "Versão"}));
+    EXPECT_EQ(labels(),
+              QStringList({"Conexão", "Status", "Sobre", "Sistema", "PT", "EN", "Sobre", "Versão"}));
     EXPECT_EQ(about->languageButtons()[1]->fillColor(), Theme::accent());
     EXPECT_EQ(about->languageButtons()[2]->fillColor().alpha(), 0);
 
     QTest::mouseClick(about->languageButtons()[0], Qt::LeftButton);
     EXPECT_EQ(model.language(), "system");
     EXPECT_TRUE(about->uuidText()->text().startsWith("UUID "));
-}
 
-TEST_F(SettingsViews, StartAtLoginSwitchOnlyWithoutAMachineWideEntry) {
-    for (bool wide : {false, true}) {
-        SCOPED_TRACE(wide ? "machine-wide entry" : "no machine-wide entry");
-        machineWide = wide;
-        model.setLaunchAtLogin(true);
-        SettingsTabs tabs(model, hooks());
-        tabs.setTab(2);
-        tabs.show();
-        settle();
-        AboutTab* about = tabs.aboutTab();
-        ASSERT_EQ(about->launchRow()->isVisible(), !wide);
-        if (wide) continue;
-        EXPECT_TRUE(about->launchSwitch()->isOn());
-        QTest::mouseClick(about->launchSwitch(), Qt::LeftButton);
-        settle();
-        EXPECT_FALSE(model.launchAtLogin());
-        EXPECT_FALSE(about->launchSwitch()->isOn());
-        // The knob slides over 0.15 s to the left end.
-        EXPECT_TRUE(waitFor([&] { return about->launchSwitch()->knobOffset() == -8; }, 1000));
-    }
-}
-
-TEST_F(SettingsViews, SignUpLinkOpensTheWebApplication) {
-    SettingsView view(model, hooks());
-    view.show();
-    QTest::mouseClick(view.signUpLink(), Qt::LeftButton);
-    EXPECT_EQ(opened, QStringList{"https://corvi.example/app"});
+    ASSERT_TRUE(about->launchRow()->isVisible());
+    EXPECT_TRUE(about->launchSwitch()->isOn());
+    QTest::mouseClick(about->launchSwitch(), Qt::LeftButton);
+    settle();
+    EXPECT_FALSE(model.launchAtLogin());
+    EXPECT_FALSE(about->launchSwitch()->isOn());
+    // The knob slides over 0.15 s to the left end.
+    EXPECT_TRUE(waitFor([&] { return about->launchSwitch()->knobOffset() == -8; }, 1000));
+    // A machine-wide entry starts it for everyone: no switch of one's own.
+    machineWide = true;
+    SettingsTabs wide(model, hooks());
+    wide.setTab(2);
+    wide.show();
+    settle();
+    EXPECT_FALSE(wide.aboutTab()->launchRow()->isVisible());
 }
 
 // The pixel at the middle of `w`'s left end, a few pixels in, in `shot` of `root`.
@@ -240,6 +255,8 @@ TEST_F(SettingsViews, ScreensPaintThePaletteInLightAndDark) {
         EXPECT_EQ(shot.pixelColor(3, 3), Theme::surf());
         EXPECT_EQ(leftEnd(shot, &form, form.signInButton(), 20), Theme::accent());
         EXPECT_EQ(leftEnd(shot, &form, form.emailField()->capsule(), 20), Theme::surf2());
+        QTest::mouseClick(form.signUpLink(), Qt::LeftButton);
+        EXPECT_EQ(opened, QStringList(dark ? 2 : 1, "https://corvi.example/app"));
 
         model.setSettingsUnlocked(true);
         SettingsView settings(model, hooks());
@@ -269,8 +286,9 @@ TEST_F(SettingsViews, ScreensPaintThePaletteInLightAndDark) {
         EXPECT_EQ(shot.pixelColor(3, 3), Theme::surf());
         EXPECT_EQ(leftEnd(shot, &permission, permission.openSettingsButton(), 10), Theme::accent());
         EXPECT_EQ(permission.statusDot()->color(), dark ? Theme::green() : Theme::yellow());
-        EXPECT_EQ(permission.statusText()->text(), dark ? QString::fromUtf8("Permission granted — thank you!")
-                                                        : QString::fromUtf8("Waiting for the permission… this window closes by itself."));
+        EXPECT_EQ(permission.statusText()->text(),
+                  dark ? QString::fromUtf8("Permission granted — thank you!")
+                       : QString::fromUtf8("Waiting for the permission… this window closes by itself."));
     }
     test::usePalette(false);
 }
