@@ -410,10 +410,6 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
          {"--sign-in", "not a server", "ana@studio.example"},
          1,
          "Invalid address."},
-        {"sign-in over http to another computer",
-         {"--sign-in", "http://corvi.example", "ana@studio.example"},
-         1,
-         "Invalid address."},
         // A lock file that cannot be made is no sign of another agent: it goes on.
         {"data folder that refuses writes",
          {},
