@@ -108,7 +108,6 @@ TEST_F(AppDelegateTest, LaunchLoadsTheConfigBeforeTheLoginItemAndTheFirstSample)
     EXPECT_EQ(delegate->model().currentStateLabel(), "\u2014");
     settle(50);
     EXPECT_EQ(delegate->statusMenu()->pauseItem()->text(), "Resume tracking");
-    EXPECT_EQ(log.systemLines.first(), "CorviAgent iniciado. DB: " + dataFolder() + "/corvi.sqlite");
 }
 
 TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermission) {
@@ -148,7 +147,7 @@ TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermission) {
     EXPECT_EQ(storedSessions().size(), size_t(pending));
 }
 
-TEST_F(AppDelegateTest, AGrantedQuitFlushesTheOpenSessionAndQuits) {
+TEST_F(AppDelegateTest, ALogoutGrantLastsOnlyForThatLogoutAndAGrantedQuitFlushesTheOpenSession) {
     // The open session as the application began to quit; connected before the delegate's flush.
     std::unique_ptr<AppDelegate> delegate;
     std::optional<SessionRow> atQuit;
@@ -163,8 +162,16 @@ TEST_F(AppDelegateTest, AGrantedQuitFlushesTheOpenSessionAndQuits) {
     };
     ASSERT_TRUE(waitFor([&] { return samples() >= 2; }));
 
-    // A refusal is the agent end-to-end test's: it sees the agent go on sampling.
-    admin->answers = {true};
+    // A logout that another program cancels must not leave every later quit granted.
+    admin->answers = {false, true, true};
+    EXPECT_FALSE(delegate->logoutShouldTerminate(false)) << "granted without asking";
+    EXPECT_FALSE(delegate->logoutShouldTerminate(true));
+    EXPECT_TRUE(delegate->logoutShouldTerminate(true));
+    EXPECT_TRUE(delegate->logoutShouldTerminate(false)) << "the logout's own SIGTERM asked again";
+    EXPECT_TRUE(waitFor([&] { return !delegate->quitAuthorized(); }, 2000))
+        << "the grant outlived the logout";
+
+    // A refused quit is the agent end-to-end test's: it sees the agent go on sampling.
     const auto quitNow = [&] {
         QTimer::singleShot(0, delegate.get(), &AppDelegate::requestTermination);
         QTimer::singleShot(5000, qApp, [] { QCoreApplication::exit(7); });
@@ -179,7 +186,7 @@ TEST_F(AppDelegateTest, AGrantedQuitFlushesTheOpenSessionAndQuits) {
     EXPECT_EQ(rows[0].end, atQuit->endTS);
     EXPECT_EQ(rows[0].samples, atQuit->samples);
     EXPECT_EQ(quitNow(), 0) << "a granted quit is not granted for good";
-    EXPECT_EQ(admin->asked, QStringList{"tech.stonefold.corvimetry.quit"});
+    EXPECT_EQ(admin->asked, QStringList(3, "tech.stonefold.corvimetry.quit"));
 }
 
 TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
@@ -266,21 +273,6 @@ TEST_F(AppDelegateTest, AConfiguredAgentWaitsForTheDesktopsAnswer) {
     settle(200);
     EXPECT_FALSE(delegate->permission()->window());
     EXPECT_TRUE(admin->asked.isEmpty());
-}
-
-// A logout that another program cancels must not leave every later quit granted.
-TEST_F(AppDelegateTest, ALogoutGrantLastsOnlyForThatLogout) {
-    auto delegate = makeDelegate();
-    delegate->applicationDidFinishLaunching();
-    admin->answers = {false, true, false};
-    EXPECT_FALSE(delegate->logoutShouldTerminate(false)) << "granted without asking";
-    EXPECT_FALSE(delegate->logoutShouldTerminate(true));
-    EXPECT_TRUE(delegate->logoutShouldTerminate(true));
-    EXPECT_TRUE(delegate->logoutShouldTerminate(false)) << "the logout's own SIGTERM asked again";
-    EXPECT_TRUE(waitFor([&] { return !delegate->quitAuthorized(); }, 2000))
-        << "the grant outlived the logout";
-    delegate->requestTermination();
-    EXPECT_EQ(admin->asked, QStringList(3, "tech.stonefold.corvimetry.quit"));
 }
 
 // Launched with no tray host, with one, and with one that comes a second after the menu.
