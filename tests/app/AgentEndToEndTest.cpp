@@ -304,7 +304,7 @@ TEST_P(AgentOnDesktops, SignsInRecordsUploadsAndHandsEverythingOver) {
     QString lastOfFirstRun;
     {
         Agent agent(session.env);
-        ASSERT_TRUE(agent.waitForLog("CorviAgent iniciado. DB: " + db)) << agent.log();
+        ASSERT_TRUE(agent.waitForLog("CorviAgent iniciado. DB: " + db + "\n")) << agent.log();
         if (session.x11) {
             ASSERT_NO_FATAL_FAILURE(secondStartShowsTheSettings());
         }
