@@ -267,7 +267,6 @@ TEST(MenuStatusView, DrawsDotTextAndReachabilityWithoutOverlap) {
     const Case cases[] = {
         {"tracking, online", Theme::green(), "Coletando", true},
         {"no permission, offline", Theme::yellow(), "Sem permissão", false},
-        {"paused, offline", Theme::inactive(), "Pausado", false},
         {"long text widens the row", Theme::red(), "A status text far longer than the menu", true},
     };
     for (const Case& c : cases) {
