@@ -110,7 +110,7 @@ TEST_F(AppDelegateTest, LaunchLoadsTheConfigBeforeTheLoginItemAndTheFirstSample)
     EXPECT_EQ(delegate->statusMenu()->pauseItem()->text(), "Resume tracking");
 }
 
-TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermission) {
+TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermissionUntilAGrantedPause) {
     auto delegate = makeDelegate();
     // Each row is a new state, so each opens a session of its own and adds one pending.
     const struct {
@@ -144,7 +144,36 @@ TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermission) {
         EXPECT_EQ(delegate->model().pending(), ++pending);
         EXPECT_EQ(delegate->model().accessibilityOK(), c.permission);
     }
-    EXPECT_EQ(storedSessions().size(), size_t(pending));
+
+    // Pausing asks the gate, resuming never. A quit asked for while the pause prompt is open
+    // is refused, not stacked on top of it.
+    idle->locked = false;  // unlocked, the window is read at every tick
+    admin->onAsk = [&] {
+        admin->onAsk = nullptr;
+        delegate->requestTermination();
+    };
+    admin->answers = {false, true};
+    delegate->togglePause();
+    EXPECT_FALSE(delegate->model().paused() || pausedInConfig()) << "a refused pause was applied";
+    delegate->togglePause();
+    EXPECT_EQ(admin->asked, QStringList(2, "tech.stonefold.corvimetry.pause"));
+    EXPECT_FALSE(delegate->quitAuthorized());
+    EXPECT_TRUE(delegate->model().paused() && pausedInConfig());
+    settle(50);
+    EXPECT_EQ(delegate->statusMenu()->pauseItem()->text(), "Resume tracking");
+
+    // The sampler learns of it at its next tick: it closes the session and reads nothing.
+    const int reads = window->reads;
+    tick(*delegate);
+    EXPECT_EQ(window->reads, reads);
+    EXPECT_FALSE(delegate->sampler()->current().has_value());
+
+    delegate->togglePause();
+    EXPECT_EQ(admin->asked.size(), 2) << "resuming asked for authorization";
+    EXPECT_FALSE(delegate->model().paused() || pausedInConfig());
+    tick(*delegate);
+    EXPECT_TRUE(delegate->sampler()->current().has_value());
+    EXPECT_EQ(storedSessions().size(), size_t(pending + 1));
 }
 
 TEST_F(AppDelegateTest, ALogoutGrantLastsOnlyForThatLogoutAndAGrantedQuitFlushesTheOpenSession) {
@@ -187,40 +216,6 @@ TEST_F(AppDelegateTest, ALogoutGrantLastsOnlyForThatLogoutAndAGrantedQuitFlushes
     EXPECT_EQ(rows[0].samples, atQuit->samples);
     EXPECT_EQ(quitNow(), 0) << "a granted quit is not granted for good";
     EXPECT_EQ(admin->asked, QStringList(3, "tech.stonefold.corvimetry.quit"));
-}
-
-TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
-    auto delegate = makeDelegate();
-    delegate->applicationDidFinishLaunching();
-    tick(*delegate);
-
-    // A quit asked for while the pause prompt is open is refused, not stacked on top of it.
-    admin->onAsk = [&] {
-        admin->onAsk = nullptr;
-        delegate->requestTermination();
-    };
-    admin->answers = {false, true};
-    delegate->togglePause();
-    EXPECT_FALSE(delegate->model().paused() || pausedInConfig()) << "a refused pause was applied";
-    delegate->togglePause();
-    EXPECT_EQ(admin->asked, QStringList(2, "tech.stonefold.corvimetry.pause"));
-    EXPECT_FALSE(delegate->quitAuthorized());
-    EXPECT_TRUE(delegate->model().paused() && pausedInConfig());
-    settle(50);
-    EXPECT_EQ(delegate->statusMenu()->pauseItem()->text(), "Resume tracking");
-
-    // The sampler learns of it at its next tick: it closes the session and reads nothing.
-    const int reads = window->reads;
-    tick(*delegate);
-    EXPECT_EQ(window->reads, reads);
-    EXPECT_FALSE(delegate->sampler()->current().has_value());
-
-    delegate->togglePause();
-    EXPECT_EQ(admin->asked.size(), 2) << "resuming asked for authorization";
-    EXPECT_FALSE(delegate->model().paused() || pausedInConfig());
-    tick(*delegate);
-    EXPECT_TRUE(delegate->sampler()->current().has_value());
-    EXPECT_EQ(storedSessions().size(), 2u);
 }
 
 TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSignInForm) {
