@@ -2,8 +2,10 @@
 
 #include <QAction>
 #include <QDBusVariant>
+#include <QMenu>
 #include <QSystemTrayIcon>
 #include <QTemporaryDir>
+#include <QTest>
 #include <atomic>
 #include <map>
 
@@ -61,6 +63,14 @@ TEST(StatusMenu, ShowsEachStateInItsLanguage) {
         EXPECT_EQ(pauseIcons.try_emplace(c.paused, pauseIcon).first->second, pauseIcon);
     }
     EXPECT_NE(pauseIcons[true], pauseIcons[false]);
+
+    // The status line takes the menu's width, at its own height.
+    menu.menu()->addAction("A menu entry much wider than the status line ever is");
+    menu.menu()->popup(QPoint(20, 20));
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(menu.menu()));
+    EXPECT_EQ(menu.statusView()->height(), 28);
+    EXPECT_GE(menu.statusView()->width(), menu.menu()->actionGeometry(menu.menu()->actions().last()).width());
+    menu.menu()->hide();
 }
 
 // The agent starts at login before the panel. Qt settles the kind of tray when the first tray

@@ -2,10 +2,7 @@
 // measured on their pixels.
 #include <gtest/gtest.h>
 
-#include <QMenu>
 #include <QPainter>
-#include <QTest>
-#include <QWidgetAction>
 #include <cmath>
 #include <vector>
 
@@ -302,23 +299,6 @@ TEST(MenuStatusView, DrawsDotTextAndReachabilityWithoutOverlap) {
         const QColor text = mostOpaque(img, QRect(32, 0, 20, 28));
         EXPECT_TRUE(sameRgb(text, view.textColor(), 3)) << describe(text);
     }
-}
-
-TEST(MenuStatusView, FollowsTheMenuWidthAtFixedHeight) {
-    QMenu menu;
-    auto* view = new MenuStatusView;
-    view->setState(Theme::green(), QStringLiteral("Tracking"), true);
-    auto* action = new QWidgetAction(&menu);
-    action->setDefaultWidget(view);
-    menu.addAction(action);
-    menu.addSeparator();
-    menu.addAction(QStringLiteral("A menu entry much wider than the status line ever is"));
-    menu.popup(QPoint(20, 20));
-    ASSERT_TRUE(QTest::qWaitForWindowExposed(&menu));
-    EXPECT_EQ(view->height(), 28);
-    EXPECT_GT(view->width(), 180);
-    EXPECT_GE(view->width(), menu.actionGeometry(menu.actions().last()).width());
-    menu.hide();
 }
 
 }  // namespace
