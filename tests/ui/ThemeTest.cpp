@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <QDBusVariant>
-#include <QPainter>
 #include <QScreen>
 #include <QTest>
 #include <QWidget>
@@ -10,6 +9,7 @@
 #include "support/BusStandIn.h"
 #include "ui/Appearance.h"
 #include "ui/Theme.h"
+#include "ui/ThemedWidgets.h"
 
 namespace corvi {
 namespace {
@@ -100,12 +100,6 @@ TEST(Theme, PortalAnswerOverridesThePalette) {
     usePalette(false);
 }
 
-// Paints its whole area in the theme's surface colour.
-class Surface : public QWidget {
-  protected:
-    void paintEvent(QPaintEvent*) override { QPainter(this).fillRect(rect(), Theme::surf()); }
-};
-
 // Waits until the middle of `w` on screen shows `c`; names the colour shown when it does not.
 ::testing::AssertionResult shows(QWidget& w, const QColor& c) {
     const auto shown = [&] {
@@ -123,7 +117,7 @@ TEST(Theme, ShownViewRepaintsWhenTheDesktopSwitches) {
     // The portal appearing after us is read without being asked.
     ASSERT_TRUE(QTest::qWaitFor([] { return Theme::isDark(); }));
 
-    Surface view;
+    Capsule view(&Theme::surf);  // filled in the theme's surface colour
     view.resize(80, 50);
     view.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
