@@ -108,10 +108,9 @@ TEST_F(AppDelegateTest, LaunchLoadsTheConfigBeforeTheLoginItemAndTheFirstSample)
     EXPECT_EQ(delegate->model().currentStateLabel(), "\u2014");
     settle(50);
     EXPECT_EQ(delegate->statusMenu()->pauseItem()->text(), "Resume tracking");
-    EXPECT_EQ(log.systemLines.first(), "CorviAgent iniciado. DB: " + dataFolder() + "/corvi.sqlite");
 }
 
-TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermission) {
+TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermissionUntilAGrantedPause) {
     auto delegate = makeDelegate();
     // Each row is a new state, so each opens a session of its own and adds one pending.
     const struct {
@@ -145,49 +144,10 @@ TEST_F(AppDelegateTest, EverySampleSetsLabelPendingAndPermission) {
         EXPECT_EQ(delegate->model().pending(), ++pending);
         EXPECT_EQ(delegate->model().accessibilityOK(), c.permission);
     }
-    EXPECT_EQ(storedSessions().size(), size_t(pending));
-}
 
-TEST_F(AppDelegateTest, AGrantedQuitFlushesTheOpenSessionAndQuits) {
-    // The open session as the application began to quit; connected before the delegate's flush.
-    std::unique_ptr<AppDelegate> delegate;
-    std::optional<SessionRow> atQuit;
-    const auto snapshot = QObject::connect(qApp, &QCoreApplication::aboutToQuit, qApp, [&] {
-        if (delegate && delegate->sampler()) atQuit = delegate->sampler()->current();
-    });
-    const auto cleanup = qScopeGuard([&] { QObject::disconnect(snapshot); });
-    delegate = makeDelegate(0.02);
-    delegate->applicationDidFinishLaunching();
-    const auto samples = [&] {
-        return delegate->sampler()->current() ? delegate->sampler()->current()->samples : 0;
-    };
-    ASSERT_TRUE(waitFor([&] { return samples() >= 2; }));
-
-    // A refusal is the agent end-to-end test's: it sees the agent go on sampling.
-    admin->answers = {true};
-    const auto quitNow = [&] {
-        QTimer::singleShot(0, delegate.get(), &AppDelegate::requestTermination);
-        QTimer::singleShot(5000, qApp, [] { QCoreApplication::exit(7); });
-        return QApplication::exec();
-    };
-    ASSERT_EQ(quitNow(), 0);
-    EXPECT_TRUE(delegate->quitAuthorized());
-    ASSERT_TRUE(atQuit.has_value());
-    EXPECT_FALSE(delegate->sampler()->current().has_value()) << "the open session was not flushed";
-    const auto rows = storedSessions();
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(rows[0].end, atQuit->endTS);
-    EXPECT_EQ(rows[0].samples, atQuit->samples);
-    EXPECT_EQ(quitNow(), 0) << "a granted quit is not granted for good";
-    EXPECT_EQ(admin->asked, QStringList{"tech.stonefold.corvimetry.quit"});
-}
-
-TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
-    auto delegate = makeDelegate();
-    delegate->applicationDidFinishLaunching();
-    tick(*delegate);
-
-    // A quit asked for while the pause prompt is open is refused, not stacked on top of it.
+    // Pausing asks the gate, resuming never. A quit asked for while the pause prompt is open
+    // is refused, not stacked on top of it.
+    idle->locked = false;  // unlocked, the window is read at every tick
     admin->onAsk = [&] {
         admin->onAsk = nullptr;
         delegate->requestTermination();
@@ -213,72 +173,101 @@ TEST_F(AppDelegateTest, PausingAsksTheGateAndResumingNever) {
     EXPECT_FALSE(delegate->model().paused() || pausedInConfig());
     tick(*delegate);
     EXPECT_TRUE(delegate->sampler()->current().has_value());
-    EXPECT_EQ(storedSessions().size(), 2u);
+    EXPECT_EQ(storedSessions().size(), size_t(pending + 1));
 }
 
-TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSignInForm) {
-    for (bool configured : {false, true}) {
-        SCOPED_TRACE(configured ? "configured" : "first run");
-        if (configured)
-            test::writeFile(dataFolder() + "/config.json",
-                            R"({"server_url": "http://127.0.0.1:1", "api_key": "k", "language": "en"})");
-        auto delegate = makeDelegate(3600, 0.2);
-        access->granted = configured;
-        delegate->applicationDidFinishLaunching();
-        PermissionWindowController* permission = delegate->permission();
-        SettingsPopoverController* settings = delegate->settings();
-        ASSERT_TRUE(permission && settings);
-        EXPECT_EQ(settings->isShown(), !configured) << "the sign-in form";
-        EXPECT_TRUE(admin->asked.isEmpty());
-        if (configured) {
-            settle(500);
-            EXPECT_FALSE(permission->window()) << "a window shown with the permission granted";
-            // A desktop that answers a moment after start: no window until it has.
-            access->granted = false;
-            access->stillSettling = true;
-            auto later = makeDelegate(3600, 0.2);
-            later->applicationDidFinishLaunching();
-            settle(300);
-            EXPECT_FALSE(later->permission()->window()) << "shown before the desktop answered";
-            access->granted = true;
-            access->stillSettling = false;
-            EXPECT_TRUE(waitFor([&] { return later->model().accessibilityOK(); }, 1000));
-            EXPECT_FALSE(later->permission()->window());
-            continue;
-        }
-        EXPECT_FALSE(settings->popover()->windowFlags().testFlag(Qt::Popup)) << "a first-run popup";
-        ASSERT_TRUE(permission->isOnScreen());
-        permission->window()->close();
-        EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000))
-            << "the reminder did not show it";
-
-        // The menu's entry closes the shown settings; the window's step 1 opens the desktop's
-        // own place to grant it, else the help page.
-        delegate->statusMenu()->ajustesItem()->trigger();
-        EXPECT_TRUE(waitFor([&] { return !settings->isShown(); }, 1000));
-        EXPECT_EQ(access->grantPlaceOpened, 0) << "opened at launch, before anyone asked";
-        QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
-        EXPECT_EQ(opened, QStringList{QString(build::webAddress) + "/help/linux-permission"});
-        access->hasGrantPlace = true;
-        QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
-        EXPECT_EQ(access->grantPlaceOpened, 2);
-        EXPECT_EQ(opened.size(), 1) << "the help page as well as the desktop's place";
-    }
-}
-
-// A logout that another program cancels must not leave every later quit granted.
-TEST_F(AppDelegateTest, ALogoutGrantLastsOnlyForThatLogout) {
-    auto delegate = makeDelegate();
+TEST_F(AppDelegateTest, ALogoutGrantLastsOnlyForThatLogoutAndAGrantedQuitFlushesTheOpenSession) {
+    // The open session as the application began to quit; connected before the delegate's flush.
+    std::unique_ptr<AppDelegate> delegate;
+    std::optional<SessionRow> atQuit;
+    const auto snapshot = QObject::connect(qApp, &QCoreApplication::aboutToQuit, qApp, [&] {
+        if (delegate && delegate->sampler()) atQuit = delegate->sampler()->current();
+    });
+    const auto cleanup = qScopeGuard([&] { QObject::disconnect(snapshot); });
+    delegate = makeDelegate(0.02);
     delegate->applicationDidFinishLaunching();
-    admin->answers = {false, true, false};
+    const auto samples = [&] {
+        return delegate->sampler()->current() ? delegate->sampler()->current()->samples : 0;
+    };
+    ASSERT_TRUE(waitFor([&] { return samples() >= 2; }));
+
+    // A logout that another program cancels must not leave every later quit granted.
+    admin->answers = {false, true, true};
     EXPECT_FALSE(delegate->logoutShouldTerminate(false)) << "granted without asking";
     EXPECT_FALSE(delegate->logoutShouldTerminate(true));
     EXPECT_TRUE(delegate->logoutShouldTerminate(true));
     EXPECT_TRUE(delegate->logoutShouldTerminate(false)) << "the logout's own SIGTERM asked again";
     EXPECT_TRUE(waitFor([&] { return !delegate->quitAuthorized(); }, 2000))
         << "the grant outlived the logout";
-    delegate->requestTermination();
+
+    // A refused quit is the agent end-to-end test's: it sees the agent go on sampling.
+    const auto quitNow = [&] {
+        QTimer::singleShot(0, delegate.get(), &AppDelegate::requestTermination);
+        QTimer::singleShot(5000, qApp, [] { QCoreApplication::exit(7); });
+        return QApplication::exec();
+    };
+    ASSERT_EQ(quitNow(), 0);
+    EXPECT_TRUE(delegate->quitAuthorized());
+    ASSERT_TRUE(atQuit.has_value());
+    EXPECT_FALSE(delegate->sampler()->current().has_value()) << "the open session was not flushed";
+    const auto rows = storedSessions();
+    ASSERT_EQ(rows.size(), 1u);
+    EXPECT_EQ(rows[0].end, atQuit->endTS);
+    EXPECT_EQ(rows[0].samples, atQuit->samples);
+    EXPECT_EQ(quitNow(), 0) << "a granted quit is not granted for good";
     EXPECT_EQ(admin->asked, QStringList(3, "tech.stonefold.corvimetry.quit"));
+}
+
+TEST_F(AppDelegateTest, MissingPermissionShowsItsWindowAgainAndANewInstallItsSignInForm) {
+    auto delegate = makeDelegate(3600, 0.2);
+    access->granted = false;
+    delegate->applicationDidFinishLaunching();
+    PermissionWindowController* permission = delegate->permission();
+    SettingsPopoverController* settings = delegate->settings();
+    ASSERT_TRUE(settings->isShown()) << "no sign-in form";
+    EXPECT_FALSE(settings->popover()->windowFlags().testFlag(Qt::Popup)) << "a first-run popup";
+    EXPECT_TRUE(admin->asked.isEmpty());
+    ASSERT_TRUE(permission->isOnScreen());
+    permission->window()->close();
+    EXPECT_TRUE(waitFor([&] { return permission->isOnScreen(); }, 1000)) << "the reminder did not show it";
+
+    // The menu's entry closes the shown settings; the window's step 1 opens the desktop's own
+    // place to grant it, else the help page.
+    delegate->statusMenu()->ajustesItem()->trigger();
+    EXPECT_TRUE(waitFor([&] { return !settings->isShown(); }, 1000));
+    EXPECT_EQ(access->grantPlaceOpened, 0) << "opened at launch, before anyone asked";
+    QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
+    EXPECT_EQ(opened, QStringList{QString(build::webAddress) + "/help/linux-permission"});
+    access->hasGrantPlace = true;
+    QTest::mouseClick(permission->view()->openSettingsButton(), Qt::LeftButton);
+    EXPECT_EQ(access->grantPlaceOpened, 2);
+    EXPECT_EQ(opened.size(), 1) << "the help page as well as the desktop's place";
+
+    // Granted: the window closes, and the reminder leaves it closed.
+    access->granted = true;
+    ASSERT_TRUE(
+        waitFor([&] { return !permission->isOnScreen(); }, PermissionWindowController::pollMs + 1000));
+    settle(500);
+    EXPECT_FALSE(permission->isOnScreen()) << "reminded with the permission granted";
+}
+
+// A desktop that answers a moment after start: no window until it has, none once it granted.
+TEST_F(AppDelegateTest, AConfiguredAgentWaitsForTheDesktopsAnswer) {
+    test::writeFile(dataFolder() + "/config.json",
+                    R"({"server_url": "http://127.0.0.1:1", "api_key": "k", "language": "en"})");
+    auto delegate = makeDelegate();
+    access->granted = false;
+    access->stillSettling = true;
+    delegate->applicationDidFinishLaunching();
+    EXPECT_FALSE(delegate->settings()->isShown()) << "the sign-in form for an enrolled agent";
+    settle(300);
+    EXPECT_FALSE(delegate->permission()->window()) << "shown before the desktop answered";
+    access->granted = true;
+    access->stillSettling = false;
+    EXPECT_TRUE(waitFor([&] { return delegate->model().accessibilityOK(); }, 1000));
+    settle(200);
+    EXPECT_FALSE(delegate->permission()->window());
+    EXPECT_TRUE(admin->asked.isEmpty());
 }
 
 // Launched with no tray host, with one, and with one that comes a second after the menu.

@@ -60,8 +60,11 @@ TEST(StatusTabRel, ReadsSecondsThenWholeMinutes) {
         const char* pt;
     };
     const Case cases[] = {
-        {0.9, "0s ago", "há 0s"},       {59, "59s ago", "há 59s"},           {60, "1min ago", "há 1min"},
-        {119, "1min ago", "há 1min"}, {3 * 3600, "180min ago", "há 180min"},
+        {0.9, "0s ago", "há 0s"},
+        {59, "59s ago", "há 59s"},
+        {60, "1min ago", "há 1min"},
+        {119, "1min ago", "há 1min"},
+        {3 * 3600, "180min ago", "há 180min"},
     };
     const double now = 1'800'000'000.25;
     for (const Case& c : cases) {
@@ -76,23 +79,23 @@ TEST_F(SettingsViews, StatusRowsFollowTheModel) {
         bool paused, granted, reachable;
         qint64 pending;
         std::optional<double> ago;
-        QStringList keys, values;
-        std::vector<QColor> dots;  // invalid: no dot
+        QList<QColor> dots;  // of the first three rows; the others have none
         bool grantShown;
+        QString shown;  // each row's "key: value"
     };
+    const QColor g = Theme::green(), y = Theme::yellow(), i = Theme::inactive();
     const Case cases[] = {
-        {"en", false, true, true, 3, 59, {"Tracking", "Accessibility", "Server", "Pending upload", "Last sync"},
-         {"Yes", "Granted", "Connected", "3", "59s ago"}, {Theme::green(), Theme::green(), Theme::green(), {}, {}},
-         false},
-        {"pt", true, false, false, 0, std::nullopt,
-         {"Coletando", "Acessibilidade", "Servidor", "Pendentes de envio", "Última sincronização"},
-         {"Pausado", "Faltando", "Offline", "0", "nunca"}, {Theme::yellow(), Theme::yellow(), Theme::inactive(), {}, {}},
-         true},
-        {"en", false, false, false, 12, std::nullopt, {}, {"Yes", "Missing", "Offline", "12", "never"},
-         {Theme::green(), Theme::yellow(), Theme::inactive(), {}, {}}, true},
+        {"en", false, true, true, 3, 59, QList{g, g, g}, false,
+         "Tracking: Yes | Accessibility: Granted | Server: Connected | "
+         "Pending upload: 3 | Last sync: 59s ago"},
+        {"pt", true, false, false, 0, std::nullopt, QList{y, y, i}, true,
+         "Coletando: Pausado | Acessibilidade: Faltando | Servidor: Offline | "
+         "Pendentes de envio: 0 | Última sincronização: nunca"},
+        {"en", false, false, false, 12, std::nullopt, QList{g, y, i}, true,
+         "Tracking: Yes | Accessibility: Missing | Server: Offline | Pending upload: 12 | Last sync: never"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.lang) + " paused " + std::to_string(c.paused));
+        SCOPED_TRACE(c.shown.toStdString());
         SettingsTabs tabs(model, hooks());
         tabs.setTab(1);
         tabs.show();
@@ -101,20 +104,20 @@ TEST_F(SettingsViews, StatusRowsFollowTheModel) {
         model.setAccessibilityOK(c.granted);
         model.setServerReachable(c.reachable);
         model.setPending(c.pending);
-        model.setLastSync(c.ago ? std::optional(QDateTime::currentMSecsSinceEpoch() / 1000.0 - *c.ago) : std::nullopt);
+        model.setLastSync(c.ago ? std::optional(QDateTime::currentMSecsSinceEpoch() / 1000.0 - *c.ago)
+                                : std::nullopt);
         settle();
         StatusTab* page = tabs.statusTab();
         ASSERT_EQ(tabs.page(), page);
-        for (int i = 0; i < 5; ++i) {
-            if (!c.keys.isEmpty()) {
-                EXPECT_EQ(page->row(i)->key(), c.keys[i]) << i;
-            }
-            EXPECT_EQ(page->row(i)->value(), c.values[i]) << i;
-            EXPECT_EQ(page->row(i)->dot()->isVisible(), c.dots[i].isValid()) << i;
-            if (c.dots[i].isValid()) {
-                EXPECT_EQ(page->row(i)->dot()->color(), c.dots[i]) << i;
+        QStringList shown;
+        for (int r = 0; r < 5; ++r) {
+            shown << page->row(r)->key() + ": " + page->row(r)->value();
+            EXPECT_EQ(page->row(r)->dot()->isVisible(), r < 3) << r;
+            if (r < 3) {
+                EXPECT_EQ(page->row(r)->dot()->color(), c.dots[r]) << r;
             }
         }
+        EXPECT_EQ(shown.join(" | "), c.shown);
         EXPECT_EQ(page->grantButton()->isVisible(), c.grantShown);
         if (c.grantShown) {
             EXPECT_EQ(page->grantButton()->text(), c.lang == std::string("pt") ? "Conceder" : "Grant");
@@ -154,8 +157,9 @@ TEST_F(SettingsViews, ConnectionPageShowsTheAccountUntilDisconnect) {
     EXPECT_EQ(page->notConnectedText()->text(), "Not connected yet. Close and sign in with your account.");
 }
 
-TEST_F(SettingsViews, LanguageButtonsChangeEveryTextAtOnce) {
+TEST_F(SettingsViews, AboutPageSwitchesLanguageAndStartAtLogin) {
     model.setSettingsUnlocked(true);
+    model.setLaunchAtLogin(true);
     SettingsView view(model, hooks());
     view.show();
     settle();
@@ -172,47 +176,36 @@ TEST_F(SettingsViews, LanguageButtonsChangeEveryTextAtOnce) {
         for (auto* b : about->languageButtons()) l << b->text();
         return l << about->title() << about->versionRow()->key();
     };
-    EXPECT_EQ(labels(), QStringList({"Connection", "Status", "About", "System", "PT", "EN", "About", "Version"}));
+    EXPECT_EQ(labels(),
+              QStringList({"Connection", "Status", "About", "System", "PT", "EN", "About", "Version"}));
 
     QTest::mouseClick(about->languageButtons()[1], Qt::LeftButton);
     settle();
     EXPECT_EQ(model.language(), "pt");
-    EXPECT_EQ(labels(), QStringList({"Conexão", "Status", "Sobre", "Sistema", "PT", "EN", "Sobre", "Versão"}));
+    EXPECT_EQ(labels(),
+              QStringList({"Conexão", "Status", "Sobre", "Sistema", "PT", "EN", "Sobre", "Versão"}));
     EXPECT_EQ(about->languageButtons()[1]->fillColor(), Theme::accent());
     EXPECT_EQ(about->languageButtons()[2]->fillColor().alpha(), 0);
 
     QTest::mouseClick(about->languageButtons()[0], Qt::LeftButton);
     EXPECT_EQ(model.language(), "system");
     EXPECT_TRUE(about->uuidText()->text().startsWith("UUID "));
-}
 
-TEST_F(SettingsViews, StartAtLoginSwitchOnlyWithoutAMachineWideEntry) {
-    for (bool wide : {false, true}) {
-        SCOPED_TRACE(wide ? "machine-wide entry" : "no machine-wide entry");
-        machineWide = wide;
-        model.setLaunchAtLogin(true);
-        SettingsTabs tabs(model, hooks());
-        tabs.setTab(2);
-        tabs.show();
-        settle();
-        AboutTab* about = tabs.aboutTab();
-        ASSERT_EQ(about->launchRow()->isVisible(), !wide);
-        if (wide) continue;
-        EXPECT_TRUE(about->launchSwitch()->isOn());
-        QTest::mouseClick(about->launchSwitch(), Qt::LeftButton);
-        settle();
-        EXPECT_FALSE(model.launchAtLogin());
-        EXPECT_FALSE(about->launchSwitch()->isOn());
-        // The knob slides over 0.15 s to the left end.
-        EXPECT_TRUE(waitFor([&] { return about->launchSwitch()->knobOffset() == -8; }, 1000));
-    }
-}
-
-TEST_F(SettingsViews, SignUpLinkOpensTheWebApplication) {
-    SettingsView view(model, hooks());
-    view.show();
-    QTest::mouseClick(view.signUpLink(), Qt::LeftButton);
-    EXPECT_EQ(opened, QStringList{"https://corvi.example/app"});
+    ASSERT_TRUE(about->launchRow()->isVisible());
+    EXPECT_TRUE(about->launchSwitch()->isOn());
+    QTest::mouseClick(about->launchSwitch(), Qt::LeftButton);
+    settle();
+    EXPECT_FALSE(model.launchAtLogin());
+    EXPECT_FALSE(about->launchSwitch()->isOn());
+    // The knob slides over 0.15 s to the left end.
+    EXPECT_TRUE(waitFor([&] { return about->launchSwitch()->knobOffset() == -8; }, 1000));
+    // A machine-wide entry starts it for everyone: no switch of one's own.
+    machineWide = true;
+    SettingsTabs wide(model, hooks());
+    wide.setTab(2);
+    wide.show();
+    settle();
+    EXPECT_FALSE(wide.aboutTab()->launchRow()->isVisible());
 }
 
 // The pixel at the middle of `w`'s left end, a few pixels in, in `shot` of `root`.
@@ -240,6 +233,8 @@ TEST_F(SettingsViews, ScreensPaintThePaletteInLightAndDark) {
         EXPECT_EQ(shot.pixelColor(3, 3), Theme::surf());
         EXPECT_EQ(leftEnd(shot, &form, form.signInButton(), 20), Theme::accent());
         EXPECT_EQ(leftEnd(shot, &form, form.emailField()->capsule(), 20), Theme::surf2());
+        QTest::mouseClick(form.signUpLink(), Qt::LeftButton);
+        EXPECT_EQ(opened, QStringList(dark ? 2 : 1, "https://corvi.example/app"));
 
         model.setSettingsUnlocked(true);
         SettingsView settings(model, hooks());
@@ -269,8 +264,9 @@ TEST_F(SettingsViews, ScreensPaintThePaletteInLightAndDark) {
         EXPECT_EQ(shot.pixelColor(3, 3), Theme::surf());
         EXPECT_EQ(leftEnd(shot, &permission, permission.openSettingsButton(), 10), Theme::accent());
         EXPECT_EQ(permission.statusDot()->color(), dark ? Theme::green() : Theme::yellow());
-        EXPECT_EQ(permission.statusText()->text(), dark ? QString::fromUtf8("Permission granted — thank you!")
-                                                        : QString::fromUtf8("Waiting for the permission… this window closes by itself."));
+        EXPECT_EQ(permission.statusText()->text(),
+                  dark ? QString::fromUtf8("Permission granted — thank you!")
+                       : QString::fromUtf8("Waiting for the permission… this window closes by itself."));
     }
     test::usePalette(false);
 }
