@@ -9,9 +9,9 @@
 #include <QTest>
 
 #include "RefServer.h"
-#include "ScriptedServer.h"
 #include "model/Passcode.h"
 #include "server/Syncer.h"
+#include "support/HttpTestClient.h"
 #include "support/QtPrinters.h"
 
 namespace corvi::refserver {
@@ -36,10 +36,6 @@ QByteArray batch(const QJsonArray& sessions) {
     return QJsonDocument(QJsonObject{{"sessions", sessions}}).toJson(QJsonDocument::Compact);
 }
 
-QJsonObject json(const HttpResult& r) {
-    return QJsonDocument::fromJson(r.body).object();
-}
-
 class RefServerTest : public ::testing::Test {
   protected:
     void SetUp() override { start("4321"); }
@@ -60,24 +56,21 @@ class RefServerTest : public ::testing::Test {
 
     QString base() const { return QStringLiteral("http://127.0.0.1:%1").arg(server->port()); }
 
-    // Through the agent's own client; a null body makes a GET.
-    HttpResult call(const QString& path, const Headers& headers = {}, const QByteArray& body = {}) {
-        QNetworkRequest request(QUrl(base() + path));
-        for (const auto& [name, value] : headers) request.setRawHeader(name, value);
-        if (!body.isNull()) request.setRawHeader("Content-Type", "application/json");
-        return test::exchange(request, body.isNull() ? "GET" : "POST", body);
+    // A null body makes a GET.
+    test::HttpAnswer call(const QString& path, const Headers& headers = {}, const QByteArray& body = {}) {
+        return test::httpCall(body.isNull() ? "GET" : "POST", base() + path, headers, body);
     }
 
     QByteArray token() {
         const auto a = call("/auth/login", {}, R"({"email":"ana@studio.example","password":"s3cret:pw"})");
-        return json(a).value("token").toString().toUtf8();
+        return a.json().value("token").toString().toUtf8();
     }
 
     QByteArray enroll(const char* uid = "UID-1", const char* name = "Mac 1") {
         const QJsonObject machine{{"machine_uid", uid}, {"machine_name", name}};
         const auto a = call("/v1/enroll-self", {{"X-Auth-Token", token()}}, QJsonDocument(machine).toJson());
         EXPECT_EQ(a.status, 200) << a.body.toStdString();
-        return json(a).value("api_key").toString().toUtf8();
+        return a.json().value("api_key").toString().toUtf8();
     }
 
     static Headers bearer(const QByteArray& key) { return {{"Authorization", "Bearer " + key}}; }
@@ -89,7 +82,7 @@ class RefServerTest : public ::testing::Test {
 TEST_F(RefServerTest, SessionsAndMachinesAreKeptPerMachine) {
     const QByteArray key = enroll();
     const auto up = call("/v1/ingest", bearer(key), batch({session(7), session(8)}));
-    EXPECT_EQ(json(up).value("accepted").toInteger(), 2) << up.body.toStdString();
+    EXPECT_EQ(up.json().value("accepted").toInteger(), 2) << up.body.toStdString();
     ASSERT_EQ(call("/v1/ingest", bearer(key), batch({session(7, "end", 1700000700.123456789)})).status, 200);
     ASSERT_EQ(call("/v1/ingest", bearer(enroll("UID-2")), batch({session(7)})).status, 200);
     EXPECT_EQ(server->database().sessionCount(), 3) << "the same local id from another machine is another";
@@ -110,26 +103,26 @@ TEST_F(RefServerTest, SessionsAndMachinesAreKeptPerMachine) {
     enroll("unknown-mac");
     EXPECT_EQ(server->database().machines().size(), 4);
     const auto named = call("/v1/me", bearer(enroll("UID-NAMED", "ana-laptop")));
-    EXPECT_EQ(json(named).value("machine_name").toString(), "Front desk");
-    EXPECT_EQ(json(named).value("employee_name").toString(), "Ana Souza");
+    EXPECT_EQ(named.json().value("machine_name").toString(), "Front desk");
+    EXPECT_EQ(named.json().value("employee_name").toString(), "Ana Souza");
     const auto page = call("/");
     EXPECT_TRUE(page.status == 200 && page.body.contains("Front desk") && page.body.contains("working"));
 }
 
 TEST_F(RefServerTest, PasscodeRecordIsStableAcrossRestartsAndCanBeRemoved) {
     const QByteArray key = enroll();
-    const auto before = json(call("/v1/me", bearer(key))).value("passcode");
+    const auto before = call("/v1/me", bearer(key)).json().value("passcode");
     const QJsonObject record = before.toObject();
     EXPECT_TRUE(
         (Passcode{record["salt"].toString(), record["hash"].toString(), record["iterations"].toInteger()}
              .confere("4321")))
         << "the agent does not take the passcode the server was given";
     start("4321");
-    EXPECT_EQ(json(call("/v1/me", bearer(key))).value("passcode"), before);
+    EXPECT_EQ(call("/v1/me", bearer(key)).json().value("passcode"), before);
     start(std::nullopt);
-    EXPECT_EQ(json(call("/v1/me", bearer(key))).value("passcode"), before);
+    EXPECT_EQ(call("/v1/me", bearer(key)).json().value("passcode"), before);
     start(QString());
-    EXPECT_FALSE(json(call("/v1/me", bearer(key))).contains("passcode"));
+    EXPECT_FALSE(call("/v1/me", bearer(key)).json().contains("passcode"));
 }
 
 TEST_F(RefServerTest, EveryBadRequestIsRefusedWithItsReason) {
@@ -155,7 +148,7 @@ TEST_F(RefServerTest, EveryBadRequestIsRefusedWithItsReason) {
     for (const Case& c : requests) {
         const auto a = call(c.path, c.headers, c.body);
         EXPECT_EQ(a.status, c.status) << c.path << " " << c.body.toStdString();
-        EXPECT_TRUE(json(a).value("error").toString().contains(c.reason)) << a.body.toStdString();
+        EXPECT_TRUE(a.json().value("error").toString().contains(c.reason)) << a.body.toStdString();
     }
 
     auto with = [](const char* k, const QJsonValue& v) { return batch({session(1, k, v)}); };
@@ -182,7 +175,7 @@ TEST_F(RefServerTest, EveryBadRequestIsRefusedWithItsReason) {
     for (const auto& [body, reason] : uploads) {
         const auto a = call("/v1/ingest", bearer(key), body);
         EXPECT_EQ(a.status, 400) << reason;
-        EXPECT_TRUE(json(a).value("error").toString().contains(reason))
+        EXPECT_TRUE(a.json().value("error").toString().contains(reason))
             << reason << ": " << a.body.toStdString();
     }
     EXPECT_EQ(server->database().sessionCount(), 0) << "a refused batch stores nothing";
@@ -217,7 +210,7 @@ TEST_F(RefServerTest, ServesTheUpdatesFolderAndNothingElse) {
         {"/updates/deb13//appcast.xml", 404, {}},
     };
     for (const auto& c : cases) {
-        const HttpResult r = call(c.path);
+        const test::HttpAnswer r = call(c.path);
         EXPECT_EQ(r.status, c.status) << c.path;
         EXPECT_EQ(r.status == 200 ? r.body : QByteArray(), c.body) << c.path;
     }

@@ -134,25 +134,16 @@ TEST_F(ServerLinkTest, FailedSignInLeavesTheModelAsItWas) {
         {"blank in host", "pt", token, key, "http://corvi example", 0, "Endereço inválido."},
         {"not http", "en", token, key, "ftp://corvi.example", 0, "Invalid address."},
         {"login 401", "pt", Script::json(401, R"({"token":"T"})"), key, {}, 1, "E-mail ou senha incorretos."},
-        {"login 201", "en", Script::json(201, R"({"token":"T"})"), key, {}, 1, wrong},
-        {"login redirect", "en", Script::redirect("/auth/login2"), key, {}, 1, wrong},
         {"token a number", "en", Script::json(200, R"({"token":42})"), key, {}, 1, wrong},
         {"token with CR LF", "en", Script::json(200, R"({"token":"T\r\nX: 1"})"), key, {}, 1, wrong},
-        {"login JSON array", "en", Script::json(200, R"([{"token":"T"}])"), key, {}, 1, wrong},
-        {"login invalid JSON", "en", Script::json(200, R"({"token":"T")"), key, {}, 1, wrong},
         {"login never answers", "en", Script::misbehave(Mode::silent), key, {}, 1, wrong},
         {"login 10 MB", "en", Script::misbehave(Mode::hugeWithLength), key, {}, 1, wrong},
-        {"login 10 MB, no length", "en", Script::misbehave(Mode::hugeWithoutLength), key, {}, 1, wrong},
-        {"login hangs up", "en", Script::misbehave(Mode::closeAtOnce), key, {}, 1, wrong},
         {"server down", "en", token, key, test::ScriptedServer::downBase(), 0, wrong},
         {"enroll 500", "pt", token, Script::json(500, R"({"api_key":"K"})"), {}, 2, failedPt},
-        {"enroll redirect", "en", token, Script::redirect("/v1/enroll-self"), {}, 2, failed},
         {"key a number", "en", token, Script::json(200, R"({"api_key":7})"), {}, 2, failed},
         {"key with NUL", "pt", token, Script::json(200, R"({"api_key":"K\u0000"})"), {}, 2, failedPt},
         {"key with a tab", "en", token, Script::json(200, R"({"api_key":"K\tX"})"), {}, 2, failed},
-        {"enroll invalid JSON", "en", token, Script::json(200, "api_key=K"), {}, 2, failed},
         {"enroll never answers", "en", token, Script::misbehave(Mode::silent), {}, 2, failed},
-        {"enroll 10 MB", "en", token, Script::misbehave(Mode::hugeWithLength), {}, 2, failed},
         {"key cannot be saved", "en", token, key, {}, 2, failed, true},
     };
     for (const Case& c : cases) {
@@ -183,7 +174,7 @@ TEST_F(ServerLinkTest, IdentityAnswersUpdateReachabilityLabelAndPasscode) {
         changes.clear();
         model->refreshIdentity();
         EXPECT_TRUE(QTest::qWaitFor([&] { return changes.contains(F::serverReachable); }, 3000));
-        EXPECT_EQ(server.received.size(), 1) << "sent once, also when the server hangs up";
+        EXPECT_EQ(server.received.size(), 1);
         EXPECT_EQ(server.received.value(0).headers.value("authorization"), "Bearer KEY-SECRET");
         return identity();
     };
@@ -204,12 +195,9 @@ TEST_F(ServerLinkTest, IdentityAnswersUpdateReachabilityLabelAndPasscode) {
     const std::pair<const char*, Script> failures[] = {
         {"401", Script::json(401, "{}")},
         {"201", Script::json(201, R"({"employee_name":"X"})")},
-        {"redirect", Script::redirect("/v1/me2")},
         {"invalid JSON", Script::json(200, R"({"employee_name":)")},
         {"JSON array", Script::json(200, R"([{"employee_name":"X"}])")},
         {"never answers", Script::misbehave(Mode::silent)},
-        {"10 MB", Script::misbehave(Mode::hugeWithLength)},
-        {"hangs up", Script::misbehave(Mode::closeAtOnce)},
     };
     for (const auto& [name, answer] : failures)
         EXPECT_EQ(refresh(answer, false), "Old | s/h/1000 | unreachable | unsaved") << name;
@@ -240,7 +228,6 @@ TEST_F(ServerLinkTest, BacklogIsSentInBatchesWithTheirHeadersAndMarkedSynced) {
     EXPECT_EQ(r.headers.value("content-type"), "application/json");
     EXPECT_EQ(r.headers.value("authorization"), "Bearer KEY-SECRET");
     EXPECT_EQ(r.headers.value("x-agent-version"), AppModel::versaoAgente().toUtf8());
-    EXPECT_EQ(r.headers.value("x-agent-platform"), "linux");
     EXPECT_FALSE(r.body.contains('\n')) << "not pretty-printed";
 }
 
@@ -339,26 +326,19 @@ TEST_F(ServerLinkTest, NothingIsSentWithoutRowsOrAUsableAddressAndKey) {
                            prefix + "http://corvi.example" + cleartext}));
 }
 
-TEST_F(ServerLinkTest, OneUploadInFlightAtMost) {
+TEST_F(ServerLinkTest, StartTicksAtOnceThenOnTheIntervalWithOneUploadInFlightAtMost) {
     connectTo(server.base(), "en");
     addRows(2);
     server.script("/v1/ingest", Script::misbehave(Mode::silent));
-    syncer.tick();
-    ASSERT_TRUE(syncer.inFlight());
-    addRows(1);
-    syncer.tick();
-    EXPECT_EQ(model->pending(), 3) << "the pending count is refreshed while a batch is out";
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !syncer.inFlight(); }, 3000));
-    EXPECT_EQ(server.received.size(), 1);
-}
-
-TEST_F(ServerLinkTest, StartTicksAtOnceAndThenOnTheInterval) {
-    connectTo(server.base(), "en");
-    addRows(1);
-    server.script("/v1/ingest", Script::json(500, "{}"));
-    Syncer fast(store, *model, 0.15);
+    Syncer fast(store, *model, 0.1);
+    fast.setTimeoutMs(1000);
     fast.start();
     EXPECT_TRUE(fast.inFlight()) << "the first tick runs inside start";
+    addRows(1);
+    QTest::qWait(350);
+    EXPECT_EQ(model->pending(), 3) << "the pending count is refreshed while a batch is out";
+    EXPECT_EQ(server.received.size(), 1);
+    server.script("/v1/ingest", Script::json(500, "{}"));
     EXPECT_TRUE(QTest::qWaitFor([&] { return server.received.size() >= 3; }, 3000));
 }
 

@@ -42,6 +42,11 @@ std::vector<std::int64_t> idsOf(const std::vector<Unsynced>& rows) {
     return ids;
 }
 
+auto fields(const Unsynced& u) {
+    return std::tie(u.id, u.start, u.end, u.bundleID, u.appName, u.windowTitle, u.category, u.state, u.avgCPU,
+                    u.maxCPU, u.idleAtEnd, u.samples);
+}
+
 mode_t modeOf(const QString& path) {
     struct stat st {};
     return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? (st.st_mode & 07777) : 0;
@@ -122,19 +127,10 @@ TEST_F(StoreTest, StoredRowReadsBackFieldByField) {
         const std::int64_t id = store.openSession(c.row);
         const auto rows = store.fetchUnsynced(1);
         ASSERT_EQ(rows.size(), 1u) << c.name;
-        const Unsynced& u = rows.front();
-        EXPECT_EQ(u.id, id) << c.name;
-        EXPECT_EQ(u.start, stored(c.row.startTS)) << c.name;
-        EXPECT_EQ(u.end, stored(c.row.endTS)) << c.name;
-        EXPECT_EQ(u.bundleID, c.row.bundleID) << c.name;
-        EXPECT_EQ(u.appName, c.row.appName) << c.name;
-        EXPECT_EQ(u.windowTitle, c.row.windowTitle) << c.name;
-        EXPECT_EQ(u.category, rawValue(c.row.category)) << c.name;
-        EXPECT_EQ(u.state, rawValue(c.row.state)) << c.name;
-        EXPECT_EQ(u.avgCPU, c.avgCPU) << c.name;
-        EXPECT_EQ(u.maxCPU, stored(c.row.maxCPU)) << c.name;
-        EXPECT_EQ(u.idleAtEnd, stored(c.row.idleAtEnd)) << c.name;
-        EXPECT_EQ(u.samples, c.samples) << c.name;
+        const Unsynced expected(id, stored(c.row.startTS), stored(c.row.endTS), c.row.bundleID, c.row.appName,
+                                c.row.windowTitle, rawValue(c.row.category), rawValue(c.row.state), c.avgCPU,
+                                stored(c.row.maxCPU), stored(c.row.idleAtEnd), c.samples);
+        EXPECT_EQ(fields(rows.front()), fields(expected)) << c.name;
         store.markSynced({id});
     }
     EXPECT_EQ(store.pendingCount(), 0);
