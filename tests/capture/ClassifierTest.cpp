@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QStringList>
-
 #include "capture/Classifier.h"
 
 namespace corvi {
@@ -61,29 +59,6 @@ TEST(Classifier, StateRuleWithInclusiveThresholds) {
     const Classifier classifier;
     for (const auto& c : cases)
         EXPECT_EQ(classifier.state(c.locked, c.idle, c.cpu, c.category), c.expected) << c.name;
-}
-
-// The IDs Linux applications send: Flatpak IDs, desktop-file IDs, window classes.
-TEST(Classifier, LinuxApplicationsByTheIdsTheySend) {
-    const std::pair<AppCategory, QString> cases[] = {
-        {AppCategory::work,
-         "org.gimp.GIMP Gimp Gimp-2.10 org.kde.krita krita org.inkscape.Inkscape Inkscape "
-         "org.darktable.Darktable Darktable com.rawtherapee.RawTherapee RawTherapee net.scribus.Scribus "
-         "scribus org.kde.digikam digikam org.entangle_photo.Manager Entangle"},
-        {AppCategory::browser,
-         "firefox-esr firefox org.mozilla.firefox chromium org.chromium.Chromium google-chrome "
-         "com.google.Chrome brave-browser com.brave.Browser microsoft-edge com.microsoft.Edge opera "
-         "vivaldi-stable com.vivaldi.Vivaldi org.gnome.Epiphany org.kde.falkon librewolf "
-         "io.gitlab.librewolf-community"},
-        {AppCategory::communication,
-         "thunderbird org.mozilla.Thunderbird org.gnome.Evolution org.kde.kmail2 com.slack.Slack Slack "
-         "teams-for-linux com.github.IsmaelMartinez.teams_for_linux org.telegram.desktop TelegramDesktop "
-         "org.signal.Signal signal-desktop com.discordapp.Discord discord us.zoom.Zoom zoom"},
-        {AppCategory::other, "org.gnome.Nautilus xterm org.kde.dolphin org.mozilla org.kde"},
-    };
-    for (const auto& [category, ids] : cases)
-        for (const QString& id : ids.split(u' '))
-            EXPECT_EQ(Classifier::category(id), category) << id.toStdString();
 }
 
 }  // namespace

@@ -75,7 +75,7 @@ class SamplerTest : public ::testing::Test {
     std::vector<Sample> updates;
 };
 
-TEST_F(SamplerTest, FirstTickOpensASessionAndLaterTicksMeasureCpuAndAccumulate) {
+TEST_F(SamplerTest, TicksOpenASessionMeasureCpuAndAccumulateUntilAPauseFlushesIt) {
     desktop.front->windowTitle = "● Untitled-1 — 1024 × 768";
     desktop.idle = 4.5;
     cpu->totals[42] = 7 * sec;
@@ -110,6 +110,22 @@ TEST_F(SamplerTest, FirstTickOpensASessionAndLaterTicksMeasureCpuAndAccumulate) 
     EXPECT_EQ(row.samples, 3);
     EXPECT_EQ(row.idleAtEnd, 2);
     EXPECT_EQ(store.writes[1].row.samples, 2);
+
+    // Paused, it writes the row once more, reads nothing, and a resume opens a new session.
+    bool paused = true;
+    sampler->isPaused = [&] { return paused; };
+    const int reads = desktop.reads;
+    for (int i = 0; i < 3; ++i) tickLater();
+    EXPECT_EQ(store.shape(), "I1 U1 U1 U1");
+    EXPECT_EQ(store.writes.back().row.samples, 3);
+    EXPECT_FALSE(sampler->current());
+    EXPECT_EQ(sampler->currentID(), -1);
+    EXPECT_EQ(updates.size(), 3u);
+    EXPECT_EQ(desktop.reads, reads);
+    paused = false;
+    tickLater();
+    EXPECT_EQ(store.shape(), "I1 U1 U1 U1 I2");
+    EXPECT_EQ(updates.size(), 4u);
 }
 
 TEST_F(SamplerTest, WhatExtendsASessionAndWhatOpensTheNext) {
@@ -184,29 +200,6 @@ TEST_F(SamplerTest, UserGoingAwayClosesWorkAndOpensIdleOrRendering) {
         EXPECT_EQ(store.writes[2].row.idleAtEnd, 177) << c.name;
         EXPECT_EQ(store.writes[3].row.idleAtEnd, 180) << c.name;
     }
-}
-
-TEST_F(SamplerTest, PauseFlushesOnceReadsNothingAndResumeOpensANewSession) {
-    bool paused = false;
-    sampler->isPaused = [&] { return paused; };
-    sampler->tick();
-    tickLater();
-    const int reads = desktop.reads;
-    const std::size_t samples = updates.size();
-
-    paused = true;
-    for (int i = 0; i < 3; ++i) tickLater();
-    EXPECT_EQ(store.shape(), "I1 U1 U1");
-    EXPECT_EQ(store.writes.back().row.samples, 2);
-    EXPECT_FALSE(sampler->current());
-    EXPECT_EQ(sampler->currentID(), -1);
-    EXPECT_EQ(updates.size(), samples);
-    EXPECT_EQ(desktop.reads, reads);
-
-    paused = false;
-    tickLater();
-    EXPECT_EQ(store.shape(), "I1 U1 U1 I2");
-    EXPECT_EQ(updates.size(), samples + 1);
 }
 
 TEST_F(SamplerTest, ProbeGapsGiveNeutralValues) {
