@@ -23,20 +23,7 @@ namespace {
 
 using test::queryRows;
 using test::ReadOnly;
-
-SessionRow session(double start, std::int64_t samples = 1) {
-    return {.startTS = start,
-            .endTS = start + 3.0 * double(samples - 1),
-            .bundleID = "com.adobe.indesign",
-            .appName = "Adobe InDesign",
-            .windowTitle = "Catalogue.indd",
-            .category = AppCategory::work,
-            .state = ActivityState::working,
-            .sumCPU = 0,
-            .maxCPU = 0,
-            .samples = samples,
-            .idleAtEnd = 0};
-}
+using test::session;
 
 // Each prepares a location in `dir` and answers the database path.
 QString randomBytes(const QDir& d) {

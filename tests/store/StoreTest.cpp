@@ -15,21 +15,7 @@ namespace corvi {
 namespace {
 
 using test::queryRows;
-
-SessionRow session(double start, const char* title = "Untitled-1", std::int64_t samples = 1,
-                   double sumCPU = 0) {
-    return {.startTS = start,
-            .endTS = start,
-            .bundleID = "com.adobe.photoshop",
-            .appName = "Adobe Photoshop",
-            .windowTitle = QString::fromUtf8(title),
-            .category = AppCategory::work,
-            .state = ActivityState::working,
-            .sumCPU = sumCPU,
-            .maxCPU = sumCPU,
-            .samples = samples,
-            .idleAtEnd = 0};
-}
+using test::session;
 
 SessionRow withTitle(SessionRow row, const QString& title) {
     row.windowTitle = title;
@@ -116,10 +102,10 @@ TEST_F(StoreTest, StoredRowReadsBackFieldByField) {
          {2, 2, "locked", "—", "", AppCategory::other, ActivityState::locked, 0, 0, 1, 0},
          0,
          1},
-        {"no samples gives average 0", session(1, "a", 0, 30.0), 0.0, 0},
-        {"count beyond 32 bits is clamped, average uses the true count", session(1, "c", huge, 2.0 * huge),
+        {"no samples gives average 0", session(1, 0, "a", 30.0), 0.0, 0},
+        {"count beyond 32 bits is clamped, average uses the true count", session(1, huge, "c", 2.0 * huge),
          2.0, std::numeric_limits<std::int32_t>::max()},
-        {"negative count is clamped, average 0", session(1, "d", -huge, 5.0), 0.0,
+        {"negative count is clamped, average 0", session(1, -huge, "d", 5.0), 0.0,
          std::numeric_limits<std::int32_t>::min()},
     };
     Store store(file());
@@ -138,7 +124,7 @@ TEST_F(StoreTest, StoredRowReadsBackFieldByField) {
 
 TEST_F(StoreTest, UpdateWritesOnlyGrowingFieldsAndOnlyForAKnownId) {
     Store store(file());
-    SessionRow row = session(100, "Untitled-1", 1, 10);
+    SessionRow row = session(100, 1, "Untitled-1", 10);
     const std::int64_t id = store.openSession(row);
     store.markSynced({id});
     row.endTS = 106;
@@ -190,7 +176,7 @@ TEST_F(StoreTest, RowRewrittenWhileItsBatchIsInFlightStaysUnsynced) {
         store.markSynced(batch);
         return trace.statements;
     };
-    const auto grow = [&] { store.updateSession(2, session(2, "Untitled-1", 2)); };
+    const auto grow = [&] { store.updateSession(2, session(2, 2)); };
     EXPECT_EQ(uploadWhile(grow), QStringList{"UPDATE sessions SET synced=1 WHERE id IN (1,3);"});
     EXPECT_EQ(queryRows(file(), "SELECT id FROM sessions WHERE synced=0;"), QStringList{"2"});
     EXPECT_EQ(uploadWhile(grow), QStringList()) << "a batch of only rewritten rows marks nothing";

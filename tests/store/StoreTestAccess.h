@@ -20,6 +20,22 @@ class StoreTestAccess {
 
 namespace test {
 
+// A working session of one application, from `start` on.
+inline SessionRow session(double start, std::int64_t samples = 1, const char* title = "Untitled-1",
+                          double sumCPU = 0) {
+    return {.startTS = start,
+            .endTS = start,
+            .bundleID = "com.adobe.photoshop",
+            .appName = "Adobe Photoshop",
+            .windowTitle = QString::fromUtf8(title),
+            .category = AppCategory::work,
+            .state = ActivityState::working,
+            .sumCPU = sumCPU,
+            .maxCPU = sumCPU,
+            .samples = samples,
+            .idleAtEnd = 0};
+}
+
 // Collects the text of every statement a connection runs while it lives.
 class StatementTrace {
   public:
