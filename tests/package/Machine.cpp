@@ -95,6 +95,18 @@ EOF)",
     return rows;
 }
 
+QString Machine::service(const QString& property) const {
+    return sh("systemctl --user show -P " + property + " corviagent.service", true).out.trimmed();
+}
+
+QMap<qint64, int> Machine::sessions() const {
+    QMap<qint64, int> rows;
+    for (const QStringList& row :
+         query("/home/studio/.local/share/CorviAgent/corvi.sqlite", "SELECT id, samples FROM sessions"))
+        rows[row[0].toLongLong()] = row[1].toInt();
+    return rows;
+}
+
 bool Machine::startDesktop(QProcess& screen) const {
     // -noreset: Xvfb resets when its last client leaves (xdpyinfo below), refusing clients meanwhile.
     spawn(screen, R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp -noreset &

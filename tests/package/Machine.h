@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QMap>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -39,6 +40,10 @@ class Machine {
     // Every row `sql` answers from the SQLite file at `path` inside, read as the user; columns as
     // text. Empty when it cannot be read.
     QList<QStringList> query(const QString& path, const QString& sql) const;
+    // A property of the user's agent service, as systemctl shows it; empty when it did not answer.
+    QString service(const QString& property) const;
+    // Samples stored per session id in the user's agent database.
+    QMap<qint64, int> sessions() const;
     // A path inside, as seen from this machine (SQLite, which resolves links, cannot open it).
     QString outside(const QString& inside) const { return QString("/proc/%1/root%2").arg(pid_).arg(inside); }
 
