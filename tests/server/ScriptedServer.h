@@ -1,20 +1,14 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <QHash>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTest>
-#include <optional>
-
-#include "server/HttpClient.h"
 
 namespace corvi::test {
 
 // How the scripted server answers one path.
 struct Script {
-    enum class Mode { answer, keepAlive, silent, hugeWithLength, hugeWithoutLength, closeAtOnce };
+    enum class Mode { answer, silent, hugeWithLength, hugeWithoutLength, closeAtOnce };
     int status = 200;
     QByteArray body;
     Mode mode = Mode::answer;
@@ -23,7 +17,6 @@ struct Script {
     static Script json(int status, const QByteArray& body) { return {status, body, Mode::answer, {}}; }
     static Script redirect(const QByteArray& to) { return {301, "{}", Mode::answer, to}; }
     static Script misbehave(Mode mode) { return {200, {}, mode, {}}; }
-    static Script keptAlive(const QByteArray& body) { return {200, body, Mode::keepAlive, {}}; }
 };
 
 struct ReceivedRequest {
@@ -33,8 +26,7 @@ struct ReceivedRequest {
 };
 
 // A raw HTTP/1.1 server on loopback that answers each path as scripted (404 for others) and
-// records what it received. Keeps the connection open, or misbehaves, on request: stays
-// silent, sends 10 MB, hangs up.
+// records what it received. Misbehaves on request: stays silent, sends 10 MB, hangs up.
 class ScriptedServer : public QTcpServer {
   public:
     ScriptedServer() {
@@ -86,18 +78,15 @@ class ScriptedServer : public QTcpServer {
         using Mode = Script::Mode;
         if (script.mode == Mode::silent) return;
         if (script.mode != Mode::closeAtOnce) {
-            const bool keep = script.mode == Mode::keepAlive;
             QByteArray head = "HTTP/1.1 " + QByteArray::number(script.status) +
-                              " Scripted\r\nConnection: " + (keep ? "keep-alive" : "close") +
-                              "\r\nContent-Type: application/json\r\n";
+                              " Scripted\r\nConnection: close\r\nContent-Type: application/json\r\n";
             if (!script.location.isEmpty()) head += "Location: " + script.location + "\r\n";
             QByteArray body = script.body;
-            if (script.mode != Mode::answer && !keep)
+            if (script.mode != Mode::answer)
                 body = "{\"token\":\"" + QByteArray(10 * 1024 * 1024, 'x') + "\"}";
             if (script.mode != Mode::hugeWithoutLength)
                 head += "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
             s->write(head + "\r\n" + body);
-            if (keep) return;
         }
         s->disconnectFromHost();
     }
@@ -105,17 +94,5 @@ class ScriptedServer : public QTcpServer {
     QHash<QByteArray, Script> scripts_;
     QHash<QTcpSocket*, QByteArray> buffers_;
 };
-
-// One request through the agent's own client, its answer waited for.
-inline HttpResult exchange(const QNetworkRequest& request, const QByteArray& method, const QByteArray& body,
-                           int timeoutMs = 5000) {
-    QObject context;  // no answer is delivered once the wait is over
-    std::optional<HttpResult> result;
-    HttpClient::shared().send(request, method, body, timeoutMs, &context,
-                              [&](const HttpResult& r) { result = r; });
-    EXPECT_TRUE(QTest::qWaitFor([&] { return result.has_value(); }, timeoutMs + 1000))
-        << request.url().toString().toStdString();
-    return result.value_or(HttpResult{});
-}
 
 }  // namespace corvi::test
