@@ -80,7 +80,7 @@ class ServerLinkTest : public ::testing::Test {
     QList<F> changes;
 };
 
-TEST_F(ServerLinkTest, SignInEnrollsThenRefreshesIdentity) {
+TEST_F(ServerLinkTest, SignInEnrollsThenRefreshesIdentityAndDisconnectForgetsIt) {
     server.script("/auth/login", Script::json(200, R"({"token":"T-1","user":{"id":3}})"));
     server.script("/v1/enroll-self", Script::json(200, R"({"api_key":"K-9"})"));
     server.script("/v1/me", Script::json(200, R"({"employee_name":"Ana","machine_name":"M1","passcode":)"
@@ -113,6 +113,16 @@ TEST_F(ServerLinkTest, SignInEnrollsThenRefreshesIdentity) {
     EXPECT_EQ(me.headers.value("authorization"), "Bearer K-9");
     EXPECT_EQ(me.headers.value("x-agent-version"), AppModel::versaoAgente().toUtf8());
     EXPECT_EQ(me.headers.value("x-agent-platform"), "linux");
+
+    // Disconnecting forgets the server and locks the settings.
+    model->setSettingsUnlocked(true);
+    changes.clear();
+    model->disconnect();
+    EXPECT_EQ(changes,
+              (QList<F>{F::apiKey, F::serverURL, F::connectedAs, F::serverReachable, F::settingsUnlocked}));
+    EXPECT_FALSE(model->settingsUnlocked());
+    saved.load();
+    EXPECT_FALSE(saved.configured());
 }
 
 TEST_F(ServerLinkTest, FailedSignInLeavesTheModelAsItWas) {
@@ -323,18 +333,6 @@ TEST_F(ServerLinkTest, StartTicksAtOnceThenOnTheIntervalWithOneUploadInFlightAtM
     EXPECT_EQ(server.received.size(), 1);
     server.script("/v1/ingest", Script::json(500, "{}"));
     EXPECT_TRUE(QTest::qWaitFor([&] { return server.received.size() >= 3; }, 3000));
-}
-
-TEST_F(ServerLinkTest, DisconnectForgetsTheServerAndLocksTheSettings) {
-    model->setSettingsUnlocked(true);
-    changes.clear();
-    model->disconnect();
-    EXPECT_EQ(changes,
-              (QList<F>{F::apiKey, F::serverURL, F::connectedAs, F::serverReachable, F::settingsUnlocked}));
-    EXPECT_FALSE(model->settingsUnlocked());
-    AppModel saved(configPath());
-    saved.load();
-    EXPECT_FALSE(saved.configured());
 }
 
 TEST_F(ServerLinkTest, AnswersAfterTheOwnerIsGoneDoNothing) {
