@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -13,6 +12,7 @@
 #include "server/Syncer.h"
 #include "support/HttpTestClient.h"
 #include "support/QtPrinters.h"
+#include "support/TestFiles.h"
 
 namespace corvi::refserver {
 namespace {
@@ -185,14 +185,10 @@ TEST_F(RefServerTest, EveryBadRequestIsRefusedWithItsReason) {
 // in sub-folders, and nothing outside it or hidden.
 TEST_F(RefServerTest, ServesTheUpdatesFolderAndNothingElse) {
     const QString updates = dir.filePath("updates");
-    ASSERT_TRUE(QDir().mkpath(updates + "/deb13/.hidden") && QDir().mkpath(updates + "/apt/dists/trixie"));
-    const auto put = [](const QString& path, const QByteArray& body) {
-        QFile f(path);
-        return f.open(QIODevice::WriteOnly) && f.write(body) == body.size();
-    };
-    ASSERT_TRUE(put(updates + "/deb13/appcast.xml", "<rss/>") &&
-                put(updates + "/apt/dists/trixie/InRelease", "r") &&
-                put(updates + "/deb13/.hidden/key", "k") && put(dir.filePath("secret"), "s"));
+    using test::writeFile;
+    ASSERT_TRUE(writeFile(updates + "/deb13/appcast.xml", "<rss/>") &&
+                writeFile(updates + "/apt/dists/trixie/InRelease", "r") &&
+                writeFile(updates + "/deb13/.hidden/key", "k") && writeFile(dir.filePath("secret"), "s"));
     ASSERT_TRUE(QFile::link(dir.filePath("secret"), updates + "/deb13/link"));
     start("4321", updates);
     const struct {
