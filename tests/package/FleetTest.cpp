@@ -1,20 +1,24 @@
 // A machine of a fleet, for real, in a throwaway copy of this one: the agent installed from
 // the vendor's signed apt repository and upgraded with apt; installed from a package, found a
 // newer version in its HTTPS feed, installed it through PackageKit (or said why not) and came
-// back as that version; then removed and purged. The vendor's server answers as corvimetry.com
-// inside the copy, with a certificate the copy trusts.
+// back as that version, run by the user's systemd service however it was started, back from a
+// crash and gone only on a granted quit; then removed and purged. The vendor's server answers as
+// corvimetry.com inside the copy, with a certificate the copy trusts.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <QDir>
 #include <QElapsedTimer>
 #include <QRegularExpression>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 
 #include "Machine.h"
 #include "support/ChildProcess.h"
 #include "support/EventLoop.h"
+#include "support/TestFiles.h"
 
 namespace corvi {
 namespace {
@@ -25,6 +29,8 @@ using test::waitFor;
 const QString version = CORVI_VERSION, next = CORVI_NEXT_VERSION, tag = CORVI_RELEASE_TAG;
 const QString packages = CORVI_PACKAGES;
 const QString feed = "/srv/updates/linux";
+const QString appID = "tech.stonefold.corvimetry.agent";
+const QString autostart = "/etc/xdg/autostart/" + appID + ".desktop";
 
 QString deb(const QString& name, const QString& v) {
     const QString folder = v == version ? packages : packages + "/next";
@@ -139,24 +145,24 @@ apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q corvia
         "/usr/bin/corviagent /usr/libexec/corviagent/start /usr/lib/systemd/user/corviagent.service "
         "/usr/share/applications/tech.stonefold.corvimetry.agent.desktop "
         "/usr/share/polkit-1/actions/tech.stonefold.corvimetry.policy";
-    const QString machineWide = "/etc/xdg/autostart/tech.stonefold.corvimetry.agent.desktop";
     ASSERT_EQ(
         root("DEBIAN_FRONTEND=noninteractive apt-get remove -y -q corviagent corviagent-autostart").status,
         0);
     EXPECT_EQ(root("for f in " + agentFiles + "; do [ -e $f ] && echo $f; done; true").out, "")
         << "removal left program files";
-    EXPECT_EQ(root("test -e " + machineWide).status, 0) << "removal took the administrator's configuration";
+    EXPECT_EQ(root("test -e " + autostart).status, 0) << "removal took the administrator's configuration";
     EXPECT_EQ(user(userFiles).out, before) << "removal touched a user's files";
 
     ASSERT_EQ(
         root("DEBIAN_FRONTEND=noninteractive apt-get purge -y -q corviagent corviagent-autostart").status, 0);
-    EXPECT_NE(root("test -e " + machineWide).status, 0) << "purge left the machine-wide autostart entry";
+    EXPECT_NE(root("test -e " + autostart).status, 0) << "purge left the machine-wide autostart entry";
     EXPECT_EQ(root("dpkg -l 'corviagent*' 2>/dev/null | grep -c '^.[^n]'").out.trimmed(), "0");
     EXPECT_EQ(user(userFiles).out, before) << "purge touched a user's files";
 }
 
 const QString x = Machine::onDesktop;
 const QString dialog = "^(Atualização do Corvimetry|Corvimetry update)$";
+const QString passcodePrompt = "^(Senha do Corvimetry|Corvimetry password)$";
 
 // What the update path must survive, each with what the log must say; the installed version
 // and the running agent stay as they were.
@@ -190,6 +196,60 @@ class Update : public Fleet {
         user("sed -i '/^LastCheck=/d' ~/.config/CorviAgent/CorviAgent.conf 2>/dev/null; true");
     }
     bool checked() { return user("grep -q '^LastCheck=' ~/.config/CorviAgent/CorviAgent.conf").status == 0; }
+    // The service's agent; 0 when none runs, or when systemctl did not answer (a loaded machine).
+    int agent() const { return machine->service("MainPID").toInt(); }
+    // Another agent than `pid` came up under the service.
+    bool restarted(int pid, int ms) const {
+        return waitFor(
+            [&] {
+                const int now = agent();
+                return now > 0 && now != pid;
+            },
+            ms);
+    }
+    std::string status() const {
+        return user("systemctl --user status corviagent.service").out.toStdString();
+    }
+    QString xdotool(const QString& args) const { return user(x + "xdotool " + args).out.trimmed(); }
+    // An installed desktop entry's command.
+    QString exec(const QString& entry) const {
+        return QRegularExpression("^Exec=(.*)$", QRegularExpression::MultilineOption)
+            .match(QString::fromUtf8(test::readFile(machine->outside(entry))))
+            .captured(1);
+    }
+    // What the desktop does at login: run the machine-wide autostart entry's program.
+    int login() const { return user(x + exec(autostart)).status; }
+    // The agent is down and the service will not bring it back by itself.
+    void down() const {
+        user("systemctl --user kill --signal=SIGKILL corviagent.service");
+        user("systemctl --user stop corviagent.service");
+    }
+    // The service runs the installed program, and brings it back from a kill.
+    ::testing::AssertionResult supervised() const {
+        int pid = 0;
+        if (!waitFor([&] { return (pid = agent()) > 0 && machine->service("ActiveState") == "active"; },
+                     10000))
+            return ::testing::AssertionFailure() << "the service runs no agent\n" << status();
+        const QString exe = root(QString("readlink /proc/%1/exe").arg(pid)).out.trimmed();
+        if (exe != "/usr/bin/corviagent")
+            return ::testing::AssertionFailure() << "the service runs " << exe.toStdString();
+        root(QString("kill -KILL %1").arg(pid));
+        // A loaded machine's disk can hold a killed process in an fsync for seconds before it
+        // dies; systemd restarts it only then.
+        if (!restarted(pid, 30000))
+            return ::testing::AssertionFailure() << "a killed agent stayed down\n" << status();
+        return ::testing::AssertionSuccess();
+    }
+    // Something more was stored since `before`, and every session of it is kept, none shortened.
+    ::testing::AssertionResult storedMore(const QMap<qint64, int>& before) const {
+        if (!waitFor([&] { return machine->sessions() != before; }, 15000))
+            return ::testing::AssertionFailure() << "nothing more stored";
+        const QMap<qint64, int> after = machine->sessions();
+        for (auto row = before.begin(); row != before.end(); ++row)
+            if (after.value(row.key(), -1) < row.value())
+                return ::testing::AssertionFailure() << "session " << row.key() << " lost";
+        return ::testing::AssertionSuccess();
+    }
 };
 
 TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
@@ -266,10 +326,8 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
     ASSERT_NO_FATAL_FAILURE(publish(next, {nextDeb}, false));
     forgetLastCheck();
     ASSERT_EQ(user(x + "/usr/libexec/corviagent/start").status, 0);
-    QString pid;
-    ASSERT_TRUE(waitFor(
-        [&] { return (pid = machine->service("MainPID")) != "0" && !pid.isEmpty() && checked(); }, 15000))
-        << user("systemctl --user status corviagent.service").out.toStdString();
+    int pid = 0;
+    ASSERT_TRUE(waitFor([&] { return (pid = agent()) > 0 && checked(); }, 15000)) << status();
     ASSERT_TRUE(waitFor([&] { return !machine->sessions().isEmpty(); }, 15000)) << "the agent stores nothing";
     test::settle(2000);
     const QMap<qint64, int> before = machine->sessions();
@@ -277,36 +335,88 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
     // What a real update costs, for the record: download and install, then the restart.
     QElapsedTimer clock;
     clock.start();
-    QString now;
     EXPECT_TRUE(waitFor([&] { return installed() == next + "~" + tag + " installed"; }, 90000))
         << installed().toStdString();
     const qint64 installMs = clock.elapsed();
-    EXPECT_TRUE(waitFor(
-        [&] { return (now = machine->service("MainPID")) != "0" && now != pid && !now.isEmpty(); }, 20000))
-        << "the agent did not come back\n"
-        << user("systemctl --user status corviagent.service").out.toStdString();
+    EXPECT_TRUE(restarted(pid, 20000)) << "the agent did not come back\n" << status();
     std::printf("update: downloaded and installed in %lld ms, the new version running %lld ms later\n",
                 installMs, clock.elapsed() - installMs);
     // systemd 257 forks through its executor: the new main pid runs that until it execs ours.
-    const auto exe = [&] { return root("readlink /proc/" + now + "/exe").out.trimmed(); };
+    const auto exe = [&] { return root(QString("readlink /proc/%1/exe").arg(agent())).out.trimmed(); };
     EXPECT_TRUE(waitFor([&] { return exe() == "/usr/bin/corviagent"; }, 5000)) << exe().toStdString();
     EXPECT_EQ(root("/usr/bin/corviagent --version").out.trimmed().section(' ', 1, 1), next);
-    EXPECT_EQ(
-        user(x + "xdotool search --onlyvisible --name '^(Senha do Corvimetry|Corvimetry password)$'").out, "")
-        << "the quit gate asked";
-    // Every session kept, none shortened, on the same database.
-    EXPECT_TRUE(waitFor([&] { return machine->sessions() != before; }, 15000))
-        << "the new version stores nothing";
-    const QMap<qint64, int> after = machine->sessions();
-    for (auto row = before.begin(); row != before.end(); ++row)
-        EXPECT_GE(after.value(row.key(), -1), row.value()) << "session " << row.key() << " lost";
+    EXPECT_EQ(xdotool("search --onlyvisible --name '" + passcodePrompt + "'"), "") << "the quit gate asked";
+    EXPECT_TRUE(storedMore(before)) << "on the same database";
+
+    // However it is started, the user service runs it: a user's autostart entry of an earlier
+    // version, which started the program itself and shadows the machine-wide entry of the same
+    // name, is made to run the starter; the machine-wide entry; the menu; a terminal.
+    const QString userEntry = "/home/studio/.config/autostart/" + appID + ".desktop";
+    const QString starter = "/usr/libexec/corviagent/start";
+    const Machine::Run prepared = user(
+        "mkdir -p ~/.config/autostart && printf '[Desktop Entry]\\nType=Application\\nName=CorviAgent\\n"
+        "Exec=\"/usr/bin/corviagent\"\\nX-GNOME-Autostart-enabled=true\\n' > " +
+        userEntry);
+    ASSERT_EQ(prepared.status, 0) << prepared.out.toStdString();
+    for (const QString& entry :
+         {userEntry, userEntry, autostart, "/usr/share/applications/" + appID + ".desktop", QString()}) {
+        down();
+        EXPECT_EQ(user(x + (entry.isEmpty() ? "corviagent" : exec(entry))).status, 0) << entry.toStdString();
+        EXPECT_TRUE(supervised()) << entry.toStdString();
+    }
+    EXPECT_EQ(exec(userEntry), "\"" + starter + "\"") << "the earlier entry was not rewritten";
+    EXPECT_TRUE(test::readFile(machine->outside(userEntry)).contains("\nTryExec=" + starter.toUtf8() + "\n"));
+
+    // Started at login, once however often, it comes back from a crash on its database.
+    // SIGHUP and SIGPIPE count as clean ends for Restart=on-failure: they must bring it back too.
+    down();
+    ASSERT_EQ(login(), 0);
+    ASSERT_TRUE(waitFor([&] { return (pid = agent()) > 0; }, 10000)) << status();
+    ASSERT_EQ(login(), 0);
+    test::settle(1000);
+    EXPECT_EQ(agent(), pid) << "a second start replaced the agent";
+    for (int signal : {SIGKILL, SIGSEGV, SIGHUP}) {
+        const QMap<qint64, int> stored = machine->sessions();
+        ASSERT_GT(pid = agent(), 0) << status();
+        root(QString("kill -%1 %2").arg(signal).arg(pid));
+        EXPECT_TRUE(restarted(pid, 10000)) << strsignal(signal) << " left it down\n" << status();
+        EXPECT_TRUE(storedMore(stored)) << "after " << strsignal(signal);
+    }
+
+    // A SIGTERM (a stop, a logout, kill) asks for the passcode; granted, the agent ends with 0.
+    ASSERT_GT(pid = agent(), 0) << status();
+    root(QString("kill -TERM %1").arg(pid));
+    QString prompt;
+    ASSERT_TRUE(waitFor(
+        [&] { return !(prompt = xdotool("search --onlyvisible --name '" + passcodePrompt + "'")).isEmpty(); },
+        10000))
+        << "no passcode prompt";
+    ASSERT_TRUE(waitFor([&] { return xdotool("getactivewindow") == prompt; }, 3000));
+    xdotool("type 4321; xdotool key Return");
+    ASSERT_TRUE(waitFor([&] { return machine->service("ActiveState") == "inactive"; }, 10000)) << status();
+    test::settle(4000);  // past RestartSec
+    EXPECT_EQ(machine->service("ActiveState") + " " + machine->service("ExecMainStatus"), "inactive 0")
+        << status();
+
+    // Until the next login. A stop then gets no answer at the prompt and kills after its timeout.
+    ASSERT_EQ(login(), 0);
+    ASSERT_TRUE(waitFor([&] { return machine->service("ActiveState") == "active"; }, 10000)) << status();
+    QElapsedTimer stop;
+    stop.start();
+    EXPECT_EQ(user("systemctl --user stop corviagent.service").status, 0);
+    EXPECT_LT(stop.elapsed(), 15000) << "a stop waits for the quit prompt";
+    // Killed after the timeout, the unit is "failed"; the starter resets that at the next login.
+    test::settle(4000);  // past RestartSec
+    EXPECT_TRUE(QStringList({"inactive", "failed"}).contains(machine->service("ActiveState"))) << status();
 
     // Removing the package stops nobody's agent: it goes on until the session ends.
+    ASSERT_EQ(login(), 0);
+    ASSERT_TRUE(waitFor([&] { return (pid = agent()) > 0; }, 10000)) << status();
     ASSERT_EQ(
         root("DEBIAN_FRONTEND=noninteractive apt-get remove -y -q corviagent-autostart corviagent").status,
         0);
     test::settle(5000);
-    EXPECT_EQ(root("kill -0 " + now).status, 0) << "removal ended the running agent";
+    EXPECT_EQ(root(QString("kill -0 %1").arg(pid)).status, 0) << "removal ended the running agent";
     root("pkill -KILL -x corviagent; true");
 }
 
