@@ -1,10 +1,22 @@
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <QDir>
+#include <QFile>
 #include <QFileInfo>
+#include <QMap>
+#include <QProcess>
+#include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <functional>
 #include <limits>
+#include <memory>
+#include <optional>
 
 #include "store/Store.h"
 #include "store/StoreTestAccess.h"
@@ -15,6 +27,7 @@ namespace corvi {
 namespace {
 
 using test::queryRows;
+using test::ReadOnly;
 using test::session;
 
 SessionRow withTitle(SessionRow row, const QString& title) {
@@ -188,6 +201,246 @@ TEST_F(StoreTest, RowRewrittenWhileItsBatchIsInFlightStaysUnsynced) {
     EXPECT_EQ(store.pendingCount(), 1);
     store.markSynced({2});
     EXPECT_EQ(store.pendingCount(), 0);
+}
+
+// Each prepares a location in `dir` and answers the database path.
+QString randomBytes(const QDir& d) {
+    QFile f(d.filePath("corvi.sqlite"));
+    f.open(QIODevice::WriteOnly);
+    QRandomGenerator rng(42);
+    for (int i = 0; i < 8192; ++i) f.putChar(static_cast<char>(rng.bounded(256)));
+    return f.fileName();
+}
+QString twoSessions(const QDir& d) {
+    Store store(d.filePath("corvi.sqlite"));
+    store.openSession(session(100));
+    store.openSession(session(200));
+    store.markSynced({1});
+    return store.path();
+}
+QString headerOverRandomBytes(const QDir& d) {
+    QFile f(twoSessions(d));
+    f.open(QIODevice::ReadWrite);
+    QByteArray bytes = f.read(100);
+    bytes[18] = bytes[19] = 1;  // rollback journal, so a switch to WAL would write
+    QRandomGenerator rng(7);
+    while (bytes.size() < f.size()) bytes += static_cast<char>(rng.bounded(256));
+    f.seek(0);
+    f.write(bytes);
+    return f.fileName();
+}
+QString folderAtPath(const QDir& d) {
+    d.mkdir("corvi.sqlite");
+    return d.filePath("corvi.sqlite");
+}
+QString parentIsAFile(const QDir& d) {
+    QFile f(d.filePath("CorviAgent"));
+    f.open(QIODevice::WriteOnly);
+    return d.filePath("CorviAgent/corvi.sqlite");
+}
+
+QString cannotWriteTheFile(const QString& path, int error) {
+    return "CorviAgent: não é possível gravar o banco de dados " + path + ": " + std::strerror(error);
+}
+
+TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNothing) {
+    struct Case {
+        const char* name;
+        QString (*prepare)(const QDir&);
+        const char* readOnly;  // relative path to make read-only, or nullptr
+        const char* error;     // "%1" is the database path; a final "*" matches any rest
+        int atOpen, later;     // how often the error is logged at open and by the operations after
+        int pending;           // rows the store still reads
+        int reason;            // errno told once in both channels; 0: nothing told
+    };
+    const int refused = -1;  // the read-only path's own refusal: EACCES, or EPERM for root
+    const char* notADatabase = "SQLite: file is not a database";
+    const char* openFailed = "Falha ao abrir SQLite em %1";
+    const char* malformed = "SQLite: database disk image is malformed";
+    const char* cannotWrite = "SQLite: *";  // its words depend on how the folder refuses
+    const Case cases[] = {
+        {"file of random bytes", randomBytes, nullptr, notADatabase, 3, 1, 0, 0},
+        {"database header over random bytes", headerOverRandomBytes, nullptr, malformed, 3, 1, 0, 0},
+        {"path is a folder", folderAtPath, nullptr, openFailed, 1, 0, 0, EISDIR},
+        {"folder is a regular file", parentIsAFile, nullptr, openFailed, 1, 0, 0, ENOTDIR},
+        {"read-only folder without a file", [](const QDir& d) { return d.filePath("corvi.sqlite"); }, ".",
+         openFailed, 1, 0, 0, refused},
+        {"read-only file holding sessions", twoSessions, "corvi.sqlite",
+         "SQLite: attempt to write a readonly database", 0, 1, 1, refused},
+        {"read-only folder holding sessions", twoSessions, ".", cannotWrite, 3, 1, 0, refused},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        QTemporaryDir tmp;
+        const QDir dir(tmp.path());
+        const QString path = c.prepare(dir);
+        std::optional<ReadOnly> readOnly;
+        if (c.readOnly && !readOnly.emplace(dir.filePath(QString::fromUtf8(c.readOnly))).holds()) {
+            std::printf("[  SKIPPED ] %s: this file system lets root write anyway\n", c.name);
+            continue;
+        }
+        const QByteArray before = test::readFile(path);
+        const QString error = QString::fromUtf8(c.error).replace(QStringLiteral("%1"), path);
+        const int reason = c.reason != refused ? c.reason
+                           : ::access(QFile::encodeName(dir.filePath(c.readOnly)).constData(), W_OK) != 0
+                               ? errno
+                               : 0;
+        const QStringList told = c.reason ? QStringList{cannotWriteTheFile(path, reason)} : QStringList();
+        QStringList toldOnStderr;
+        const auto expectLogged = [&](QStringList& lines, int count) {
+            for (const QString& line : lines)
+                if (line.startsWith("CorviAgent: ")) toldOnStderr << line;
+            lines.removeIf([](const QString& line) { return line.startsWith("CorviAgent: "); });
+            EXPECT_EQ(lines.size(), count) << lines.join(u'\n').toStdString();
+            for (const QString& line : lines)
+                EXPECT_TRUE(error.endsWith(u'*') ? line.startsWith(error.chopped(1)) : line == error)
+                    << line.toStdString();
+            lines.clear();
+        };
+
+        test::RecordingLog log;
+        {
+            Store store(path);
+            expectLogged(log.errorLines, c.atOpen);
+            EXPECT_EQ(store.openSession(session(300)), -1);
+            store.updateSession(2, session(200, 5));
+            EXPECT_EQ(store.pendingCount(), c.pending);
+            EXPECT_EQ(store.fetchUnsynced(500).size(), static_cast<size_t>(c.pending));
+            store.markSynced({2});
+            EXPECT_EQ(store.pendingCount(), c.pending);
+            expectLogged(log.errorLines, c.later);
+        }
+        EXPECT_EQ(toldOnStderr, told);
+        EXPECT_EQ(log.systemLines, told);
+        EXPECT_EQ(test::readFile(path), before);
+    }
+}
+
+// Something that runs out of space and later gets some back; `prepare` answers the store's
+// folder inside `root`, empty when this kind cannot be made here.
+struct Disk {
+    const char* name;
+    std::function<QString(const QString& root)> prepare;
+    std::function<void(Store&, const QString&folder)> fill, free;
+    std::function<void(const QString& folder)> release;
+};
+
+// The store's file may not grow past its present size.
+const Disk pageLimit{
+    "page limit", [](const QString& root) { return root; },
+    [](Store& store, const QString& folder) {
+        const QString pages = queryRows(folder + "/corvi.sqlite", "PRAGMA page_count;").value(0);
+        StoreTestAccess::exec(store, ("PRAGMA max_page_count=" + pages.toUtf8() + ";").constData());
+    },
+    [](Store& store, const QString&) { StoreTestAccess::exec(store, "PRAGMA max_page_count=1073741823;"); },
+    [](const QString&) {}};
+
+// A real file system of 512 KiB whose free space a filler file takes up. Mounting needs root.
+const Disk smallTmpfs{
+    "full tmpfs",
+    [](const QString& root) {
+        const QString folder = root + "/small";
+        QDir().mkdir(folder);
+        return ::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", MS_NOSUID | MS_NODEV,
+                       "size=512k,mode=0700") == 0
+                   ? folder
+                   : QString();
+    },
+    [](Store&, const QString& folder) {
+        QFile filler(folder + "/filler");
+        filler.open(QIODevice::WriteOnly);
+        const QByteArray block(4096, 'f');
+        while (filler.write(block) == block.size() && filler.flush()) {
+        }
+    },
+    [](Store&, const QString& folder) { QFile::remove(folder + "/filler"); },
+    [](const QString& folder) { ::umount2(QFile::encodeName(folder).constData(), MNT_DETACH); }};
+
+TEST(StoreFaults, FullDiskRefusesNewRowsAndLosesNoneAndRecovers) {
+    for (const Disk* disk : {&pageLimit, &smallTmpfs}) {
+        SCOPED_TRACE(disk->name);
+        QTemporaryDir tmp;
+        const QString folder = disk->prepare(tmp.path());
+        if (folder.isEmpty()) {
+            std::printf("[  SKIPPED ] %s: cannot be made here\n", disk->name);
+            continue;
+        }
+        const std::unique_ptr<const Disk, std::function<void(const Disk*)>> release(
+            disk, [&](const Disk* d) { d->release(folder); });
+        const QString path = folder + "/corvi.sqlite";
+        test::RecordingLog log;
+        {
+            Store store(path);
+            for (int i = 0; i < 20; ++i) ASSERT_EQ(store.openSession(session(i)), i + 1);
+            disk->fill(store, folder);
+            SessionRow big = session(1000);  // long titles use up whatever room is left quickly
+            big.windowTitle = QString(2000, u'x');
+            bool refused = false;
+            for (int i = 0; i < 200 && !refused; ++i) refused = store.openSession(big) == -1;
+            ASSERT_TRUE(refused) << "the disk never refused a write";
+
+            store.updateSession(1, session(0, 7));
+            const int stored = store.pendingCount();
+            EXPECT_GE(stored, 20);
+            EXPECT_EQ(store.fetchUnsynced(500).size(), static_cast<size_t>(stored));
+
+            disk->free(store, folder);
+            EXPECT_EQ(store.openSession(big), stored + 1);
+            store.updateSession(1, session(0, 8));
+            EXPECT_EQ(store.fetchUnsynced(1).front().samples, 8);
+            EXPECT_EQ(queryRows(path, "SELECT COUNT(*), MIN(id), MAX(id) FROM sessions;"),
+                      QStringList{QStringLiteral("%1|1|%1").arg(stored + 1)});
+            EXPECT_EQ(queryRows(path, "PRAGMA integrity_check;"), QStringList{"ok"});
+        }
+        const QStringList told{cannotWriteTheFile(path, ENOSPC)};
+        EXPECT_EQ(log.errorLines, told) << "once, however many writes were refused";
+        EXPECT_EQ(log.systemLines, told);
+    }
+}
+
+// A writer killed with SIGKILL in the middle of its writes: the file opens cleanly and holds
+// every write the writer saw committed.
+TEST(StoreCrash, KilledWriterLosesNoCommittedSession) {
+    for (const int killAfter : {150, 400, 777}) {
+        SCOPED_TRACE(killAfter);
+        QTemporaryDir tmp;
+        const QString path = tmp.filePath(QStringLiteral("corvi.sqlite"));
+
+        QProcess writer;
+        writer.start(QStringLiteral(STORE_WRITER), {path});
+        ASSERT_TRUE(writer.waitForStarted(5000));
+        QByteArray output;
+        while (output.count('\n') < killAfter && writer.waitForReadyRead(10000)) output += writer.readAll();
+        writer.kill();
+        ASSERT_TRUE(writer.waitForFinished(5000));
+        EXPECT_EQ(writer.exitStatus(), QProcess::CrashExit);
+        output += writer.readAll();
+        ASSERT_GE(output.count('\n'), killAfter);
+
+        // Last committed sample count per session.
+        QMap<qint64, qint64> committed;
+        for (const QByteArray& line : output.split('\n')) {
+            const QList<QByteArray> parts = line.split(' ');
+            if (parts.size() == 2) committed[parts[0].toLongLong()] = parts[1].toLongLong();
+        }
+
+        test::RecordingLog log;
+        Store store(path);
+        EXPECT_TRUE(log.errorLines.isEmpty()) << log.errorLines.join(u'\n').toStdString();
+        EXPECT_EQ(queryRows(path, "PRAGMA integrity_check;"), QStringList{"ok"});
+        std::map<std::int64_t, std::int64_t> stored;
+        for (const Unsynced& u : store.fetchUnsynced(1000000)) stored[u.id] = u.samples;
+        for (auto it = committed.cbegin(); it != committed.cend(); ++it) {
+            ASSERT_TRUE(stored.count(it.key())) << "session " << it.key() << " lost";
+            // The write after the last reported one may have committed too, never less.
+            EXPECT_GE(stored[it.key()], it.value()) << "session " << it.key();
+            EXPECT_LE(stored[it.key()], it.value() + 1) << "session " << it.key();
+        }
+        // At most the one session opened after the last report is more.
+        EXPECT_LE(stored.size(), static_cast<size_t>(committed.size()) + 1);
+        ASSERT_FALSE(stored.empty());
+        EXPECT_EQ(store.openSession(SessionRow{}), stored.rbegin()->first + 1);
+    }
 }
 
 }  // namespace
