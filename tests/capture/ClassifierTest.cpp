@@ -14,8 +14,6 @@ TEST(Classifier, CategoryIsAPrefixTestOnTheLowerCasedId) {
     };
     const Case cases[] = {
         {"com.adobe.photoshop", C::work},
-        {"com.adobe.lightroomclassic", C::work},
-        {"tech.stonefold.ferrodock", C::work},
         {"com.adobe.photoshop.beta", C::work},
         {"com.adobe.photoshopxyz", C::work},  // a prefix needs no dot after it
         {"com.Adobe.Photoshop", C::work},
