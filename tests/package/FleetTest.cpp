@@ -5,17 +5,20 @@
 // crash and gone only on a granted quit; then removed and purged. The vendor's server answers as
 // corvimetry.com inside the copy, with a certificate the copy trusts.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFile>
+#include <QMap>
+#include <QProcess>
 #include <QRegularExpression>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 
-#include "Machine.h"
 #include "support/ChildProcess.h"
 #include "support/EventLoop.h"
 #include "support/TestFiles.h"
@@ -23,8 +26,146 @@
 namespace corvi {
 namespace {
 
-using test::Machine;
 using test::waitFor;
+
+qint64 onlyChild(qint64 pid) {
+    QFile f(QString("/proc/%1/task/%1/children").arg(pid));
+    if (!f.open(QIODevice::ReadOnly)) return 0;
+    const QList<QByteArray> list = f.readAll().simplified().split(' ');
+    return list.size() == 1 ? list.first().toLongLong() : 0;
+}
+
+// A throwaway copy of this machine (tests/support/machine): its own mount, network and PID
+// namespaces over an overlay of /, a system bus, polkit and PackageKit, and a user "studio".
+// Packages are really installed, upgraded and removed there; nothing reaches this machine.
+// Needs root.
+class Machine {
+  public:
+    struct Run {
+        int status = -1;
+        QString out;  // standard output and error, merged
+    };
+
+    // `options` go to the machine script (-m: the user's service manager).
+    explicit Machine(const QStringList& options) {
+        machine_.setProcessChannelMode(QProcess::MergedChannels);
+        // The tree and its build stay in reach wherever they are (a clone under /tmp included).
+        machine_.start(CORVI_MACHINE,
+                       options + QStringList{"-b", CORVI_SOURCE_DIR, "-b", CORVI_BINARY_DIR, "--", "sh", "-c",
+                                             "touch /run/machine/ready; exec sleep infinity"});
+        // The script runs unshare, whose one child is the namespace's first process.
+        const bool found = waitFor(
+            [&] {
+                if (machine_.state() == QProcess::NotRunning) return true;
+                const qint64 unshare = onlyChild(machine_.processId());
+                pid_ = unshare ? onlyChild(unshare) : 0;
+                return pid_ > 0 && sh("test -e /run/machine/ready", false, 5000).status == 0;
+            },
+            60000);
+        if (!found || machine_.state() == QProcess::NotRunning) {
+            error_ = "the machine did not come up: " + QString::fromUtf8(machine_.readAll());
+            pid_ = 0;
+        }
+    }
+    ~Machine() {
+        // unshare --kill-child takes the whole namespace with it; the script then cleans up.
+        if (const qint64 unshare = onlyChild(machine_.processId())) ::kill(pid_t(unshare), SIGKILL);
+        if (!machine_.waitForFinished(20000)) machine_.kill();
+        machine_.waitForFinished(5000);
+    }
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    bool ok() const { return pid_ > 0; }
+    QString error() const { return error_; }
+
+    // A shell script run inside, as root or as the user (with the user's session with -m).
+    Run sh(const QString& script, bool asUser = false, int timeoutMs = 300000) const {
+        QProcess p;
+        p.setProcessChannelMode(QProcess::MergedChannels);
+        p.start("nsenter", enter(script, asUser));
+        const bool done = p.waitForFinished(timeoutMs) && p.exitStatus() == QProcess::NormalExit;
+        if (!done) p.kill();
+        p.waitForFinished(2000);
+        return {done ? p.exitCode() : -1, QString::fromUtf8(p.readAll())};
+    }
+    // The same, left running in `process` (stopped by its owner or with the machine).
+    void spawn(QProcess& process, const QString& script, bool asUser = false) const {
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start("nsenter", enter(script, asUser));
+    }
+    // The user's desktop, left running in `screen`: Xvfb with openbox, a tray and a window
+    // "poster.psd" in front (no shell in it, whose prompt would retitle it). False when it did
+    // not show.
+    bool startDesktop(QProcess& screen) const {
+        // -noreset: Xvfb resets when its last client leaves (xdpyinfo below), refusing clients meanwhile.
+        spawn(screen, R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp -noreset &
+export DISPLAY=:7
+# Clients that come before the display fail: a loaded machine may take more than a second.
+for i in $(seq 300); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
+openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request & xterm -T poster.psd -e sleep infinity & wait)",
+              true);
+        if (waitFor(
+                [&] {
+                    return sh(onDesktop + "xdotool search --onlyvisible --name '^poster.psd$'", true)
+                               .status == 0;
+                },
+                60000))
+            return true;
+        // What ran and what the display held, for the log.
+        const Run seen =
+            sh(onDesktop + "ps -o pid,stat,etime,args -u studio; xwininfo -root -tree | head -40", true);
+        std::fprintf(stderr, "the desktop never showed its window; its processes and windows:\n%s\n",
+                     seen.out.toUtf8().constData());
+        return false;
+    }
+    // Put before a user's command that talks to that desktop.
+    static inline const QString onDesktop = "export DISPLAY=:7 XDG_SESSION_TYPE=x11; ";
+    // A property of the user's agent service, as systemctl shows it; empty when it did not answer.
+    QString service(const QString& property) const {
+        return sh("systemctl --user show -P " + property + " corviagent.service", true).out.trimmed();
+    }
+    // Samples stored per session id in the user's agent database, read as the user.
+    QMap<qint64, int> sessions() const {
+        const Run r = sh(R"(python3 - <<'EOF'
+import sqlite3
+db = sqlite3.connect("/home/studio/.local/share/CorviAgent/corvi.sqlite")
+for row in db.execute("SELECT id, samples FROM sessions"): print(*row)
+EOF)",
+                         true);
+        QMap<qint64, int> rows;
+        if (r.status == 0)
+            for (const QString& line : r.out.split(u'\n', Qt::SkipEmptyParts))
+                rows[line.section(' ', 0, 0).toLongLong()] = line.section(' ', 1, 1).toInt();
+        return rows;
+    }
+    // A path inside, as seen from this machine (SQLite, which resolves links, cannot open it).
+    QString outside(const QString& inside) const { return QString("/proc/%1/root%2").arg(pid_).arg(inside); }
+
+  private:
+    QStringList enter(const QString& script, bool asUser) const {
+        QStringList args{"-t",
+                         QString::number(pid_),
+                         "-m",
+                         "-n",
+                         "-p",
+                         "-r",
+                         "-w",
+                         "--",
+                         "env",
+                         "-i",
+                         "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                         "HOME=/root",
+                         "LANG=C.UTF-8"};
+        if (asUser) args << "as-user";
+        return args << "sh"
+                    << "-c" << script;
+    }
+
+    QProcess machine_;
+    qint64 pid_ = 0;  // the namespace's first process, as this machine numbers it
+    QString error_;
+};
 
 const QString version = CORVI_VERSION, next = CORVI_NEXT_VERSION, tag = CORVI_RELEASE_TAG;
 const QString packages = CORVI_PACKAGES;
