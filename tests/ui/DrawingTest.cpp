@@ -6,7 +6,7 @@
 #include <cmath>
 #include <vector>
 
-#include "ImageProbe.h"
+#include "Palette.h"
 #include "ui/CorviIcon.h"
 #include "ui/CorviLogo.h"
 #include "ui/CorviShape.h"

@@ -8,7 +8,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include "ImageProbe.h"
+#include "Palette.h"
 #include "model/AppModel.h"
 #include "support/EventLoop.h"
 #include "ui/AboutTab.h"

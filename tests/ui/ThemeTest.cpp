@@ -5,7 +5,7 @@
 #include <QTest>
 #include <QWidget>
 
-#include "ImageProbe.h"
+#include "Palette.h"
 #include "support/BusStandIn.h"
 #include "ui/Appearance.h"
 #include "ui/Theme.h"
