@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <numeric>
 
 #include "support/ChildProcess.h"
 #include "support/EventLoop.h"
@@ -381,11 +382,15 @@ class Update : public Fleet {
             return ::testing::AssertionFailure() << "a killed agent stayed down\n" << status();
         return ::testing::AssertionSuccess();
     }
-    // Something more was stored since `before`, and every session of it is kept, none shortened.
+    // More samples were stored since `before`, and every session of it is kept, none shortened.
+    // An empty read is a failed one (the agent always has a session by then), never progress.
     ::testing::AssertionResult storedMore(const QMap<qint64, int>& before) const {
-        if (!waitFor([&] { return machine->sessions() != before; }, 15000))
+        const auto total = [](const QMap<qint64, int>& rows) {
+            return std::accumulate(rows.begin(), rows.end(), 0);
+        };
+        QMap<qint64, int> after;
+        if (!waitFor([&] { return total(after = machine->sessions()) > total(before); }, 15000))
             return ::testing::AssertionFailure() << "nothing more stored";
-        const QMap<qint64, int> after = machine->sessions();
         for (auto row = before.begin(); row != before.end(); ++row)
             if (after.value(row.key(), -1) < row.value())
                 return ::testing::AssertionFailure() << "session " << row.key() << " lost";
@@ -472,6 +477,7 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
     ASSERT_TRUE(waitFor([&] { return !machine->sessions().isEmpty(); }, 15000)) << "the agent stores nothing";
     test::settle(2000);
     const QMap<qint64, int> before = machine->sessions();
+    ASSERT_FALSE(before.isEmpty()) << "the database could not be read";
     ASSERT_TRUE(chooseAndInstall());
     // What a real update costs, for the record: download and install, then the restart.
     QElapsedTimer clock;
@@ -518,6 +524,7 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
     EXPECT_EQ(agent(), pid) << "a second start replaced the agent";
     for (int signal : {SIGKILL, SIGSEGV, SIGHUP}) {
         const QMap<qint64, int> stored = machine->sessions();
+        ASSERT_FALSE(stored.isEmpty()) << "the database could not be read";
         ASSERT_GT(pid = agent(), 0) << status();
         root(QString("kill -%1 %2").arg(signal).arg(pid));
         EXPECT_TRUE(restarted(pid, 10000)) << strsignal(signal) << " left it down\n" << status();

@@ -144,6 +144,7 @@ TEST_F(Packages, ReleasePublishesInTheFeedOfThePackagesReleaseAndPrintsItsKey) {
     // holds such a key, checks the signature, address and length of what a feed offers.
     const Outcome half =
         run("sh", {"-c", "openssl pkey -in " + key + " -pubout -outform DER | tail -c 32 | base64"});
+    ASSERT_EQ(half.out.trimmed().size(), 44) << half.out.toStdString();
     EXPECT_TRUE(release.out.contains("CORVI_UPDATE_KEY=" + half.out)) << release.out.toStdString();
 }
 
