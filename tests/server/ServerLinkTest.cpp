@@ -144,6 +144,7 @@ TEST_F(ServerLinkTest, FailedSignInLeavesTheModelAsItWas) {
         {"blank in host", "pt", token, key, "http://corvi example", 0, "Endereço inválido."},
         {"not http", "en", token, key, "ftp://corvi.example", 0, "Invalid address."},
         {"login 401", "pt", Script::json(401, R"({"token":"T"})"), key, {}, 1, "E-mail ou senha incorretos."},
+        {"login 201", "en", Script::json(201, R"({"token":"T"})"), key, {}, 1, wrong},
         {"token a number", "en", Script::json(200, R"({"token":42})"), key, {}, 1, wrong},
         {"token with CR LF", "en", Script::json(200, R"({"token":"T\r\nX: 1"})"), key, {}, 1, wrong},
         {"login never answers", "en", Script::misbehave(Mode::silent), key, {}, 1, wrong},

@@ -19,9 +19,12 @@
 namespace corvi {
 namespace {
 
-// Where no lock file can be made, and the holder named, the agent end-to-end test looks.
-TEST(InstanceLock, OneHolderAtATime) {
+// The holder named, the agent end-to-end test looks.
+TEST(InstanceLock, OneHolderAtATimeAndNoneWhereNoFileCanBe) {
     QTemporaryDir dir;
+    const InstanceLock nowhere(dir.filePath("missing/folder/corviagent.lock"));
+    EXPECT_FALSE(nowhere.acquired() || nowhere.heldElsewhere()) << "no file is no sign of another agent";
+    EXPECT_EQ(nowhere.error(), ENOENT);
     const QString path = dir.filePath("corviagent.lock");
     {
         InstanceLock first(path);
