@@ -304,7 +304,14 @@ TEST_P(AgentOnDesktops, SignsInRecordsUploadsAndHandsEverythingOver) {
     QString lastOfFirstRun;
     {
         Agent agent(session.env);
-        ASSERT_TRUE(agent.waitForLog("CorviAgent iniciado. DB: " + db + "\n")) << agent.log();
+        // The whole line, as the system log copies it to standard error.
+        const QString started =
+            QString("CorviAgent[%1]: CorviAgent iniciado. DB: %2").arg(agent.p.processId()).arg(db);
+        const auto startedLine = [&] {
+            agent.log();
+            return agent.text.split(u'\n').contains(started);
+        };
+        ASSERT_TRUE(waitFor(startedLine, 10000)) << agent.log();
         if (session.x11) {
             ASSERT_NO_FATAL_FAILURE(secondStartShowsTheSettings());
         }
