@@ -1,6 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QDir>
@@ -15,12 +13,12 @@
 #include <cstring>
 #include <functional>
 #include <limits>
-#include <memory>
 #include <optional>
 
 #include "store/Store.h"
 #include "store/StoreTestAccess.h"
 #include "support/RecordingLog.h"
+#include "support/SmallDisk.h"
 #include "support/TestFiles.h"
 
 namespace corvi {
@@ -44,11 +42,6 @@ std::vector<std::int64_t> idsOf(const std::vector<Unsynced>& rows) {
 auto fields(const Unsynced& u) {
     return std::tie(u.id, u.start, u.end, u.bundleID, u.appName, u.windowTitle, u.category, u.state, u.avgCPU,
                     u.maxCPU, u.idleAtEnd, u.samples);
-}
-
-mode_t modeOf(const QString& path) {
-    struct stat st {};
-    return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
 class StoreTest : public ::testing::Test {
@@ -77,8 +70,9 @@ TEST_F(StoreTest, FreshFileHasTheSchemaAndReopeningKeepsEveryRowWithoutReusingId
         EXPECT_TRUE(store.fetchUnsynced(500).empty());
         for (int i = 0; i < 3; ++i) store.openSession(session(100 + i));
         store.markSynced({2});
-        EXPECT_EQ(modeOf(folder), 0700u);
-        for (const char* suffix : {"", "-wal", "-shm"}) EXPECT_EQ(modeOf(file + suffix), 0600u) << suffix;
+        EXPECT_EQ(test::modeOf(folder), 0700);
+        for (const char* suffix : {"", "-wal", "-shm"})
+            EXPECT_EQ(test::modeOf(file + suffix), 0600) << suffix;
     }
     const QStringList before = queryRows(file, "SELECT * FROM sessions ORDER BY id;");
     {
@@ -316,63 +310,27 @@ TEST(StoreFaults, UnusableLocationGivesLoggedLinesAndNeutralResultsAndChangesNot
     }
 }
 
-// Something that runs out of space and later gets some back; `prepare` answers the store's
-// folder inside `root`, empty when this kind cannot be made here.
-struct Disk {
-    const char* name;
-    std::function<QString(const QString& root)> prepare;
-    std::function<void(Store&, const QString&folder)> fill, free;
-    std::function<void(const QString& folder)> release;
-};
-
-// The store's file may not grow past its present size.
-const Disk pageLimit{
-    "page limit", [](const QString& root) { return root; },
-    [](Store& store, const QString& folder) {
-        const QString pages = queryRows(folder + "/corvi.sqlite", "PRAGMA page_count;").value(0);
-        StoreTestAccess::exec(store, ("PRAGMA max_page_count=" + pages.toUtf8() + ";").constData());
-    },
-    [](Store& store, const QString&) { StoreTestAccess::exec(store, "PRAGMA max_page_count=1073741823;"); },
-    [](const QString&) {}};
-
-// A real file system of 512 KiB whose free space a filler file takes up. Mounting needs root.
-const Disk smallTmpfs{
-    "full tmpfs",
-    [](const QString& root) {
-        const QString folder = root + "/small";
-        QDir().mkdir(folder);
-        return ::mount("tmpfs", QFile::encodeName(folder).constData(), "tmpfs", MS_NOSUID | MS_NODEV,
-                       "size=512k,mode=0700") == 0
-                   ? folder
-                   : QString();
-    },
-    [](Store&, const QString& folder) {
-        QFile filler(folder + "/filler");
-        filler.open(QIODevice::WriteOnly);
-        const QByteArray block(4096, 'f');
-        while (filler.write(block) == block.size() && filler.flush()) {
-        }
-    },
-    [](Store&, const QString& folder) { QFile::remove(folder + "/filler"); },
-    [](const QString& folder) { ::umount2(QFile::encodeName(folder).constData(), MNT_DETACH); }};
-
+// Runs out of space and later gets some back: the store's file may not grow past its present
+// size, or a real file system of 512 KiB fills up (mounting it needs root).
 TEST(StoreFaults, FullDiskRefusesNewRowsAndLosesNoneAndRecovers) {
-    for (const Disk* disk : {&pageLimit, &smallTmpfs}) {
-        SCOPED_TRACE(disk->name);
+    for (const bool realDisk : {false, true}) {
+        SCOPED_TRACE(realDisk ? "full tmpfs" : "page limit");
         QTemporaryDir tmp;
-        const QString folder = disk->prepare(tmp.path());
-        if (folder.isEmpty()) {
-            std::printf("[  SKIPPED ] %s: cannot be made here\n", disk->name);
+        std::optional<test::Tmpfs> tmpfs;
+        if (realDisk && !tmpfs.emplace(tmp.filePath("small"), "512k").mounted()) {
+            std::printf("[  SKIPPED ] full tmpfs: cannot be made here\n");
             continue;
         }
-        const std::unique_ptr<const Disk, std::function<void(const Disk*)>> release(
-            disk, [&](const Disk* d) { d->release(folder); });
-        const QString path = folder + "/corvi.sqlite";
+        const QString path = tmp.filePath(realDisk ? "small/corvi.sqlite" : "corvi.sqlite");
         test::RecordingLog log;
         {
             Store store(path);
             for (int i = 0; i < 20; ++i) ASSERT_EQ(store.openSession(session(i)), i + 1);
-            disk->fill(store, folder);
+            const QByteArray pages = queryRows(path, "PRAGMA page_count;").value(0).toUtf8();
+            if (tmpfs)
+                tmpfs->fill();
+            else
+                StoreTestAccess::exec(store, ("PRAGMA max_page_count=" + pages + ";").constData());
             SessionRow big = session(1000);  // long titles use up whatever room is left quickly
             big.windowTitle = QString(2000, u'x');
             bool refused = false;
@@ -384,7 +342,10 @@ TEST(StoreFaults, FullDiskRefusesNewRowsAndLosesNoneAndRecovers) {
             EXPECT_GE(stored, 20);
             EXPECT_EQ(store.fetchUnsynced(500).size(), static_cast<size_t>(stored));
 
-            disk->free(store, folder);
+            if (tmpfs)
+                tmpfs->free();
+            else
+                StoreTestAccess::exec(store, "PRAGMA max_page_count=1073741823;");
             EXPECT_EQ(store.openSession(big), stored + 1);
             store.updateSession(1, session(0, 8));
             EXPECT_EQ(store.fetchUnsynced(1).front().samples, 8);

@@ -1,4 +1,3 @@
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,42 +12,13 @@
 #include "platform/Paths.h"
 #include "support/QtPrinters.h"
 #include "support/RecordingLog.h"
+#include "support/SmallDisk.h"
 #include "support/TestFiles.h"
 
 namespace {
 
-int modeOf(const QString& path) {
-    struct stat st {};
-    return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? int(st.st_mode & 07777) : -1;
-}
-
-// A small file system of its own at `path` while it lives; mounting needs root.
-class Tmpfs {
-  public:
-    explicit Tmpfs(const QString& path) : path_(QFile::encodeName(path)) {
-        QDir().mkpath(path);
-        mounted_ =
-            ::mount("tmpfs", path_.constData(), "tmpfs", MS_NOSUID | MS_NODEV, "size=64k,mode=0700") == 0;
-    }
-    ~Tmpfs() {
-        if (mounted_) ::umount2(path_.constData(), MNT_DETACH);
-    }
-    Tmpfs(const Tmpfs&) = delete;
-    Tmpfs& operator=(const Tmpfs&) = delete;
-
-    bool mounted() const { return mounted_; }
-    void fill() {
-        QFile filler(QFile::decodeName(path_) + "/filler");
-        filler.open(QIODevice::WriteOnly);
-        const QByteArray block(4096, 'f');
-        while (filler.write(block) == block.size() && filler.flush()) {
-        }
-    }
-
-  private:
-    QByteArray path_;
-    bool mounted_ = false;
-};
+using corvi::test::modeOf;
+using corvi::test::Tmpfs;
 
 TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpIsPrivateAndSaysWhyNot) {
     QTemporaryDir dir;
@@ -98,7 +68,7 @@ TEST(DataFolderTest, LiesInTheDataHomeOrElseInTmpIsPrivateAndSaysWhyNot) {
         {"full file system", at("full"), at("home"), at("full/CorviAgent"), at("full/CorviAgent"),
          cannotWrite("full", ENOSPC),
          [&] {
-             if (!tmpfs.emplace(at("full")).mounted() || !folderIn("full")) return false;
+             if (!tmpfs.emplace(at("full"), "64k").mounted() || !folderIn("full")) return false;
              tmpfs->fill();
              return true;
          }},
