@@ -227,12 +227,7 @@ TEST(X11BareDisplayTest, MissingPiecesGiveNeutralValuesAndThePidNamesTheApp) {
         const XClient::Window w = client.createWindow();
         if (c.netWmPid) client.setCardinal(w, "_NET_WM_PID", static_cast<std::uint32_t>(c.netWmPid));
         client.setActiveWindow(w);
-        const auto info = p.window.current();
-        ASSERT_TRUE(info.has_value());
-        EXPECT_EQ(info->pid, c.pid);
-        EXPECT_EQ(info->bundleID, "unknown");
-        EXPECT_EQ(info->appName, c.appName);
-        EXPECT_EQ(info->windowTitle, QString());
+        test::expectDescribes(p.window, {c.row, {}, QString(), "unknown", c.appName}, c.pid);
         client.destroyWindow(w);
     }
     sleeper.kill();
