@@ -186,7 +186,6 @@ TEST_F(ServerLinkTest, IdentityAnswersUpdateReachabilityLabelAndPasscode) {
         model->refreshIdentity();
         EXPECT_TRUE(QTest::qWaitFor([&] { return changes.contains(F::serverReachable); }, 3000));
         EXPECT_EQ(server.received.size(), 1) << "sent once, also when the server hangs up";
-        EXPECT_EQ(server.received.value(0).headers.value("authorization"), "Bearer KEY-SECRET");
         return identity();
     };
     const std::pair<const char*, const char*> answers[] = {
