@@ -214,7 +214,6 @@ TEST(CorviShape, StretchesTheOpenTraceOverAnyRectangle) {
                 EXPECT_TRUE(path.elementAt(i).isLineTo()) << "point " << i;
             }
         }
-        EXPECT_NE(path.currentPosition(), QPointF(path.elementAt(0)));
     }
 }
 
