@@ -96,9 +96,9 @@ class Machine {
         process.start("nsenter", enter(script, asUser));
     }
     // The user's desktop, left running in `screen`: Xvfb with openbox, a tray and a window
-    // "poster.psd" in front (no shell in it, whose prompt would retitle it). False when it did
-    // not show.
-    bool startDesktop(QProcess& screen) const {
+    // "poster.psd" in front (no shell in it, whose prompt would retitle it). When it did not
+    // show, the failure tells what ran and what the display held.
+    ::testing::AssertionResult startDesktop(QProcess& screen) const {
         // -noreset: Xvfb resets when its last client leaves (xdpyinfo below), refusing clients meanwhile.
         spawn(screen, R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp -noreset &
 export DISPLAY=:7
@@ -112,13 +112,11 @@ openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request 
                                .status == 0;
                 },
                 60000))
-            return true;
-        // What ran and what the display held, for the log.
-        const Run seen =
-            sh(onDesktop + "ps -o pid,stat,etime,args -u studio; xwininfo -root -tree | head -40", true);
-        std::fprintf(stderr, "the desktop never showed its window; its processes and windows:\n%s\n",
-                     seen.out.toUtf8().constData());
-        return false;
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure()
+               << "the desktop never showed its window: " << screen.readAll().toStdString() << "\n"
+               << sh(onDesktop + "ps -o pid,stat,etime,args -u studio; xwininfo -root -tree | head -40", true)
+                      .out.toStdString();
     }
     // Put before a user's command that talks to that desktop.
     static inline const QString onDesktop = "export DISPLAY=:7 XDG_SESSION_TYPE=x11; ";
@@ -404,8 +402,7 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
         user("echo demo | corviagent --sign-in https://corvimetry.com demo@corvi.local");
     ASSERT_EQ(signIn.status, 0) << signIn.out.toStdString();
     QProcess screen;
-    ASSERT_TRUE(machine->startDesktop(screen))
-        << "the desktop did not come up: " << screen.readAll().toStdString();
+    ASSERT_TRUE(machine->startDesktop(screen));
 
     const QString nextDeb = deb("corviagent", next);
     // repack: the next version unpacked to /root/r; rebuild: packed again for the feed; rule:
