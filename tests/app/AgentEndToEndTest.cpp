@@ -48,9 +48,10 @@ struct Agent {
         p.kill();
         p.waitForFinished();
     }
-    std::string log() { return (text += QString::fromUtf8(p.readAllStandardError())).toStdString(); }
+    QString said() { return text += QString::fromUtf8(p.readAllStandardError()); }
+    std::string log() { return said().toStdString(); }
     bool waitForLog(const QString& line) {
-        return waitFor([&] { return QString::fromStdString(log()).contains(line); }, 10000);
+        return waitFor([&] { return said().contains(line); }, 10000);
     }
     bool exited(int ms = 10000) {
         return waitFor([&] { return p.state() == QProcess::NotRunning; }, ms);
@@ -307,11 +308,8 @@ TEST_P(AgentOnDesktops, SignsInRecordsUploadsAndHandsEverythingOver) {
         // The whole line, as the system log copies it to standard error.
         const QString started =
             QString("CorviAgent[%1]: CorviAgent iniciado. DB: %2").arg(agent.p.processId()).arg(db);
-        const auto startedLine = [&] {
-            agent.log();
-            return agent.text.split(u'\n').contains(started);
-        };
-        ASSERT_TRUE(waitFor(startedLine, 10000)) << agent.log();
+        ASSERT_TRUE(waitFor([&] { return agent.said().split(u'\n').contains(started); }, 10000))
+            << agent.log();
         if (session.x11) {
             ASSERT_NO_FATAL_FAILURE(secondStartShowsTheSettings());
         }
@@ -343,7 +341,7 @@ TEST_P(AgentOnDesktops, SignsInRecordsUploadsAndHandsEverythingOver) {
             << agent.log();
         ASSERT_TRUE(session.retitle("firefox-esr", "Previsão do tempo"));
         EXPECT_TRUE(seen("bundle_id = 'firefox-esr' AND window_title = 'Previsão do tempo'")) << agent.log();
-        EXPECT_FALSE(QString::fromStdString(agent.log()).contains("sem suporte")) << agent.log();
+        EXPECT_FALSE(agent.said().contains("sem suporte")) << agent.log();
         if (session.agentShows) {
             ASSERT_NO_FATAL_FAILURE(clickTheTrayIcon(agent));
         }
@@ -434,7 +432,6 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
             std::printf("[  SKIPPED ] %s: cannot be arranged here\n", c.name);
             continue;
         }
-        QProcess agent;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.remove("DISPLAY");
         env.remove("WAYLAND_DISPLAY");
@@ -442,13 +439,13 @@ TEST(CommandLine, AnswersWithoutADisplayAndSaysWhenItNeedsOne) {
         env.insert("LC_ALL", "C.UTF-8");
         env.insert("CORVI_LOG_STDERR", "1");  // the system log copied there: still each line once
         env.remove("LANGUAGE");
-        agent.setProcessEnvironment(env);
-        agent.start(CORVI_AGENT_BIN, c.args);
-        agent.write("password\n");
-        agent.closeWriteChannel();
-        ASSERT_TRUE(agent.waitForFinished(10000));
-        EXPECT_EQ(agent.exitCode(), c.status);
-        const QByteArray said = c.status == 0 ? agent.readAllStandardOutput() : agent.readAllStandardError();
+        Agent agent(env, c.args);
+        agent.p.write("password\n");
+        agent.p.closeWriteChannel();
+        ASSERT_TRUE(agent.exited());
+        EXPECT_EQ(agent.p.exitCode(), c.status);
+        const QByteArray said =
+            c.status == 0 ? agent.p.readAllStandardOutput() : agent.p.readAllStandardError();
         EXPECT_TRUE(said.contains(c.says) && said.contains(c.alsoSays)) << said.constData();
         if (!c.alsoSays.isEmpty()) {
             EXPECT_EQ(said.count(c.alsoSays), 1) << said.constData();

@@ -96,9 +96,9 @@ class Machine {
         process.start("nsenter", enter(script, asUser));
     }
     // The user's desktop, left running in `screen`: Xvfb with openbox, a tray and a window
-    // "poster.psd" in front (no shell in it, whose prompt would retitle it). False when it did
-    // not show.
-    bool startDesktop(QProcess& screen) const {
+    // "poster.psd" in front (no shell in it, whose prompt would retitle it). When it did not
+    // show, the failure tells what ran and what the display held.
+    ::testing::AssertionResult startDesktop(QProcess& screen) const {
         // -noreset: Xvfb resets when its last client leaves (xdpyinfo below), refusing clients meanwhile.
         spawn(screen, R"(Xvfb :7 -screen 0 1280x800x24 -nolisten tcp -noreset &
 export DISPLAY=:7
@@ -112,13 +112,11 @@ openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request 
                                .status == 0;
                 },
                 60000))
-            return true;
-        // What ran and what the display held, for the log.
-        const Run seen =
-            sh(onDesktop + "ps -o pid,stat,etime,args -u studio; xwininfo -root -tree | head -40", true);
-        std::fprintf(stderr, "the desktop never showed its window; its processes and windows:\n%s\n",
-                     seen.out.toUtf8().constData());
-        return false;
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure()
+               << "the desktop never showed its window: " << screen.readAll().toStdString() << "\n"
+               << sh(onDesktop + "ps -o pid,stat,etime,args -u studio; xwininfo -root -tree | head -40", true)
+                      .out.toStdString();
     }
     // Put before a user's command that talks to that desktop.
     static inline const QString onDesktop = "export DISPLAY=:7 XDG_SESSION_TYPE=x11; ";
@@ -157,7 +155,8 @@ EOF)",
                          "-i",
                          "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                          "HOME=/root",
-                         "LANG=C.UTF-8"};
+                         "LANG=C.UTF-8",
+                         "DEBIAN_FRONTEND=noninteractive"};  // nobody answers apt's questions
         if (asUser) args << "as-user";
         return args << "sh"
                     << "-c" << script;
@@ -252,7 +251,7 @@ TEST_F(Fleet, InstallsFromTheAptRepositoryUpgradesRemovesAndPurges) {
     const Machine::Run dayOne = root(R"(set -e
 wget -qO /usr/share/keyrings/corvimetry-archive-keyring.gpg https://corvimetry.com/updates/linux/apt/corvimetry-archive-keyring.gpg
 echo "deb [signed-by=/usr/share/keyrings/corvimetry-archive-keyring.gpg] https://corvimetry.com/updates/linux/apt $(. /etc/os-release && echo "$VERSION_CODENAME") main" > /etc/apt/sources.list.d/corvimetry.list
-apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q corviagent corviagent-autostart)");
+apt-get update -q && apt-get install -y -q corviagent corviagent-autostart)");
     ASSERT_EQ(dayOne.status, 0) << dayOne.out.toStdString();
     EXPECT_EQ(installed(), version + "~" + tag + " installed");
 
@@ -267,8 +266,7 @@ apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q corvia
 
     ASSERT_NO_FATAL_FAILURE(
         publish(next, {deb("corviagent", next), deb("corviagent-autostart", next)}, true));
-    const Machine::Run upgrade =
-        root("apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get upgrade -y -q");
+    const Machine::Run upgrade = root("apt-get update -q && apt-get upgrade -y -q");
     ASSERT_EQ(upgrade.status, 0) << upgrade.out.toStdString();
     EXPECT_EQ(installed(), next + "~" + tag + " installed");
 
@@ -287,16 +285,13 @@ apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q corvia
         "/usr/bin/corviagent /usr/libexec/corviagent/start /usr/lib/systemd/user/corviagent.service "
         "/usr/share/applications/tech.stonefold.corvimetry.agent.desktop "
         "/usr/share/polkit-1/actions/tech.stonefold.corvimetry.policy";
-    ASSERT_EQ(
-        root("DEBIAN_FRONTEND=noninteractive apt-get remove -y -q corviagent corviagent-autostart").status,
-        0);
+    ASSERT_EQ(root("apt-get remove -y -q corviagent corviagent-autostart").status, 0);
     EXPECT_EQ(root("for f in " + agentFiles + "; do [ -e $f ] && echo $f; done; true").out, "")
         << "removal left program files";
     EXPECT_EQ(root("test -e " + autostart).status, 0) << "removal took the administrator's configuration";
     EXPECT_EQ(user(userFiles).out, before) << "removal touched a user's files";
 
-    ASSERT_EQ(
-        root("DEBIAN_FRONTEND=noninteractive apt-get purge -y -q corviagent corviagent-autostart").status, 0);
+    ASSERT_EQ(root("apt-get purge -y -q corviagent corviagent-autostart").status, 0);
     EXPECT_NE(root("test -e " + autostart).status, 0) << "purge left the machine-wide autostart entry";
     EXPECT_EQ(root("dpkg -l 'corviagent*' 2>/dev/null | grep -c '^.[^n]'").out.trimmed(), "0");
     EXPECT_EQ(user(userFiles).out, before) << "purge touched a user's files";
@@ -318,19 +313,14 @@ class Update : public Fleet {
   protected:
     // The menu's "New version" item (the one above Quit), then Install in the window it opens.
     ::testing::AssertionResult chooseAndInstall() {
-        const QString tray = user(x + "xdotool search --onlyvisible --class trayer | head -n1").out.trimmed();
+        const QString tray = xdotool("search --onlyvisible --class trayer | head -n1");
         if (tray.isEmpty()) return ::testing::AssertionFailure() << "no tray";
-        user(x + "xdotool mousemove --window " + tray + " 12 13 click 1; sleep 1; xdotool key Up Up Return");
+        xdotool("mousemove --window " + tray + " 12 13 click 1; sleep 1; xdotool key Up Up Return");
         QString window;
-        if (!waitFor(
-                [&] {
-                    return !(window = user(x + "xdotool search --onlyvisible --name '" + dialog + "'")
-                                          .out.trimmed())
-                                .isEmpty();
-                },
-                10000))
+        if (!waitFor([&] { return !(window = shown(dialog)).isEmpty(); }, 10000))
             return ::testing::AssertionFailure() << "the menu offered no update";
-        user(x + "sleep 1; xdotool windowactivate --sync " + window + " key Return");
+        test::settle(1000);
+        xdotool("windowactivate --sync " + window + " key Return");
         return ::testing::AssertionSuccess();
     }
     // The next check is due at once, as at a first launch.
@@ -353,6 +343,12 @@ class Update : public Fleet {
         return user("systemctl --user status corviagent.service").out.toStdString();
     }
     QString xdotool(const QString& args) const { return user(x + "xdotool " + args).out.trimmed(); }
+    // The visible windows whose title matches `title`, a regular expression.
+    QString shown(const QString& title) const {
+        return xdotool("search --onlyvisible --name '" + title + "'");
+    }
+    // The program a process runs.
+    QString exe(int pid) const { return root(QString("readlink /proc/%1/exe").arg(pid)).out.trimmed(); }
     // An installed desktop entry's command.
     QString exec(const QString& entry) const {
         return QRegularExpression("^Exec=(.*)$", QRegularExpression::MultilineOption)
@@ -372,9 +368,8 @@ class Update : public Fleet {
         if (!waitFor([&] { return (pid = agent()) > 0 && machine->service("ActiveState") == "active"; },
                      10000))
             return ::testing::AssertionFailure() << "the service runs no agent\n" << status();
-        const QString exe = root(QString("readlink /proc/%1/exe").arg(pid)).out.trimmed();
-        if (exe != "/usr/bin/corviagent")
-            return ::testing::AssertionFailure() << "the service runs " << exe.toStdString();
+        if (const QString program = exe(pid); program != "/usr/bin/corviagent")
+            return ::testing::AssertionFailure() << "the service runs " << program.toStdString();
         root(QString("kill -KILL %1").arg(pid));
         // A loaded machine's disk can hold a killed process in an fsync for seconds before it
         // dies; systemd restarts it only then.
@@ -400,16 +395,14 @@ class Update : public Fleet {
 
 TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
     ASSERT_NO_FATAL_FAILURE(start({"-m"}));
-    const Machine::Run install =
-        root("DEBIAN_FRONTEND=noninteractive apt-get install -y -q " + deb("corviagent", version) + " " +
-             deb("corviagent-autostart", version));
+    const Machine::Run install = root("apt-get install -y -q " + deb("corviagent", version) + " " +
+                                      deb("corviagent-autostart", version));
     ASSERT_EQ(install.status, 0) << install.out.toStdString();
     const Machine::Run signIn =
         user("echo demo | corviagent --sign-in https://corvimetry.com demo@corvi.local");
     ASSERT_EQ(signIn.status, 0) << signIn.out.toStdString();
     QProcess screen;
-    ASSERT_TRUE(machine->startDesktop(screen))
-        << "the desktop did not come up: " << screen.readAll().toStdString();
+    ASSERT_TRUE(machine->startDesktop(screen));
 
     const QString nextDeb = deb("corviagent", next);
     // repack: the next version unpacked to /root/r; rebuild: packed again for the feed; rule:
@@ -489,10 +482,10 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
     std::printf("update: downloaded and installed in %lld ms, the new version running %lld ms later\n",
                 installMs, clock.elapsed() - installMs);
     // systemd 257 forks through its executor: the new main pid runs that until it execs ours.
-    const auto exe = [&] { return root(QString("readlink /proc/%1/exe").arg(agent())).out.trimmed(); };
-    EXPECT_TRUE(waitFor([&] { return exe() == "/usr/bin/corviagent"; }, 5000)) << exe().toStdString();
+    EXPECT_TRUE(waitFor([&] { return exe(agent()) == "/usr/bin/corviagent"; }, 5000))
+        << exe(agent()).toStdString();
     EXPECT_EQ(root("/usr/bin/corviagent --version").out.trimmed().section(' ', 1, 1), next);
-    EXPECT_EQ(xdotool("search --onlyvisible --name '" + passcodePrompt + "'"), "") << "the quit gate asked";
+    EXPECT_EQ(shown(passcodePrompt), "") << "the quit gate asked";
     EXPECT_TRUE(storedMore(before)) << "on the same database";
 
     // However it is started, the user service runs it: a user's autostart entry of an earlier
@@ -535,9 +528,7 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
     ASSERT_GT(pid = agent(), 0) << status();
     root(QString("kill -TERM %1").arg(pid));
     QString prompt;
-    ASSERT_TRUE(waitFor(
-        [&] { return !(prompt = xdotool("search --onlyvisible --name '" + passcodePrompt + "'")).isEmpty(); },
-        10000))
+    ASSERT_TRUE(waitFor([&] { return !(prompt = shown(passcodePrompt)).isEmpty(); }, 10000))
         << "no passcode prompt";
     ASSERT_TRUE(waitFor([&] { return xdotool("getactivewindow") == prompt; }, 3000));
     xdotool("type 4321; xdotool key Return");
@@ -560,9 +551,7 @@ TEST_F(Update, ComesBackAsTheNewVersionOrSaysWhyNot) {
     // Removing the package stops nobody's agent: it goes on until the session ends.
     ASSERT_EQ(login(), 0);
     ASSERT_TRUE(waitFor([&] { return (pid = agent()) > 0; }, 10000)) << status();
-    ASSERT_EQ(
-        root("DEBIAN_FRONTEND=noninteractive apt-get remove -y -q corviagent-autostart corviagent").status,
-        0);
+    ASSERT_EQ(root("apt-get remove -y -q corviagent-autostart corviagent").status, 0);
     test::settle(5000);
     EXPECT_EQ(root(QString("kill -0 %1").arg(pid)).status, 0) << "removal ended the running agent";
     root("pkill -KILL -x corviagent; true");

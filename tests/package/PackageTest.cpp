@@ -81,22 +81,20 @@ TEST_F(Packages, HoldWhatAnInstalledAgentNeeds) {
          "/usr/share/gnome-shell/extensions/corviagent@corvimetry.stonefold.tech/metadata.json"},
         {"corviagent-autostart", "/etc/xdg/autostart/" + appID + ".desktop"},
     };
-    for (int size : {16, 32, 48, 64, 128, 256})
-        cases.append({"corviagent", icons + QString("%1x%1/apps/").arg(size) + appID + ".png"});
+    // A PNG's width and height are big-endian at bytes 16 and 20.
+    for (int size : {16, 32, 48, 64, 128, 256}) {
+        const QString png = icons + QString("%1x%1/apps/").arg(size) + appID + ".png";
+        cases.append({"corviagent", png});
+        EXPECT_EQ(test::readFile(file(png)).mid(16, 8).toHex(),
+                  QByteArray::number(size, 16).rightJustified(8, '0').repeated(2))
+            << "the " << size << " px icon";
+    }
     QMap<QString, QString> listings;
     for (const QString& name : QStringList{"corviagent", "corviagent-autostart"})
         listings[name] = run("dpkg-deb", {"-c", package(name)}).out;
     for (const Case& c : cases)
         EXPECT_TRUE(listings[c.package].contains(" ." + c.path + "\n"))
             << c.package.toStdString() << " lacks " << c.path.toStdString();
-
-    // A PNG's width and height are big-endian at bytes 16 and 20.
-    for (int size : {16, 32, 48, 64, 128, 256}) {
-        const QByteArray png =
-            test::readFile(file(icons + QString("%1x%1/apps/").arg(size) + appID + ".png"));
-        EXPECT_EQ(png.mid(16, 8).toHex(), QByteArray::number(size, 16).rightJustified(8, '0').repeated(2))
-            << "the " << size << " px icon";
-    }
     EXPECT_EQ(entry("/usr/share/applications/" + appID + ".desktop", "Icon"), appID);
     EXPECT_TRUE(QFile::exists(file(entry("/etc/xdg/autostart/" + appID + ".desktop", "Exec"))))
         << "the autostart entry starts a program the package does not hold";
