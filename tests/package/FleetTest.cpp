@@ -104,7 +104,15 @@ class Machine {
 export DISPLAY=:7
 # Clients that come before the display fail: a loaded machine may take more than a second.
 for i in $(seq 300); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
-openbox --sm-disable & trayer --edge top --SetDockType true --widthtype request & xterm -T poster.psd -e sleep infinity & wait)",
+openbox --sm-disable &
+# openbox announces itself before it manages windows, and a window mapped in between stays
+# hidden: the poster is opened again until it shows, and the tray comes after it.
+for i in $(seq 10); do
+  xterm -T poster.psd -e sleep infinity & poster=$!
+  for j in $(seq 50); do xdotool search --onlyvisible --name '^poster.psd$' >/dev/null && break 2; sleep 0.1; done
+  kill $poster
+done
+trayer --edge top --SetDockType true --widthtype request & wait)",
               true);
         if (waitFor(
                 [&] {
